@@ -1,0 +1,3 @@
+#include "veltancmat/containers/BoolVector.h"
+
+BoolVector::~BoolVector() = default;
