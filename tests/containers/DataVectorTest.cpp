@@ -1,0 +1,583 @@
+// Storage, sharing, mutation and arithmetic of the data vector.
+#include "veltancmat/containers/NCDataVector.h"
+#include "veltancmat/containers/NCIntegralVector.h"
+#include "veltancmat/platform/NCError.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+template <class T>
+std::vector<T> Values(const NCDataVector<T>& v)
+{
+    return std::vector<T>(v.begin(), v.end());
+}
+
+template <class T>
+int Recount(const NCDataVector<T>& v)
+{
+    int count = 0;
+    for (T x : v)
+        count += x == T(-99) ? 1 : 0;
+    return count;
+}
+
+template <class T>
+bool Aligned(const NCDataVector<T>& v)
+{
+    return v.empty() || reinterpret_cast<std::uintptr_t>(v.begin()) % 16 == 0;
+}
+
+template <class T>
+class VectorTest : public ::testing::Test {};
+using ElementTypes = ::testing::Types<float, double>;
+TYPED_TEST_SUITE(VectorTest, ElementTypes);
+
+// One mutating member applied with random arguments; each returns a label
+// for failure messages.
+template <class T>
+using Mutation = std::function<std::string(NCDataVector<T>&, std::mt19937&)>;
+
+template <class T>
+T RandomValue(std::mt19937& rng)
+{
+    // Missing often enough to matter, and a value pair that sums to -99.
+    switch (std::uniform_int_distribution<int>(0, 5)(rng)) {
+    case 0:
+        return T(-99);
+    case 1:
+        return T(-100);
+    case 2:
+        return T(1);
+    default:
+        return static_cast<T>(std::uniform_real_distribution<double>(-5, 5)(rng));
+    }
+}
+
+template <class T>
+NCDataVector<T> RandomVector(std::mt19937& rng, int n)
+{
+    NCDataVector<T> v(n);
+    for (int i = 1; i <= n; ++i)
+        v(i, RandomValue<T>(rng));
+    return v;
+}
+
+template <class T>
+std::vector<Mutation<T>> AllMutations()
+{
+    auto pos = [](std::mt19937& rng, int n) { return std::uniform_int_distribution<int>(1, std::max(1, n))(rng); };
+    auto other = [](std::mt19937& rng, int n) { return RandomVector<T>(rng, n); };
+    return {
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            if (v.empty())
+                return std::string("write(skipped)");
+            v(pos(rng, v.Size()), RandomValue<T>(rng));
+            return std::string("operator()");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            if (!v.empty())
+                v.SetAndReturn_dMisVal(pos(rng, v.Size()), RandomValue<T>(rng));
+            return std::string("SetAndReturn_dMisVal");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.SetSize(std::uniform_int_distribution<int>(0, 40)(rng));
+            return std::string("SetSize");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.Resize(std::uniform_int_distribution<int>(0, 40)(rng), RandomValue<T>(rng));
+            return std::string("Resize");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.push_back(RandomValue<T>(rng));
+            return std::string("push_back");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.InsertValues(pos(rng, v.Size() + 1), other(rng, 3));
+            return std::string("InsertValues(vector)");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            v.InsertValues(1, v);
+            return std::string("InsertValues(self)");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.InsertValues(pos(rng, v.Size() + 1), 2, RandomValue<T>(rng));
+            return std::string("InsertValues(count)");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            if (v.Size() >= 2) {
+                const int a = pos(rng, v.Size());
+                v.RemoveValues(a, std::min(v.Size(), a + 2));
+            }
+            return std::string("RemoveValues");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.Remove(RandomValue<T>(rng));
+            return std::string("Remove(value)");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.Remove(NCIntegralVector<int, -99>{pos(rng, v.Size()), 1, 99});
+            return std::string("Remove(list)");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            if (!v.empty())
+                v.Reduce(NCIntegralVector<int, -99>{pos(rng, v.Size()), pos(rng, v.Size()), pos(rng, v.Size())});
+            return std::string("Reduce");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            std::vector<T> p{RandomValue<T>(rng), RandomValue<T>(rng), RandomValue<T>(rng)};
+            v.CopyZeroBasedVector(p.data(), 3);
+            return std::string("CopyZeroBasedVector");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.CopyContent(other(rng, 7));
+            return std::string("CopyContent");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.SetAllValues(RandomValue<T>(rng));
+            return std::string("SetAllValues");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            if (v.Size() >= 2)
+                v.SetRange(v.Size() - 1, other(rng, 4), 2, 3);
+            return std::string("SetRange(vector)");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            if (v.Size() >= 3)
+                v.SetRange(2, v, 1, 2);
+            return std::string("SetRange(self)");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.Add(other(rng, v.Size()));
+            return std::string("Add");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.Subtract(other(rng, v.Size()));
+            return std::string("Subtract");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            v.Add(v);
+            return std::string("Add(self)");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v += static_cast<double>(RandomValue<T>(rng));
+            return std::string("+=d");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            v -= 1.0;
+            return std::string("-=d");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            v *= -99.0;
+            return std::string("*=d");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            v /= -1.0;
+            return std::string("/=d");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.DotMultiplication(other(rng, v.Size()));
+            return std::string("DotMultiplication");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.DotDivide(other(rng, v.Size()));
+            return std::string("DotDivide");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            v.VectorDivide(99.0);
+            return std::string("VectorDivide");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.TransformTo_Add_d_x_Vt(2.0, other(rng, v.Size()));
+            return std::string("TransformTo_Add_d_x_Vt");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.TransformTo_Sub_d_x_Vt(-1.0, other(rng, v.Size()));
+            return std::string("TransformTo_Sub_d_x_Vt");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            v.Abs();
+            v *= -1.0;
+            return std::string("Abs");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            v.Sqrt();
+            return std::string("Sqrt");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            v.Normalize();
+            return std::string("Normalize");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            v.SNV();
+            return std::string("SNV");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            double mean = 0;
+            v.DetrendMean(mean);
+            return std::string("DetrendMean");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            double a = 0, b = 0;
+            v.DetrendLinear(a, b);
+            return std::string("DetrendLinear");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v.Lag(std::uniform_int_distribution<int>(-3, 3)(rng));
+            return std::string("Lag");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            v.InterpolateMisVals(nullptr);
+            return std::string("InterpolateMisVals");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            NCDataVector<T> x(v.Size());
+            for (int i = 1; i <= v.Size(); ++i)
+                x(i, static_cast<T>(i * i));
+            if (v.Size() > 1)
+                x(pos(rng, v.Size()), T(-99));
+            v.InterpolateMisVals(&x);
+            return std::string("InterpolateMisVals(x)");
+        },
+        [=](NCDataVector<T>& v, std::mt19937& rng) {
+            v = other(rng, 5);
+            return std::string("operator=");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            v.Clear();
+            return std::string("Clear");
+        },
+        [=](NCDataVector<T>& v, std::mt19937&) {
+            v.Reserve(v.Size() + 50);
+            return std::string("Reserve");
+        },
+    };
+}
+
+// Applies long random sequences of every mutating member. After each step
+// the missing count must equal a recount, element 1 must stay aligned, and a
+// copy taken before the step must still hold the values it had.
+TYPED_TEST(VectorTest, RandomMutationsKeepCountExactAndCopiesIsolated)
+{
+    std::mt19937 rng(12345);
+    const auto mutations = AllMutations<TypeParam>();
+    for (int run = 0; run < 40; ++run) {
+        NCDataVector<TypeParam> v = RandomVector<TypeParam>(rng, 10);
+        for (int step = 0; step < 200; ++step) {
+            const NCDataVector<TypeParam> before(v);
+            const std::vector<TypeParam> snapshot = Values(v);
+            const int beforeMissing = v.GetNumMisVal();
+            const auto& mutate = mutations[std::uniform_int_distribution<std::size_t>(0, mutations.size() - 1)(rng)];
+            const std::string name = mutate(v, rng);
+            ASSERT_EQ(v.GetNumMisVal(), Recount(v)) << name << " at run " << run << " step " << step;
+            ASSERT_TRUE(Aligned(v)) << name;
+            // Bitwise comparison: NaN may appear after chains of operations.
+            const std::vector<TypeParam> after = Values(before);
+            ASSERT_EQ(after.size(), snapshot.size()) << name;
+            ASSERT_TRUE(after.empty() || std::memcmp(after.data(), snapshot.data(), after.size() * sizeof(TypeParam)) == 0)
+                << name;
+            ASSERT_EQ(before.GetNumMisVal(), beforeMissing) << name;
+            if (v.Size() > 60)
+                v.SetSize(10);
+        }
+    }
+}
+
+TYPED_TEST(VectorTest, ConstructionAndAlignment)
+{
+    for (int n : {0, 1, 3, 4, 5, 17, 1000}) {
+        NCDataVector<TypeParam> zeros(n);
+        EXPECT_EQ(zeros.Size(), n);
+        EXPECT_EQ(zeros.GetNumMisVal(), 0);
+        EXPECT_TRUE(Aligned(zeros));
+        for (TypeParam x : zeros)
+            EXPECT_EQ(x, TypeParam(0));
+        NCDataVector<TypeParam> missing(n, TypeParam(-99));
+        EXPECT_EQ(missing.GetNumMisVal(), n);
+        EXPECT_TRUE(missing.HasAllMissingValues());
+        EXPECT_EQ(missing.HasMissingValues(), n > 0);
+    }
+    EXPECT_THROW(NCDataVector<TypeParam>(-1), NCInternalError);
+    const NCDataVector<TypeParam> list{TypeParam(1), TypeParam(-99), TypeParam(3)};
+    EXPECT_EQ(list.Size(), 3);
+    EXPECT_EQ(list.GetNumMisVal(), 1);
+    EXPECT_EQ(list.GetNumValidValues(), 2);
+    EXPECT_EQ(list.front(), TypeParam(1));
+    EXPECT_EQ(list.back(), TypeParam(3));
+    EXPECT_EQ(list.GetVector()[3], TypeParam(3));
+    EXPECT_EQ(list.end() - list.begin(), 3);
+}
+
+TYPED_TEST(VectorTest, WritesAdjustTheMissingCount)
+{
+    NCDataVector<TypeParam> v(3, TypeParam(1));
+    EXPECT_EQ(v.SetAndReturn_dMisVal(2, TypeParam(-99)), 1);
+    EXPECT_EQ(v.GetNumMisVal(), 1);
+    EXPECT_EQ(v.SetAndReturn_dMisVal(2, TypeParam(-99)), 0);
+    EXPECT_EQ(v(2, TypeParam(5)), TypeParam(5));
+    EXPECT_EQ(v.GetNumMisVal(), 0);
+    EXPECT_EQ(v.SetAndReturn_dMisVal(3, TypeParam(7)), 0);
+}
+
+TYPED_TEST(VectorTest, CopiesShareUntilWritten)
+{
+    NCDataVector<TypeParam> a{TypeParam(1), TypeParam(2), TypeParam(3)};
+    NCDataVector<TypeParam> b(a);
+    NCDataVector<TypeParam> c;
+    c = a;
+    EXPECT_EQ(a.begin(), b.begin());
+    EXPECT_EQ(a.begin(), c.begin());
+    b(1, TypeParam(-99));
+    EXPECT_NE(a.begin(), b.begin());
+    EXPECT_EQ(a.begin(), c.begin());
+    EXPECT_EQ(a[1], TypeParam(1));
+    EXPECT_EQ(a.GetNumMisVal(), 0);
+    EXPECT_EQ(b.GetNumMisVal(), 1);
+    // Self-assignment and assignment between sharers keep the data.
+    c = c;
+    c = a;
+    EXPECT_EQ(c[3], TypeParam(3));
+    // The writable pointer is unlinked too.
+    TypeParam* raw = c.GetVectorForWriting();
+    raw[2] = TypeParam(-99);
+    c.RecountMissing();
+    EXPECT_EQ(c.GetNumMisVal(), 1);
+    EXPECT_EQ(a[2], TypeParam(2));
+}
+
+TYPED_TEST(VectorTest, CopiesOnTwoThreads)
+{
+    // Copies of one vector are made, written and dropped on two threads at
+    // once; run under ThreadSanitizer this checks the shared-block locking.
+    const NCDataVector<TypeParam> original(256, TypeParam(2));
+    auto work = [&original](int seed) {
+        for (int i = 0; i < 2000; ++i) {
+            NCDataVector<TypeParam> copy(original);
+            NCDataVector<TypeParam> other;
+            other = copy;
+            if (i % 3 == seed)
+                copy(1 + i % 256, TypeParam(-99));
+            if (copy.GetNumMisVal() > 1 || other[1] != TypeParam(2))
+                return false;
+        }
+        return true;
+    };
+    bool ok1 = false, ok2 = false;
+    std::thread t1([&] { ok1 = work(0); });
+    std::thread t2([&] { ok2 = work(1); });
+    t1.join();
+    t2.join();
+    EXPECT_TRUE(ok1);
+    EXPECT_TRUE(ok2);
+    EXPECT_EQ(original.GetNumMisVal(), 0);
+    EXPECT_EQ(original.GetSum(), 512.0);
+}
+
+TYPED_TEST(VectorTest, CrossAssignmentOnTwoThreadsDoesNotDeadlock)
+{
+    NCDataVector<TypeParam> a(8, TypeParam(1)), b(8, TypeParam(2));
+    NCDataVector<TypeParam> a2(a), b2(b);
+    std::thread t1([&] {
+        for (int i = 0; i < 5000; ++i) {
+            NCDataVector<TypeParam> x(a), y(b);
+            x = y;
+        }
+    });
+    std::thread t2([&] {
+        for (int i = 0; i < 5000; ++i) {
+            NCDataVector<TypeParam> x(b2), y(a2);
+            x = y;
+        }
+    });
+    t1.join();
+    t2.join();
+    EXPECT_EQ(a[1], TypeParam(1));
+    EXPECT_EQ(b[1], TypeParam(2));
+}
+
+TYPED_TEST(VectorTest, ArithmeticPropagatesMissing)
+{
+    const TypeParam m = TypeParam(-99);
+    NCDataVector<TypeParam> a{TypeParam(1), m, TypeParam(3), TypeParam(-100)};
+    const NCDataVector<TypeParam> b{TypeParam(2), TypeParam(5), m, TypeParam(1)};
+    const NCDataVector<TypeParam> sum = a + b;
+    EXPECT_EQ(Values(sum), (std::vector<TypeParam>{3, m, m, m}));
+    // -100 + 1 lands on -99 and is counted as missing.
+    EXPECT_EQ(sum.GetNumMisVal(), 3);
+    EXPECT_EQ(Values(a - b), (std::vector<TypeParam>{-1, m, m, -101}));
+    EXPECT_EQ(Values(a * 2.0), (std::vector<TypeParam>{2, m, 6, -200}));
+    EXPECT_EQ(Values(a + 1.0), (std::vector<TypeParam>{2, m, 4, m}));
+    EXPECT_EQ(Values(a / 2.0), (std::vector<TypeParam>{0.5, m, 1.5, -50}));
+    EXPECT_EQ(a * b, 2.0 - 100.0);
+    NCDataVector<TypeParam> c = a;
+    c.TransformTo_Add_d_x_Vt(2.0, b);
+    EXPECT_EQ(Values(c), (std::vector<TypeParam>{5, m, m, -98}));
+    c = a;
+    c.TransformTo_Sub_d_x_Vt(2.0, b);
+    EXPECT_EQ(Values(c), (std::vector<TypeParam>{-3, m, m, -102}));
+    c = NCDataVector<TypeParam>{TypeParam(4), TypeParam(0), m, TypeParam(-9)};
+    c.DotDivide(NCDataVector<TypeParam>{TypeParam(2), TypeParam(1), TypeParam(1), TypeParam(0)});
+    EXPECT_EQ(Values(c), (std::vector<TypeParam>{2, 0, m, m}));
+    c = NCDataVector<TypeParam>{TypeParam(4), TypeParam(0), m, TypeParam(-9)};
+    c.VectorDivide(8.0);
+    EXPECT_EQ(Values(c), (std::vector<TypeParam>{2, m, m, TypeParam(8.0 / -9.0)}));
+    c = NCDataVector<TypeParam>{TypeParam(4), TypeParam(-4), m};
+    c.Sqrt();
+    EXPECT_EQ(Values(c), (std::vector<TypeParam>{2, m, m}));
+    c = NCDataVector<TypeParam>{TypeParam(-4), m};
+    c.Abs();
+    EXPECT_EQ(Values(c), (std::vector<TypeParam>{4, m}));
+    EXPECT_EQ(c.GetNumMisVal(), 1);
+}
+
+TYPED_TEST(VectorTest, ComparisonIsElementwise)
+{
+    const NCDataVector<TypeParam> a{TypeParam(1), TypeParam(2)};
+    EXPECT_TRUE(a == (NCDataVector<TypeParam>{TypeParam(1), TypeParam(2)}));
+    EXPECT_TRUE(a != (NCDataVector<TypeParam>{TypeParam(1), TypeParam(3)}));
+    EXPECT_TRUE(a != (NCDataVector<TypeParam>{TypeParam(1)}));
+    EXPECT_TRUE(NCDataVector<TypeParam>() == NCDataVector<TypeParam>(0));
+}
+
+TYPED_TEST(VectorTest, InsertRemoveReduce)
+{
+    const TypeParam m = TypeParam(-99);
+    NCDataVector<TypeParam> v{TypeParam(1), TypeParam(2), TypeParam(3)};
+    v.InsertValues(2, NCDataVector<TypeParam>{m, TypeParam(9)});
+    EXPECT_EQ(Values(v), (std::vector<TypeParam>{1, m, 9, 2, 3}));
+    v.InsertValues(6, 1, m);
+    EXPECT_EQ(Values(v), (std::vector<TypeParam>{1, m, 9, 2, 3, m}));
+    EXPECT_EQ(v.GetNumMisVal(), 2);
+    EXPECT_THROW(v.InsertValues(8, 1, m), NCInternalError);
+    EXPECT_THROW(v.RemoveValues(0, 1), NCInternalError);
+    v.RemoveValues(1, 2);
+    EXPECT_EQ(Values(v), (std::vector<TypeParam>{9, 2, 3, m}));
+    EXPECT_EQ(v.GetNumMisVal(), 1);
+    const int capacity = v.Capacity();
+    v.Remove(NCIntegralVector<int, -99>{4, 1, 4, 17});
+    EXPECT_EQ(Values(v), (std::vector<TypeParam>{2, 3}));
+    EXPECT_EQ(v.Capacity(), capacity);
+    EXPECT_EQ(v.GetNumMisVal(), 0);
+    v.Reduce(NCIntegralVector<int, -99>{2, 2, 1});
+    EXPECT_EQ(Values(v), (std::vector<TypeParam>{3, 3, 2}));
+    EXPECT_THROW(v.Reduce(NCIntegralVector<int, -99>{4}), NCInternalError);
+    v.Reduce(NCIntegralVector<int, -99>());
+    EXPECT_TRUE(v.empty());
+    NCDataVector<TypeParam> w{TypeParam(1), m, TypeParam(1), m};
+    w.Remove(m);
+    EXPECT_EQ(Values(w), (std::vector<TypeParam>{1, 1}));
+    EXPECT_EQ(w.GetNumMisVal(), 0);
+}
+
+TYPED_TEST(VectorTest, BulkCopies)
+{
+    const TypeParam m = TypeParam(-99);
+    const TypeParam oneBased[] = {TypeParam(0), TypeParam(1), m, TypeParam(3)};
+    NCDataVector<TypeParam> v;
+    v.CopyVector(oneBased, 3);
+    EXPECT_EQ(Values(v), (std::vector<TypeParam>{1, m, 3}));
+    EXPECT_EQ(v.GetNumMisVal(), 1);
+    v.SetRange(2, NCDataVector<TypeParam>{TypeParam(7), TypeParam(8), TypeParam(9)}, 2, 3);
+    EXPECT_EQ(Values(v), (std::vector<TypeParam>{1, 8, 9}));
+    EXPECT_EQ(v.GetNumMisVal(), 0);
+    EXPECT_THROW(v.SetRange(3, oneBased, 2), NCInternalError);
+    v(2, oneBased, 2);
+    EXPECT_EQ(Values(v), (std::vector<TypeParam>{1, 0, 1}));
+    // Copying from the vector's own storage.
+    v.CopyZeroBasedVector(v.begin() + 1, 2);
+    EXPECT_EQ(Values(v), (std::vector<TypeParam>{0, 1}));
+    EXPECT_THROW(v.CopyZeroBasedVector(nullptr, 2), NCInternalError);
+    NCDataVector<TypeParam> deep;
+    deep.CopyContent(v);
+    EXPECT_NE(deep.begin(), v.begin());
+    EXPECT_TRUE(deep == v);
+}
+
+TYPED_TEST(VectorTest, Preprocessing)
+{
+    const TypeParam m = TypeParam(-99);
+    NCDataVector<TypeParam> line{TypeParam(3), TypeParam(5), m, TypeParam(9)};
+    double intercept = 0, slope = 0;
+    line.DetrendLinear(intercept, slope);
+    EXPECT_NEAR(intercept, 1.0, 1e-12);
+    EXPECT_NEAR(slope, 2.0, 1e-12);
+    for (int i : {1, 2, 4})
+        EXPECT_NEAR(line[i], 0.0, 1e-6);
+    EXPECT_EQ(line[3], m);
+
+    NCDataVector<TypeParam> s{TypeParam(1), TypeParam(2), TypeParam(3), m};
+    s.SNV();
+    EXPECT_NEAR(s.GetMean(), 0.0, 1e-7);
+    EXPECT_NEAR(s.GetStdDev(), 1.0, 1e-6);
+    EXPECT_EQ(s.GetNumMisVal(), 1);
+    NCDataVector<TypeParam> flat(3, TypeParam(4));
+    flat.SNV();
+    EXPECT_EQ(Values(flat), (std::vector<TypeParam>{0, 0, 0}));
+
+    NCDataVector<TypeParam> n{TypeParam(3), m, TypeParam(4)};
+    EXPECT_DOUBLE_EQ(n.Normalize(), 5.0);
+    EXPECT_NEAR(n.GetSS(), 1.0, 1e-7);
+    NCDataVector<TypeParam> zero(2, TypeParam(0));
+    EXPECT_EQ(zero.Normalize(), 0.0);
+
+    NCDataVector<TypeParam> lag{TypeParam(1), TypeParam(2), TypeParam(3)};
+    lag.Lag(1);
+    EXPECT_EQ(Values(lag), (std::vector<TypeParam>{m, 1, 2}));
+    lag.Lag(-2);
+    EXPECT_EQ(Values(lag), (std::vector<TypeParam>{2, m, m}));
+    lag.Lag(5);
+    EXPECT_EQ(lag.GetNumMisVal(), 3);
+}
+
+TYPED_TEST(VectorTest, InterpolateMissingValues)
+{
+    const TypeParam m = TypeParam(-99);
+    NCDataVector<TypeParam> v{m, TypeParam(2), m, m, TypeParam(8), m};
+    v.InterpolateMisVals(nullptr);
+    EXPECT_EQ(Values(v), (std::vector<TypeParam>{2, 2, 4, 6, 8, 8}));
+    EXPECT_EQ(v.GetNumMisVal(), 0);
+
+    // Uneven positions, one of them unknown.
+    NCDataVector<TypeParam> y{TypeParam(0), m, m, TypeParam(10)};
+    const NCDataVector<TypeParam> x{TypeParam(0), TypeParam(1), m, TypeParam(10)};
+    y.InterpolateMisVals(&x);
+    EXPECT_NEAR(y[2], 1.0, 1e-6);
+    EXPECT_EQ(y[3], m);
+    EXPECT_EQ(y.GetNumMisVal(), 1);
+    EXPECT_THROW(y.InterpolateMisVals(&v), NCInternalError);
+
+    NCDataVector<TypeParam> allMissing(3, m);
+    allMissing.InterpolateMisVals(nullptr);
+    EXPECT_EQ(allMissing.GetNumMisVal(), 3);
+}
+
+TYPED_TEST(VectorTest, LowerBoundWithMissingLast)
+{
+    const TypeParam m = TypeParam(-99);
+    const std::vector<TypeParam> up{1, 3, 3, 7, m, m};
+    const auto find = [](const std::vector<TypeParam>& r, TypeParam value, bool ascending) {
+        return NCDataVector<TypeParam>::lower_bound_missing_last(r.data(), r.data() + r.size(), value, ascending) -
+               r.data();
+    };
+    EXPECT_EQ(find(up, 3, true), 1);
+    EXPECT_EQ(find(up, 4, true), 3);
+    EXPECT_EQ(find(up, 8, true), 4);
+    EXPECT_EQ(find(up, 0, true), 0);
+    EXPECT_EQ(find(up, m, true), 4);
+    const std::vector<TypeParam> down{7, 3, 1, m};
+    EXPECT_EQ(find(down, 3, false), 1);
+    EXPECT_EQ(find(down, 2, false), 2);
+    EXPECT_EQ(find(down, -5, false), 3);
+    EXPECT_EQ(find(down, m, false), 3);
+}
+
+} // namespace
