@@ -1,6 +1,7 @@
 #include "veltancmat/containers/NCDataVector.h"
 
 #include "veltancmat/containers/NCIntegralVector.h"
+#include "veltancmat/containers/frame/Simd.h"
 #include "veltancmat/platform/NCError.h"
 
 #include <algorithm>
@@ -25,15 +26,80 @@ inline bool Mis(T x)
     return IsMisVal(x);
 }
 
+// The element itself, or zero when it is missing; selecting in the element
+// type before widening keeps the masked loops vectorised.
+template <class T>
+inline T Present(T x)
+{
+    return Mis(x) ? T(0) : x;
+}
+
 // Counts the missing elements of p[1..n].
 template <class T>
-int CountMissing(const T* p, int n)
+VELTAN_SIMD_CLONES int CountMissing(const T* p, int n)
 {
     int count = 0;
 #pragma omp simd reduction(+ : count)
     for (int i = 1; i <= n; ++i)
         count += Mis(p[i]) ? 1 : 0;
     return count;
+}
+
+// Sum, sum of squares, and sum of squares about a value of p[1..n]; the
+// masked forms skip missing elements. Squares are formed in the element type
+// and accumulated in double.
+template <class T>
+VELTAN_SIMD_CLONES double SumKernel(const T* p, int n, bool masked)
+{
+    double sum = 0.0;
+    if (!masked) {
+#pragma omp simd reduction(+ : sum)
+        for (int i = 1; i <= n; ++i)
+            sum += p[i];
+    } else {
+#pragma omp simd reduction(+ : sum)
+        for (int i = 1; i <= n; ++i)
+            sum += Present(p[i]);
+    }
+    return sum;
+}
+
+template <class T>
+VELTAN_SIMD_CLONES double SumSquaresKernel(const T* p, int n, bool masked)
+{
+    double ss = 0.0;
+    if (!masked) {
+#pragma omp simd reduction(+ : ss)
+        for (int i = 1; i <= n; ++i)
+            ss += p[i] * p[i];
+    } else {
+#pragma omp simd reduction(+ : ss)
+        for (int i = 1; i <= n; ++i) {
+            const T x = Present(p[i]);
+            ss += x * x;
+        }
+    }
+    return ss;
+}
+
+template <class T>
+VELTAN_SIMD_CLONES double SumSquaresAboutKernel(const T* p, int n, double about, bool masked)
+{
+    double ss = 0.0;
+    if (!masked) {
+#pragma omp simd reduction(+ : ss)
+        for (int i = 1; i <= n; ++i) {
+            const double d = p[i] - about;
+            ss += d * d;
+        }
+    } else {
+#pragma omp simd reduction(+ : ss)
+        for (int i = 1; i <= n; ++i) {
+            const double d = Mis(p[i]) ? 0.0 : p[i] - about;
+            ss += d * d;
+        }
+    }
+    return ss;
 }
 
 std::string MemberName(const char* member)
@@ -571,18 +637,7 @@ double NCDataVector<T>::GetSum() const
 {
     if (GetNumValidValues() == 0)
         return dMisVal;
-    const T* p = m_data;
-    double sum = 0.0;
-    if (m_numMis == 0) {
-#pragma omp simd reduction(+ : sum)
-        for (int i = 1; i <= m_size; ++i)
-            sum += p[i];
-    } else {
-#pragma omp simd reduction(+ : sum)
-        for (int i = 1; i <= m_size; ++i)
-            sum += Mis(p[i]) ? 0.0 : static_cast<double>(p[i]);
-    }
-    return sum;
+    return SumKernel(m_data, m_size, m_numMis > 0);
 }
 
 template <class T>
@@ -601,18 +656,7 @@ double NCDataVector<T>::GetMean() const
 template <class T>
 double NCDataVector<T>::GetSS() const
 {
-    const T* p = m_data;
-    double ss = 0.0;
-    if (m_numMis == 0) {
-#pragma omp simd reduction(+ : ss)
-        for (int i = 1; i <= m_size; ++i)
-            ss += p[i] * p[i];
-    } else {
-#pragma omp simd reduction(+ : ss)
-        for (int i = 1; i <= m_size; ++i)
-            ss += Mis(p[i]) ? 0.0 : static_cast<double>(p[i] * p[i]);
-    }
-    return ss;
+    return SumSquaresKernel(m_data, m_size, m_numMis > 0);
 }
 
 template <class T>
@@ -620,22 +664,7 @@ double NCDataVector<T>::GetSS(double about) const
 {
     if (GetNumValidValues() == 0)
         return dMisVal;
-    const T* p = m_data;
-    double ss = 0.0;
-    if (m_numMis == 0) {
-#pragma omp simd reduction(+ : ss)
-        for (int i = 1; i <= m_size; ++i) {
-            const double d = p[i] - about;
-            ss += d * d;
-        }
-    } else {
-#pragma omp simd reduction(+ : ss)
-        for (int i = 1; i <= m_size; ++i) {
-            const double d = p[i] - about;
-            ss += Mis(p[i]) ? 0.0 : d * d;
-        }
-    }
-    return ss;
+    return SumSquaresAboutKernel(m_data, m_size, about, m_numMis > 0);
 }
 
 template <class T>
@@ -1101,7 +1130,7 @@ namespace {
 // Element-wise a[i] = op(a[i], b[i]), missing where either is missing; returns
 // the missing count of the result.
 template <class T, class Op>
-int CombineElementwise(T* a, const T* b, int n, bool anyMissing, Op op)
+VELTAN_SIMD_CLONES int CombineElementwise(T* a, const T* b, int n, bool anyMissing, Op op)
 {
     int count = 0;
     if (!anyMissing) {
@@ -1123,7 +1152,7 @@ int CombineElementwise(T* a, const T* b, int n, bool anyMissing, Op op)
 
 // a[i] = op(a[i]) on the present elements; returns the new missing count.
 template <class T, class Op>
-int TransformPresent(T* a, int n, bool anyMissing, Op op)
+VELTAN_SIMD_CLONES int TransformPresent(T* a, int n, bool anyMissing, Op op)
 {
     int count = 0;
     if (!anyMissing) {
