@@ -1,14 +1,18 @@
 #include "veltancmat/containers/NCIntegralVector.h"
 
+#include "veltancmat/platform/BinaryIO.h"
 #include "veltancmat/platform/NCError.h"
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <functional>
+#include <istream>
 #include <limits>
 #include <memory>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 template <class T, int Missing>
 T* NCIntegralVector<T, Missing>::Allocate(int capacity)
@@ -51,7 +55,7 @@ NCIntegralVector<T, Missing>::NCIntegralVector(std::initializer_list<T> values)
 }
 
 template <class T, int Missing>
-NCIntegralVector<T, Missing>::NCIntegralVector(const NCIntegralVector& other) noexcept
+NCIntegralVector<T, Missing>::NCIntegralVector(const NCIntegralVector& other) noexcept : QvStreamBase(other)
 {
     NCSharedBlockLock lock(other.m_block);
     m_size = other.m_size;
@@ -64,7 +68,7 @@ NCIntegralVector<T, Missing>::NCIntegralVector(const NCIntegralVector& other) no
 
 template <class T, int Missing>
 NCIntegralVector<T, Missing>::NCIntegralVector(NCIntegralVector&& other) noexcept
-    : m_size(other.m_size), m_capacity(other.m_capacity), m_data(other.m_data), m_block(other.m_block)
+    : QvStreamBase(other), m_size(other.m_size), m_capacity(other.m_capacity), m_data(other.m_data), m_block(other.m_block)
 {
     other.m_size = other.m_capacity = 0;
     other.m_data = nullptr;
@@ -287,8 +291,9 @@ void NCIntegralVector<T, Missing>::CopyContent(const NCIntegralVector& other)
         return;
     const NCIntegralVector source(other);
     if (source.m_size > m_capacity) {
-        Release();
-        Adopt(Allocate(source.m_size), source.m_size, source.m_size);
+        NCIntegralVector result;
+        result.Adopt(Allocate(source.m_size), source.m_size, source.m_size);
+        *this = std::move(result);
     } else {
         UnlinkIfShared();
         m_size = source.m_size;
@@ -330,8 +335,9 @@ void NCIntegralVector<T, Missing>::Reduce(const IndexList& positions)
     std::unique_ptr<T[]> fresh(Allocate(size));
     for (int k = 1; k <= size; ++k)
         fresh[k] = m_data[list[k]];
-    Release();
-    Adopt(fresh.release(), size, size);
+    NCIntegralVector result;
+    result.Adopt(fresh.release(), size, size);
+    *this = std::move(result);
 }
 
 template <class T, int Missing>
@@ -446,6 +452,125 @@ double NCIntegralVector<T, Missing>::GetStdDev() const
 {
     const double variance = GetVariance();
     return variance == -99.0 ? -99.0 : std::sqrt(variance);
+}
+
+// ---------------------------------------------------------------- streaming
+
+template <class T, int Missing>
+QvStreamableData NCIntegralVector<T, Missing>::MyStreamableData(4, "NCIV");
+
+namespace {
+
+// Bytes per element in the record.
+template <class T>
+constexpr int StreamWidth = std::is_same_v<T, bool> ? 1 : 4;
+
+// unsigned long (and bool) elements differ from their stream form, so they
+// pass through a small buffer instead of a copy of the whole vector.
+constexpr int ChunkElements = 4096;
+
+} // namespace
+
+template <class T, int Missing>
+bool NCIntegralVector<T, Missing>::QvStreamableStartWrite(std::ostream& out) const
+{
+    if (m_streaming)
+        return true;
+    if constexpr (std::is_same_v<T, unsigned long>) {
+        // Checked before anything is written, so that a refused vector
+        // leaves no partial record behind.
+        if (std::any_of(begin(), end(), [](unsigned long v) { return v > 0xFFFFFFFFul; })) {
+            out.setstate(std::ios::failbit);
+            return false;
+        }
+    }
+    m_streaming = true;
+    if (!MyStreamableData.Write(out) || !QvStreamBase::QvStreamableStartWrite(out))
+        return false;
+    return QvStreamableWrite(out);
+}
+
+template <class T, int Missing>
+bool NCIntegralVector<T, Missing>::QvStreamableWrite(std::ostream& out) const
+{
+    OutputStreamDirectory directory(out, 1);
+    std::ostream& entry = directory.GetOutput(0);
+    const std::int32_t size = m_size;
+    bool ok = WriteFourBytes(&size, 1, entry);
+    if constexpr (std::is_same_v<T, int>) {
+        ok = ok && (size == 0 || WriteFourBytes(m_data + 1, size, entry));
+    } else {
+        using Item = std::conditional_t<std::is_same_v<T, bool>, std::uint8_t, std::uint32_t>;
+        Item chunk[ChunkElements];
+        for (int first = 1; ok && first <= size; first += ChunkElements) {
+            const int n = std::min(ChunkElements, size - first + 1);
+            for (int k = 0; k < n; ++k)
+                chunk[k] = static_cast<Item>(m_data[first + k]);
+            ok = WriteArray(chunk, n, StreamWidth<T>, entry);
+        }
+    }
+    return directory.Close() && ok && out.good();
+}
+
+template <class T, int Missing>
+bool NCIntegralVector<T, Missing>::QvStreamableStartRead(std::istream& in)
+{
+    if (m_streaming)
+        return true;
+    m_streaming = true;
+    if (!MyStreamableData.Check(in))
+        return false;
+    // The version is refused before anything else is read, so the vector
+    // stays untouched.
+    if (MyStreamableData.GetQvStreamVersionNumber() != 4)
+        return false;
+    if (!QvStreamBase::QvStreamableStartRead(in))
+        return false;
+    return QvStreamableRead(in);
+}
+
+template <class T, int Missing>
+bool NCIntegralVector<T, Missing>::QvStreamableRead(std::istream& in)
+{
+    InputStreamDirectory directory(in);
+    std::istream* entry = directory.GetInput(0);
+    std::int32_t size = 0;
+    if (!entry || !ReadFourBytes(&size, 1, *entry) || size < 0)
+        return false;
+    if (!QvStreamHasBytes(*entry, static_cast<std::streamsize>(size) * StreamWidth<T>))
+        return false;
+    std::unique_ptr<T[]> fresh(Allocate(size));
+    if constexpr (std::is_same_v<T, int>) {
+        if (size > 0 && !ReadFourBytes(fresh.get() + 1, size, *entry))
+            return false;
+    } else {
+        using Item = std::conditional_t<std::is_same_v<T, bool>, std::uint8_t, std::uint32_t>;
+        Item chunk[ChunkElements];
+        for (int first = 1; first <= size; first += ChunkElements) {
+            const int n = std::min(ChunkElements, size - first + 1);
+            if (!ReadArray(chunk, n, StreamWidth<T>, *entry))
+                return false;
+            for (int k = 0; k < n; ++k) {
+                if constexpr (std::is_same_v<T, bool>)
+                    fresh[first + k] = chunk[k] != 0;
+                else
+                    fresh[first + k] = chunk[k]; // zero-extended
+            }
+        }
+    }
+    if (!directory.Close())
+        return false;
+    NCIntegralVector result;
+    result.Adopt(fresh.release(), size, size);
+    *this = std::move(result);
+    return in.good();
+}
+
+template <class T, int Missing>
+void NCIntegralVector<T, Missing>::QvStreamableReset() const
+{
+    m_streaming = false;
+    QvStreamBase::QvStreamableReset();
 }
 
 template class NCIntegralVector<int, -99>;

@@ -2,10 +2,12 @@
 
 #include "veltancmat/containers/frame/SharedBlock.h"
 #include "veltancmat/platform/Export.h"
+#include "veltancmat/platform/QvStream.h"
 
 #include <cassert>
 #include <cstdint>
 #include <initializer_list>
+#include <iosfwd>
 
 // How Find looks for a value. The binary searches assume the searched range
 // is sorted in that direction; the selection members (Remove) use Unsorted.
@@ -31,8 +33,14 @@ struct SortTypeE {
 // builds. Arguments that can only be wrong through a programming error
 // (negative sizes, positions or list entries outside the vector) throw
 // NCInternalError naming the member, e.g. "NCIntegralVector<T,Missing>::Reduce".
+//
+// Record "NCIV", version 4: a directory of one entry holding the size (4
+// bytes) and then the elements, 4 bytes each for int and unsigned long and
+// 1 byte each for bool. The stream fixes unsigned long at 32 bits: a vector
+// holding a larger value refuses to be written (false, failbit set, nothing
+// written), and values read back are zero-extended.
 template <class T, int Missing>
-class VELTANCMAT_API NCIntegralVector {
+class VELTANCMAT_API NCIntegralVector : public virtual QvStreamBase {
 public:
     using value_type = T;
     using IndexList = NCIntegralVector<int, -99>;
@@ -154,6 +162,16 @@ public:
     // integer that wraps modulo 2^32 (unsigned elements are taken modulo
     // 2^32 as well).
     std::int32_t GetSum() const;
+    // Written once until QvStreamableReset; see the record above.
+    bool QvStreamableStartWrite(std::ostream& out) const override;
+    // Accepts version 4 only. On any failure the vector keeps its previous
+    // elements and the result is false; a claimed size larger than the
+    // bytes left in the entry fails before anything is allocated.
+    bool QvStreamableStartRead(std::istream& in) override;
+    void QvStreamableReset() const override;
+
+    static QvStreamableData MyStreamableData; // "NCIV", 4
+
     // GetSum() / Size(); -99 for an empty vector.
     double GetMean() const;
     // -99 when the mean is -99; 0 for a single element; otherwise the sample
@@ -183,10 +201,14 @@ private:
     // Shifts elements at .. Size() up by `count`, growing as needed.
     void OpenGap(const char* member, int at, int count);
 
+    bool QvStreamableWrite(std::ostream& out) const;
+    bool QvStreamableRead(std::istream& in);
+
     int m_size = 0;
     int m_capacity = 0;
     T* m_data = nullptr; // element i is m_data[i]; slot 0 unused
     NCSharedBlock* m_block = nullptr;
+    mutable bool m_streaming = false; // set while written or read, so it happens once
 };
 
 extern template class VELTANCMAT_API NCIntegralVector<int, -99>;
