@@ -51,8 +51,9 @@ int* IntPool::GetInt()
     {
         SpinGuard guard(pool.lockWord);
         if (pool.freeCells.empty()) {
-            // Reserve first: if that throws, the pool is unchanged.
-            pool.freeCells.reserve(pool.freeCells.capacity() + CellsPerBlock);
+            // The list is empty here, so room for one block suffices.
+            // Reserving first means a failure leaves the pool unchanged.
+            pool.freeCells.reserve(CellsPerBlock);
             int* block = new int[CellsPerBlock];
             // Highest address first, so that cells leave in address order.
             for (int k = CellsPerBlock - 1; k >= 0; --k)
