@@ -2,6 +2,7 @@
 
 #include "veltancmat/containers/NCIntegralVector.h"
 #include "veltancmat/containers/frame/Simd.h"
+#include "veltancmat/platform/BinaryIO.h"
 #include "veltancmat/platform/NCError.h"
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <new>
 #include <string>
 #include <vector>
@@ -1505,6 +1507,124 @@ const T* NCDataVector<T>::lower_bound_missing_last(const T* first, const T* last
         return ascending ? element < target : element > target;
     };
     return std::lower_bound(first, last, value, before);
+}
+
+// ---------------------------------------------------------------------------
+// Streaming
+
+template <class T>
+QvStreamableData NCDataVector<T>::MyStreamableData(4, "NCDV");
+
+namespace {
+template <class T>
+bool WriteElements(const T* p, int n, std::ostream& out)
+{
+    if constexpr (sizeof(T) == 4)
+        return WriteFourBytes(p, n, out);
+    else
+        return WriteEightBytes(p, n, out);
+}
+
+template <class T>
+bool ReadElements(T* p, int n, std::istream& in)
+{
+    if constexpr (sizeof(T) == 4)
+        return ReadFourBytes(p, n, in);
+    else
+        return ReadEightBytes(p, n, in);
+}
+} // namespace
+
+template <class T>
+bool NCDataVector<T>::QvStreamableStartWrite(std::ostream& out) const
+{
+    if (m_streaming)
+        return true;
+    m_streaming = true;
+    if (!MyStreamableData.Write(out) || !QvStreamBase::QvStreamableStartWrite(out))
+        return false;
+    return QvStreamableWrite(out);
+}
+
+template <class T>
+bool NCDataVector<T>::QvStreamableWrite(std::ostream& out) const
+{
+    OutputStreamDirectory directory(out, 3);
+    const std::int32_t size = m_size;
+    const std::int32_t missing = m_numMis;
+    bool ok = WriteFourBytes(&size, 1, directory.GetOutput(0));
+    ok = ok && WriteFourBytes(&missing, 1, directory.GetOutput(1));
+    if (ok && m_size > 0)
+        ok = WriteElements(m_data + 1, m_size, directory.GetOutput(2));
+    return directory.Close() && ok && out.good();
+}
+
+template <class T>
+bool NCDataVector<T>::QvStreamableStartRead(std::istream& in)
+{
+    if (m_streaming)
+        return true;
+    m_streaming = true;
+    if (!MyStreamableData.Check(in))
+        return false;
+    // Refused before anything else is read, so the vector stays untouched.
+    if (MyStreamableData.GetQvStreamVersionNumber() != 4)
+        return false;
+    if (!QvStreamBase::QvStreamableStartRead(in))
+        return false;
+    return QvStreamableRead(in);
+}
+
+template <class T>
+bool NCDataVector<T>::QvStreamableRead(std::istream& in)
+{
+    Clear();
+    InputStreamDirectory directory(in);
+    std::int32_t size = 0;
+    std::int32_t missing = 0;
+    directory.ReadRequired(0, &size, 1, 4);
+    directory.ReadRequired(1, &missing, 1, 4);
+    // The stored count is trusted as it stands (no recount), but a count
+    // that cannot belong to the size marks a corrupt record.
+    if (size < 0 || missing < 0 || missing > size) {
+        directory.Close();
+        return false;
+    }
+    if (size > 0) {
+        std::istream* entry = directory.GetInput(2);
+        // The claimed size is checked against the bytes that remain before
+        // a block of that size is allocated.
+        if (!entry || !QvStreamHasBytes(*entry, static_cast<std::streamsize>(size) * sizeof(T))) {
+            directory.Close();
+            return false;
+        }
+        auto block = std::make_unique<NCSharedBlock>();
+        int offset = 0;
+        T* data = NewVec(size, offset);
+        if (!ReadElements(data + 1, size, *entry)) {
+            FreeVec(data, offset);
+            throw QvStreamError(ExceptionMessage::translate("Error when reading from stream."));
+        }
+        m_shared = block.release();
+        m_data = data;
+        m_alignOffset = offset;
+        m_capacity = size;
+        m_size = size;
+        m_numMis = missing;
+    }
+    // A record whose directory does not end cleanly is damaged as a whole.
+    if (!directory.Close() || !in.good()) {
+        Clear();
+        return false;
+    }
+    return true;
+}
+
+template <class T>
+void NCDataVector<T>::QvStreamableReset() const
+{
+    m_streaming = false;
+    QvStreamBase::QvStreamableReset();
 }
 
 template class NCDataVector<float>;

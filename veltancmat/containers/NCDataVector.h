@@ -3,9 +3,11 @@
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/SharedBlock.h"
 #include "veltancmat/platform/Export.h"
+#include "veltancmat/platform/QvStream.h"
 
 #include <cassert>
 #include <initializer_list>
+#include <iosfwd>
 
 template <class T, int Missing>
 class NCIntegralVector;
@@ -25,8 +27,13 @@ class NCDataMatrix;
 // Statistics skip missing elements, accumulate in double and return -99 where
 // no result is defined. Every statistic returning double has an F-suffixed
 // twin returning float.
+//
+// The vector streams itself as record "NCDV", version 4: a directory of the
+// size, the missing count and (when not empty) the elements. The float and
+// double instances share the magic; a stream must be read back with the
+// element type it was written with.
 template <class T>
-class VELTANCMAT_API NCDataVector {
+class VELTANCMAT_API NCDataVector : public virtual QvStreamBase {
 public:
     using value_type = T;
     static constexpr T MisVal = NCMisVal<T>;
@@ -260,7 +267,24 @@ public:
     // before `value`; a missing `value` finds the first missing element.
     static const T* lower_bound_missing_last(const T* first, const T* last, T value, bool ascending);
 
+    // ---- streaming ----------------------------------------------------
+    // Writes the record once until QvStreamableReset; false when the stream
+    // goes bad.
+    bool QvStreamableStartWrite(std::ostream& out) const override;
+    // Reads a record written by QvStreamableStartWrite. Returns false for
+    // another magic or version (the vector untouched), or when the elements
+    // are absent or fewer than the size claims (the vector left empty); an
+    // absent or unreadable size or count throws QvStreamError.
+    bool QvStreamableStartRead(std::istream& in) override;
+    void QvStreamableReset() const override;
+    static short GetMyQvStreamVersionNumber() { return MyStreamableData.GetMyQvStreamVersionNumber(); }
+    static short GetQvStreamVersionNumber() { return MyStreamableData.GetQvStreamVersionNumber(); }
+
 protected:
+    bool QvStreamableWrite(std::ostream& out) const;
+    bool QvStreamableRead(std::istream& in);
+    static QvStreamableData MyStreamableData; // "NCDV", version 4
+
     bool IsShared() const { return m_shared && m_shared->refCount.load(std::memory_order_acquire) > 1; }
     // Gives this vector storage of its own before it is written.
     void ForceUnlink();
