@@ -761,23 +761,36 @@ double NCDataVector<T>::GetRobustStdDev() const
     return iqr / 1.3489795003921634;
 }
 
+namespace {
+// Sum of ((x - mean) / s)^power over the present elements, with s the
+// sample standard deviation; -99 when s is undefined or zero.
+template <class T>
+double SumOfStandardisedPowers(const NCDataVector<T>& v, int power)
+{
+    const double s = v.GetStdDev();
+    if (IsMisVal(s) || s == 0.0)
+        return dMisVal;
+    const double mean = v.GetMean();
+    double sum = 0.0;
+    for (T x : v) {
+        if (Mis(x))
+            continue;
+        const double z = (x - mean) / s;
+        sum += power == 3 ? z * z * z : z * z * z * z;
+    }
+    return sum;
+}
+} // namespace
+
 template <class T>
 double NCDataVector<T>::GetSkewness() const
 {
     const int v = GetNumValidValues();
     if (v < 3)
         return dMisVal;
-    const double s = GetStdDev();
-    if (IsMisVal(s) || s == 0.0)
+    const double sum = SumOfStandardisedPowers(*this, 3);
+    if (IsMisVal(sum))
         return dMisVal;
-    const double mean = GetMean();
-    double sum = 0.0;
-    for (int i = 1; i <= m_size; ++i) {
-        if (Mis(m_data[i]))
-            continue;
-        const double z = (m_data[i] - mean) / s;
-        sum += z * z * z;
-    }
     return static_cast<double>(v) / ((v - 1.0) * (v - 2.0)) * sum;
 }
 
@@ -798,17 +811,9 @@ double NCDataVector<T>::GetKurtosis() const
     const int v = GetNumValidValues();
     if (v < 4)
         return dMisVal;
-    const double s = GetStdDev();
-    if (IsMisVal(s) || s == 0.0)
+    const double sum = SumOfStandardisedPowers(*this, 4);
+    if (IsMisVal(sum))
         return dMisVal;
-    const double mean = GetMean();
-    double sum = 0.0;
-    for (int i = 1; i <= m_size; ++i) {
-        if (Mis(m_data[i]))
-            continue;
-        const double z = (m_data[i] - mean) / s;
-        sum += z * z * z * z;
-    }
     const double n = v;
     return (n + 1.0) * n / ((n - 1.0) * (n - 2.0) * (n - 3.0)) * sum -
            3.0 * (n - 1.0) * (n - 1.0) / ((n - 2.0) * (n - 3.0));
@@ -1176,107 +1181,91 @@ VELTAN_SIMD_CLONES int TransformPresent(T* a, int n, bool anyMissing, Op op)
 } // namespace
 
 template <class T>
-void NCDataVector<T>::Add(const NCDataVector& v)
+template <class Op>
+void NCDataVector<T>::CombineWith(const NCDataVector& v, const char* member, Op op)
 {
-    CheckSameSize(v, "Add");
+    CheckSameSize(v, member);
     if (IsShared())
         ForceUnlink();
-    m_numMis = CombineElementwise(m_data, v.m_data, m_size, m_numMis > 0 || v.m_numMis > 0,
-                                  [](T x, T y) { return static_cast<T>(x + y); });
+    m_numMis = CombineElementwise(m_data, v.m_data, m_size, m_numMis > 0 || v.m_numMis > 0, op);
+}
+
+template <class T>
+template <class Op>
+void NCDataVector<T>::TransformWith(Op op)
+{
+    if (IsShared())
+        ForceUnlink();
+    m_numMis = TransformPresent(m_data, m_size, m_numMis > 0, op);
+}
+
+template <class T>
+void NCDataVector<T>::Add(const NCDataVector& v)
+{
+    CombineWith(v, "Add", [](T x, T y) { return static_cast<T>(x + y); });
 }
 
 template <class T>
 void NCDataVector<T>::Subtract(const NCDataVector& v)
 {
-    CheckSameSize(v, "Subtract");
-    if (IsShared())
-        ForceUnlink();
-    m_numMis = CombineElementwise(m_data, v.m_data, m_size, m_numMis > 0 || v.m_numMis > 0,
-                                  [](T x, T y) { return static_cast<T>(x - y); });
+    CombineWith(v, "Subtract", [](T x, T y) { return static_cast<T>(x - y); });
 }
 
 template <class T>
 void NCDataVector<T>::DotMultiplication(const NCDataVector& v)
 {
-    CheckSameSize(v, "DotMultiplication");
-    if (IsShared())
-        ForceUnlink();
-    m_numMis = CombineElementwise(m_data, v.m_data, m_size, m_numMis > 0 || v.m_numMis > 0,
-                                  [](T x, T y) { return static_cast<T>(x * y); });
+    CombineWith(v, "DotMultiplication", [](T x, T y) { return static_cast<T>(x * y); });
 }
 
 template <class T>
 void NCDataVector<T>::DotDivide(const NCDataVector& v)
 {
-    CheckSameSize(v, "DotDivide");
-    if (IsShared())
-        ForceUnlink();
-    m_numMis = CombineElementwise(m_data, v.m_data, m_size, m_numMis > 0 || v.m_numMis > 0,
-                                  [](T x, T y) { return y == T(0) ? NCMisVal<T> : static_cast<T>(x / y); });
+    CombineWith(v, "DotDivide", [](T x, T y) { return y == T(0) ? NCMisVal<T> : static_cast<T>(x / y); });
 }
 
 template <class T>
 void NCDataVector<T>::VectorDivide(double d)
 {
-    if (IsShared())
-        ForceUnlink();
-    m_numMis = TransformPresent(m_data, m_size, m_numMis > 0,
-                                [d](T x) { return x == T(0) ? NCMisVal<T> : static_cast<T>(d / x); });
+    TransformWith([d](T x) { return x == T(0) ? NCMisVal<T> : static_cast<T>(d / x); });
 }
 
 template <class T>
 void NCDataVector<T>::TransformTo_Add_d_x_Vt(double d, const NCDataVector& v)
 {
-    CheckSameSize(v, "TransformTo_Add_d_x_Vt");
-    if (IsShared())
-        ForceUnlink();
-    m_numMis = CombineElementwise(m_data, v.m_data, m_size, m_numMis > 0 || v.m_numMis > 0,
-                                  [d](T x, T y) { return static_cast<T>(x + d * y); });
+    CombineWith(v, "TransformTo_Add_d_x_Vt", [d](T x, T y) { return static_cast<T>(x + d * y); });
 }
 
 template <class T>
 void NCDataVector<T>::TransformTo_Sub_d_x_Vt(double d, const NCDataVector& v)
 {
-    CheckSameSize(v, "TransformTo_Sub_d_x_Vt");
-    if (IsShared())
-        ForceUnlink();
-    m_numMis = CombineElementwise(m_data, v.m_data, m_size, m_numMis > 0 || v.m_numMis > 0,
-                                  [d](T x, T y) { return static_cast<T>(x - d * y); });
+    CombineWith(v, "TransformTo_Sub_d_x_Vt", [d](T x, T y) { return static_cast<T>(x - d * y); });
 }
 
 template <class T>
 NCDataVector<T>& NCDataVector<T>::operator+=(double d)
 {
-    if (IsShared())
-        ForceUnlink();
-    m_numMis = TransformPresent(m_data, m_size, m_numMis > 0, [d](T x) { return static_cast<T>(x + d); });
+    TransformWith([d](T x) { return static_cast<T>(x + d); });
     return *this;
 }
 
 template <class T>
 NCDataVector<T>& NCDataVector<T>::operator-=(double d)
 {
-    if (IsShared())
-        ForceUnlink();
-    m_numMis = TransformPresent(m_data, m_size, m_numMis > 0, [d](T x) { return static_cast<T>(x - d); });
+    TransformWith([d](T x) { return static_cast<T>(x - d); });
     return *this;
 }
 
 template <class T>
 NCDataVector<T>& NCDataVector<T>::operator*=(double d)
 {
-    if (IsShared())
-        ForceUnlink();
-    m_numMis = TransformPresent(m_data, m_size, m_numMis > 0, [d](T x) { return static_cast<T>(x * d); });
+    TransformWith([d](T x) { return static_cast<T>(x * d); });
     return *this;
 }
 
 template <class T>
 NCDataVector<T>& NCDataVector<T>::operator/=(double d)
 {
-    if (IsShared())
-        ForceUnlink();
-    m_numMis = TransformPresent(m_data, m_size, m_numMis > 0, [d](T x) { return static_cast<T>(x / d); });
+    TransformWith([d](T x) { return static_cast<T>(x / d); });
     return *this;
 }
 
@@ -1331,18 +1320,13 @@ NCDataVector<T> NCDataVector<T>::operator/(double d) const
 template <class T>
 void NCDataVector<T>::Abs()
 {
-    if (IsShared())
-        ForceUnlink();
-    m_numMis = TransformPresent(m_data, m_size, m_numMis > 0, [](T x) { return std::abs(x); });
+    TransformWith([](T x) { return std::abs(x); });
 }
 
 template <class T>
 void NCDataVector<T>::Sqrt()
 {
-    if (IsShared())
-        ForceUnlink();
-    m_numMis = TransformPresent(m_data, m_size, m_numMis > 0,
-                                [](T x) { return x < T(0) ? NCMisVal<T> : static_cast<T>(std::sqrt(x)); });
+    TransformWith([](T x) { return x < T(0) ? NCMisVal<T> : static_cast<T>(std::sqrt(x)); });
 }
 
 template <class T>

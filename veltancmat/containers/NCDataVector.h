@@ -305,6 +305,12 @@ private:
     // Like Grow, but growing geometrically, for appends and inserts.
     void EnsureCapacity(int n);
     void CheckSameSize(const NCDataVector& v, const char* member) const;
+    // this[i] = op(this[i], v[i]), missing where either is missing.
+    template <class Op>
+    void CombineWith(const NCDataVector& v, const char* member, Op op);
+    // this[i] = op(this[i]) on the present elements.
+    template <class Op>
+    void TransformWith(Op op);
 
     int m_alignOffset = 0;
     int m_size = 0;
