@@ -42,11 +42,6 @@ class VectorTest : public ::testing::Test {};
 using ElementTypes = ::testing::Types<float, double>;
 TYPED_TEST_SUITE(VectorTest, ElementTypes);
 
-// One mutating member applied with random arguments; each returns a label
-// for failure messages.
-template <class T>
-using Mutation = std::function<std::string(NCDataVector<T>&, std::mt19937&)>;
-
 template <class T>
 T RandomValue(std::mt19937& rng)
 {
@@ -72,194 +67,75 @@ NCDataVector<T> RandomVector(std::mt19937& rng, int n)
     return v;
 }
 
+// Every mutating member, applied with random arguments, under a label for
+// failure messages.
+template <class T>
+using Mutation = std::pair<const char*, std::function<void(NCDataVector<T>&, std::mt19937&)>>;
+
 template <class T>
 std::vector<Mutation<T>> AllMutations()
 {
-    auto pos = [](std::mt19937& rng, int n) { return std::uniform_int_distribution<int>(1, std::max(1, n))(rng); };
-    auto other = [](std::mt19937& rng, int n) { return RandomVector<T>(rng, n); };
+    using V = NCDataVector<T>;
+    using R = std::mt19937;
+    using List = NCIntegralVector<int, -99>;
+    auto pos = [](R& rng, int n) { return std::uniform_int_distribution<int>(1, std::max(1, n))(rng); };
+    auto val = [](R& rng) { return RandomValue<T>(rng); };
+    auto other = [](R& rng, int n) { return RandomVector<T>(rng, n); };
+    double a = 0, b = 0;
     return {
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            if (v.empty())
-                return std::string("write(skipped)");
-            v(pos(rng, v.Size()), RandomValue<T>(rng));
-            return std::string("operator()");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            if (!v.empty())
-                v.SetAndReturn_dMisVal(pos(rng, v.Size()), RandomValue<T>(rng));
-            return std::string("SetAndReturn_dMisVal");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.SetSize(std::uniform_int_distribution<int>(0, 40)(rng));
-            return std::string("SetSize");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.Resize(std::uniform_int_distribution<int>(0, 40)(rng), RandomValue<T>(rng));
-            return std::string("Resize");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.push_back(RandomValue<T>(rng));
-            return std::string("push_back");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.InsertValues(pos(rng, v.Size() + 1), other(rng, 3));
-            return std::string("InsertValues(vector)");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            v.InsertValues(1, v);
-            return std::string("InsertValues(self)");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.InsertValues(pos(rng, v.Size() + 1), 2, RandomValue<T>(rng));
-            return std::string("InsertValues(count)");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            if (v.Size() >= 2) {
-                const int a = pos(rng, v.Size());
-                v.RemoveValues(a, std::min(v.Size(), a + 2));
-            }
-            return std::string("RemoveValues");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.Remove(RandomValue<T>(rng));
-            return std::string("Remove(value)");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.Remove(NCIntegralVector<int, -99>{pos(rng, v.Size()), 1, 99});
-            return std::string("Remove(list)");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            if (!v.empty())
-                v.Reduce(NCIntegralVector<int, -99>{pos(rng, v.Size()), pos(rng, v.Size()), pos(rng, v.Size())});
-            return std::string("Reduce");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            std::vector<T> p{RandomValue<T>(rng), RandomValue<T>(rng), RandomValue<T>(rng)};
-            v.CopyZeroBasedVector(p.data(), 3);
-            return std::string("CopyZeroBasedVector");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.CopyContent(other(rng, 7));
-            return std::string("CopyContent");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.SetAllValues(RandomValue<T>(rng));
-            return std::string("SetAllValues");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            if (v.Size() >= 2)
-                v.SetRange(v.Size() - 1, other(rng, 4), 2, 3);
-            return std::string("SetRange(vector)");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            if (v.Size() >= 3)
-                v.SetRange(2, v, 1, 2);
-            return std::string("SetRange(self)");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.Add(other(rng, v.Size()));
-            return std::string("Add");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.Subtract(other(rng, v.Size()));
-            return std::string("Subtract");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            v.Add(v);
-            return std::string("Add(self)");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v += static_cast<double>(RandomValue<T>(rng));
-            return std::string("+=d");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            v -= 1.0;
-            return std::string("-=d");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            v *= -99.0;
-            return std::string("*=d");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            v /= -1.0;
-            return std::string("/=d");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.DotMultiplication(other(rng, v.Size()));
-            return std::string("DotMultiplication");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.DotDivide(other(rng, v.Size()));
-            return std::string("DotDivide");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            v.VectorDivide(99.0);
-            return std::string("VectorDivide");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.TransformTo_Add_d_x_Vt(2.0, other(rng, v.Size()));
-            return std::string("TransformTo_Add_d_x_Vt");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.TransformTo_Sub_d_x_Vt(-1.0, other(rng, v.Size()));
-            return std::string("TransformTo_Sub_d_x_Vt");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            v.Abs();
-            v *= -1.0;
-            return std::string("Abs");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            v.Sqrt();
-            return std::string("Sqrt");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            v.Normalize();
-            return std::string("Normalize");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            v.SNV();
-            return std::string("SNV");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            double mean = 0;
-            v.DetrendMean(mean);
-            return std::string("DetrendMean");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            double a = 0, b = 0;
-            v.DetrendLinear(a, b);
-            return std::string("DetrendLinear");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v.Lag(std::uniform_int_distribution<int>(-3, 3)(rng));
-            return std::string("Lag");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            v.InterpolateMisVals(nullptr);
-            return std::string("InterpolateMisVals");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            NCDataVector<T> x(v.Size());
-            for (int i = 1; i <= v.Size(); ++i)
-                x(i, static_cast<T>(i * i));
-            if (v.Size() > 1)
-                x(pos(rng, v.Size()), T(-99));
-            v.InterpolateMisVals(&x);
-            return std::string("InterpolateMisVals(x)");
-        },
-        [=](NCDataVector<T>& v, std::mt19937& rng) {
-            v = other(rng, 5);
-            return std::string("operator=");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            v.Clear();
-            return std::string("Clear");
-        },
-        [=](NCDataVector<T>& v, std::mt19937&) {
-            v.Reserve(v.Size() + 50);
-            return std::string("Reserve");
-        },
+        {"operator()", [=](V& v, R& r) { if (!v.empty()) v(pos(r, v.Size()), val(r)); }},
+        {"SetAndReturn_dMisVal", [=](V& v, R& r) { if (!v.empty()) v.SetAndReturn_dMisVal(pos(r, v.Size()), val(r)); }},
+        {"SetSize", [=](V& v, R& r) { v.SetSize(std::uniform_int_distribution<int>(0, 40)(r)); }},
+        {"Resize", [=](V& v, R& r) { v.Resize(std::uniform_int_distribution<int>(0, 40)(r), val(r)); }},
+        {"push_back", [=](V& v, R& r) { v.push_back(val(r)); }},
+        {"InsertValues(vector)", [=](V& v, R& r) { v.InsertValues(pos(r, v.Size() + 1), other(r, 3)); }},
+        {"InsertValues(self)", [=](V& v, R&) { v.InsertValues(1, v); }},
+        {"InsertValues(count)", [=](V& v, R& r) { v.InsertValues(pos(r, v.Size() + 1), 2, val(r)); }},
+        {"RemoveValues", [=](V& v, R& r) {
+             const int at = pos(r, v.Size());
+             if (v.Size() >= 2) v.RemoveValues(at, std::min(v.Size(), at + 2));
+         }},
+        {"Remove(value)", [=](V& v, R& r) { v.Remove(val(r)); }},
+        {"Remove(list)", [=](V& v, R& r) { v.Remove(List{pos(r, v.Size()), 1, 99}); }},
+        {"Reduce", [=](V& v, R& r) { if (!v.empty()) v.Reduce(List{pos(r, v.Size()), pos(r, v.Size()), 1}); }},
+        {"CopyZeroBasedVector", [=](V& v, R& r) {
+             const std::vector<T> p{val(r), val(r), val(r)};
+             v.CopyZeroBasedVector(p.data(), 3);
+         }},
+        {"CopyContent", [=](V& v, R& r) { v.CopyContent(other(r, 7)); }},
+        {"SetAllValues", [=](V& v, R& r) { v.SetAllValues(val(r)); }},
+        {"SetRange(vector)", [=](V& v, R& r) { if (v.Size() >= 2) v.SetRange(v.Size() - 1, other(r, 4), 2, 3); }},
+        {"SetRange(self)", [=](V& v, R&) { if (v.Size() >= 3) v.SetRange(2, v, 1, 2); }},
+        {"Add", [=](V& v, R& r) { v.Add(other(r, v.Size())); }},
+        {"Subtract", [=](V& v, R& r) { v.Subtract(other(r, v.Size())); }},
+        {"Add(self)", [=](V& v, R&) { v.Add(v); }},
+        {"+=d", [=](V& v, R& r) { v += static_cast<double>(val(r)); }},
+        {"-=d", [=](V& v, R&) { v -= 1.0; }},
+        {"*=d", [=](V& v, R&) { v *= -99.0; }},
+        {"/=d", [=](V& v, R&) { v /= -1.0; }},
+        {"DotMultiplication", [=](V& v, R& r) { v.DotMultiplication(other(r, v.Size())); }},
+        {"DotDivide", [=](V& v, R& r) { v.DotDivide(other(r, v.Size())); }},
+        {"VectorDivide", [=](V& v, R&) { v.VectorDivide(99.0); }},
+        {"TransformTo_Add_d_x_Vt", [=](V& v, R& r) { v.TransformTo_Add_d_x_Vt(2.0, other(r, v.Size())); }},
+        {"TransformTo_Sub_d_x_Vt", [=](V& v, R& r) { v.TransformTo_Sub_d_x_Vt(-1.0, other(r, v.Size())); }},
+        {"Abs", [=](V& v, R&) { v.Abs(); v *= -1.0; }},
+        {"Sqrt", [=](V& v, R&) { v.Sqrt(); }},
+        {"Normalize", [=](V& v, R&) { v.Normalize(); }},
+        {"SNV", [=](V& v, R&) { v.SNV(); }},
+        {"DetrendMean", [=](V& v, R&) mutable { v.DetrendMean(a); }},
+        {"DetrendLinear", [=](V& v, R&) mutable { v.DetrendLinear(a, b); }},
+        {"Lag", [=](V& v, R& r) { v.Lag(std::uniform_int_distribution<int>(-3, 3)(r)); }},
+        {"InterpolateMisVals", [=](V& v, R&) { v.InterpolateMisVals(nullptr); }},
+        {"InterpolateMisVals(x)", [=](V& v, R& r) {
+             V x(v.Size());
+             for (int i = 1; i <= v.Size(); ++i)
+                 x(i, static_cast<T>(i * i));
+             if (v.Size() > 1) x(pos(r, v.Size()), T(-99));
+             v.InterpolateMisVals(&x);
+         }},
+        {"operator=", [=](V& v, R& r) { v = other(r, 5); }},
+        {"Clear", [=](V& v, R&) { v.Clear(); }},
+        {"Reserve", [=](V& v, R&) { v.Reserve(v.Size() + 50); }},
     };
 }
 
@@ -276,8 +152,8 @@ TYPED_TEST(VectorTest, RandomMutationsKeepCountExactAndCopiesIsolated)
             const NCDataVector<TypeParam> before(v);
             const std::vector<TypeParam> snapshot = Values(v);
             const int beforeMissing = v.GetNumMisVal();
-            const auto& mutate = mutations[std::uniform_int_distribution<std::size_t>(0, mutations.size() - 1)(rng)];
-            const std::string name = mutate(v, rng);
+            const auto& [name, mutate] = mutations[std::uniform_int_distribution<std::size_t>(0, mutations.size() - 1)(rng)];
+            mutate(v, rng);
             ASSERT_EQ(v.GetNumMisVal(), Recount(v)) << name << " at run " << run << " step " << step;
             ASSERT_TRUE(Aligned(v)) << name;
             // Bitwise comparison: NaN may appear after chains of operations.

@@ -4,7 +4,11 @@
 // GCC emits an AVX2 copy beside the baseline one and picks between them when
 // the library loads, so one binary runs on any x86-64 machine and still uses
 // 32-byte vectors where the processor has them.
-#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__)
+//
+// Not under ThreadSanitizer: the clone resolvers run while the dynamic loader
+// relocates the library, before the TSan runtime is up, and their
+// instrumentation would crash there.
+#if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && !defined(__SANITIZE_THREAD__)
 #define VELTAN_SIMD_CLONES __attribute__((target_clones("avx2", "default")))
 #else
 #define VELTAN_SIMD_CLONES
