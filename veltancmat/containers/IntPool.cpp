@@ -1,6 +1,7 @@
 #include "veltancmat/containers/IntPool.h"
 
-#include <atomic>
+#include "veltancmat/containers/frame/SharedBlock.h"
+
 #include <vector>
 
 namespace {
@@ -8,7 +9,7 @@ namespace {
 constexpr int CellsPerBlock = 16384; // 65536 bytes
 
 struct PoolState {
-    std::atomic<int> lockWord{0};
+    NCSpinLock lock;
     std::vector<int*> freeCells;
 };
 
@@ -20,28 +21,6 @@ PoolState& Pool()
     return *state;
 }
 
-class SpinGuard {
-public:
-    explicit SpinGuard(std::atomic<int>& word) noexcept : m_word(word)
-    {
-        int expected = 0;
-        while (!m_word.compare_exchange_weak(expected, 1, std::memory_order_acquire, std::memory_order_relaxed)) {
-            expected = 0;
-            while (m_word.load(std::memory_order_relaxed) != 0) {
-#if defined(__x86_64__) || defined(__i386__)
-                __builtin_ia32_pause();
-#endif
-            }
-        }
-    }
-    ~SpinGuard() { m_word.store(0, std::memory_order_release); }
-    SpinGuard(const SpinGuard&) = delete;
-    SpinGuard& operator=(const SpinGuard&) = delete;
-
-private:
-    std::atomic<int>& m_word;
-};
-
 } // namespace
 
 int* IntPool::GetInt()
@@ -49,7 +28,7 @@ int* IntPool::GetInt()
     PoolState& pool = Pool();
     int* cell = nullptr;
     {
-        SpinGuard guard(pool.lockWord);
+        NCSharedBlockLock guard(&pool.lock);
         if (pool.freeCells.empty()) {
             // The list is empty here, so room for one block suffices.
             // Reserving first means a failure leaves the pool unchanged.
@@ -71,13 +50,13 @@ void IntPool::ReleaseInt(int* cell)
     if (!cell)
         return;
     PoolState& pool = Pool();
-    SpinGuard guard(pool.lockWord);
+    NCSharedBlockLock guard(&pool.lock);
     pool.freeCells.push_back(cell);
 }
 
 long long IntPool::FreeCount()
 {
     PoolState& pool = Pool();
-    SpinGuard guard(pool.lockWord);
+    NCSharedBlockLock guard(&pool.lock);
     return static_cast<long long>(pool.freeCells.size());
 }

@@ -2,6 +2,7 @@
 
 #include "veltancmat/containers/NCIntegralVector.h"
 #include "veltancmat/containers/frame/Simd.h"
+#include "veltancmat/containers/frame/StreamRecord.h"
 #include "veltancmat/platform/BinaryIO.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -1522,12 +1523,9 @@ bool ReadElements(T* p, int n, std::istream& in)
 template <class T>
 bool NCDataVector<T>::QvStreamableStartWrite(std::ostream& out) const
 {
-    if (m_streaming)
-        return true;
-    m_streaming = true;
-    if (!MyStreamableData.Write(out) || !QvStreamBase::QvStreamableStartWrite(out))
-        return false;
-    return QvStreamableWrite(out);
+    return NCStreamRecord::StartWrite(
+        out, m_streaming, MyStreamableData, [&] { return QvStreamBase::QvStreamableStartWrite(out); },
+        [&] { return QvStreamableWrite(out); });
 }
 
 template <class T>
@@ -1546,17 +1544,9 @@ bool NCDataVector<T>::QvStreamableWrite(std::ostream& out) const
 template <class T>
 bool NCDataVector<T>::QvStreamableStartRead(std::istream& in)
 {
-    if (m_streaming)
-        return true;
-    m_streaming = true;
-    if (!MyStreamableData.Check(in))
-        return false;
-    // Refused before anything else is read, so the vector stays untouched.
-    if (MyStreamableData.GetQvStreamVersionNumber() != 4)
-        return false;
-    if (!QvStreamBase::QvStreamableStartRead(in))
-        return false;
-    return QvStreamableRead(in);
+    return NCStreamRecord::StartRead(
+        in, m_streaming, MyStreamableData, 4, [&] { return QvStreamBase::QvStreamableStartRead(in); },
+        [&] { return QvStreamableRead(in); });
 }
 
 template <class T>

@@ -1,4 +1,5 @@
 #include "veltancmat/containers/NCIntegralVector.h"
+#include "veltancmat/containers/frame/StreamRecord.h"
 
 #include "veltancmat/platform/BinaryIO.h"
 #include "veltancmat/platform/NCError.h"
@@ -483,10 +484,9 @@ bool NCIntegralVector<T, Missing>::QvStreamableStartWrite(std::ostream& out) con
             return false;
         }
     }
-    m_streaming = true;
-    if (!MyStreamableData.Write(out) || !QvStreamBase::QvStreamableStartWrite(out))
-        return false;
-    return QvStreamableWrite(out);
+    return NCStreamRecord::StartWrite(
+        out, m_streaming, MyStreamableData, [&] { return QvStreamBase::QvStreamableStartWrite(out); },
+        [&] { return QvStreamableWrite(out); });
 }
 
 template <class T, int Missing>
@@ -514,18 +514,9 @@ bool NCIntegralVector<T, Missing>::QvStreamableWrite(std::ostream& out) const
 template <class T, int Missing>
 bool NCIntegralVector<T, Missing>::QvStreamableStartRead(std::istream& in)
 {
-    if (m_streaming)
-        return true;
-    m_streaming = true;
-    if (!MyStreamableData.Check(in))
-        return false;
-    // The version is refused before anything else is read, so the vector
-    // stays untouched.
-    if (MyStreamableData.GetQvStreamVersionNumber() != 4)
-        return false;
-    if (!QvStreamBase::QvStreamableStartRead(in))
-        return false;
-    return QvStreamableRead(in);
+    return NCStreamRecord::StartRead(
+        in, m_streaming, MyStreamableData, 4, [&] { return QvStreamBase::QvStreamableStartRead(in); },
+        [&] { return QvStreamableRead(in); });
 }
 
 template <class T, int Missing>

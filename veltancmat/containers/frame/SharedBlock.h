@@ -2,11 +2,10 @@
 
 #include <atomic>
 
-// The record that copies of a container share: how many copies use the data,
-// and a spin lock that guards the count and the decision to free or detach.
-// Containers hold a pointer to it next to their data pointer.
-struct NCSharedBlock {
-    std::atomic<int> refCount{1};
+// A spin lock on one int word: compare-exchange 0 -> 1 to take it, store 0
+// to give it back. Used where the critical sections are a few instructions
+// long (reference counts, free lists).
+struct NCSpinLock {
     std::atomic<int> lockWord{0};
 
     void Lock() noexcept
@@ -24,18 +23,25 @@ struct NCSharedBlock {
     void Unlock() noexcept { lockWord.store(0, std::memory_order_release); }
 };
 
-// Scoped hold of a block's spin lock; a null block is not locked.
+// The record that copies of a container share: how many copies use the data,
+// and the lock that guards the count and the decision to free or detach.
+// Containers hold a pointer to it next to their data pointer.
+struct NCSharedBlock : NCSpinLock {
+    std::atomic<int> refCount{1};
+};
+
+// Scoped hold of a spin lock; a null lock is not taken.
 class NCSharedBlockLock {
 public:
-    explicit NCSharedBlockLock(NCSharedBlock* block) noexcept : m_block(block)
+    explicit NCSharedBlockLock(NCSpinLock* lock) noexcept : m_lock(lock)
     {
-        if (m_block)
-            m_block->Lock();
+        if (m_lock)
+            m_lock->Lock();
     }
     ~NCSharedBlockLock()
     {
-        if (m_block)
-            m_block->Unlock();
+        if (m_lock)
+            m_lock->Unlock();
     }
     NCSharedBlockLock(const NCSharedBlockLock&) = delete;
     NCSharedBlockLock& operator=(const NCSharedBlockLock&) = delete;
@@ -43,11 +49,11 @@ public:
     // Gives up the lock early, e.g. before the block itself is freed.
     void Release() noexcept
     {
-        if (m_block)
-            m_block->Unlock();
-        m_block = nullptr;
+        if (m_lock)
+            m_lock->Unlock();
+        m_lock = nullptr;
     }
 
 private:
-    NCSharedBlock* m_block;
+    NCSpinLock* m_lock;
 };
