@@ -13,6 +13,8 @@ template <class T, int Missing>
 class NCIntegralVector;
 template <class T>
 class NCDataMatrix;
+template <class T>
+class NCVecOpResultProxy;
 
 // The library's one-dimensional numeric container (T = float or double).
 //
@@ -224,6 +226,12 @@ public:
     NCDataVector operator-(double d) const;
     NCDataVector operator*(double d) const;
     NCDataVector operator/(double d) const;
+    // this' * M: one value per column of M, over the complete pairs of each
+    // column (-99 where a column has none).
+    NCDataVector operator*(const NCDataMatrix<T>& M) const;
+    // Routes the next operation's result into `target` without a temporary:
+    // v.Result(&w) * M.
+    NCVecOpResultProxy<T> Result(NCDataVector* target) const;
     // this[i] *= v[i]; this[i] /= v[i] (a zero divisor gives a missing element).
     void DotMultiplication(const NCDataVector& v);
     void DotDivide(const NCDataVector& v);
