@@ -89,12 +89,16 @@ VELTAN_SIMD_CLONES double DotMasked(const T* x, const T* p, int n, double& pp, i
 {
     double sum = 0.0, squares = 0.0;
     int count = 0;
+    // The operand is selected, not each sum's term: GCC 12 miscompiles the
+    // AVX2 clone of this loop when every one of three reductions has its
+    // own conditional term (the first sum comes out wrong).
 #pragma omp simd reduction(+ : sum, squares, count)
     for (int j = 1; j <= n; ++j) {
         const bool both = !Mis(x[j]) && !Mis(p[j]);
-        sum += both ? x[j] * p[j] : T(0);
-        squares += both ? p[j] * p[j] : T(0);
-        count += both ? 1 : 0;
+        const T pj = both ? p[j] : T(0);
+        sum += x[j] * pj;
+        squares += pj * pj;
+        count += static_cast<int>(both);
     }
     pp = squares;
     used = count;
