@@ -1,0 +1,79 @@
+// Dense products of two 1000 x 1000 float matrices, on one and on two
+// threads. The counter GFLOP is shown per second: the arithmetic rate, at
+// 2 n^3 floating-point operations per product. Wall time is measured, since
+// the work is spread over threads.
+#include "veltancmat/containers/NCDataMatrix.h"
+
+#include <benchmark/benchmark.h>
+#include <omp.h>
+
+#include <random>
+
+namespace {
+
+constexpr int N = 1000;
+
+NCDataMatrix<float> MakeMatrix(unsigned seed)
+{
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<float> value(-1.0f, 1.0f);
+    NCDataMatrix<float> m(N, N);
+    std::vector<float*> rows = m.GetMatrixAsPointerPointer();
+    for (int i = 1; i <= N; ++i)
+        for (int j = 1; j <= N; ++j)
+            rows[i][j] = value(rng);
+    m.RecountMissing();
+    return m;
+}
+
+const NCDataMatrix<float>& Left()
+{
+    static const NCDataMatrix<float> a = MakeMatrix(11);
+    return a;
+}
+
+const NCDataMatrix<float>& Right()
+{
+    static const NCDataMatrix<float> b = MakeMatrix(12);
+    return b;
+}
+
+// The requested team size exactly: with dynamic adjustment (the library's
+// default) a busy machine would be given fewer threads.
+void SetThreads(benchmark::State& state)
+{
+    omp_set_dynamic(0);
+    omp_set_num_threads(static_cast<int>(state.range(0)));
+}
+
+void SetFlops(benchmark::State& state)
+{
+    const double gflop = 2.0 * N * N * N * 1e-9;
+    state.counters["GFLOP"] = benchmark::Counter(gflop, benchmark::Counter::kIsIterationInvariantRate);
+}
+
+void BM_MatrixMultiply(benchmark::State& state)
+{
+    SetThreads(state);
+    const NCDataMatrix<float>& a = Left();
+    const NCDataMatrix<float>& b = Right();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(a.MatrixMultiply(b));
+    SetFlops(state);
+}
+BENCHMARK(BM_MatrixMultiply)->Arg(1)->Arg(2)->ArgName("threads")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_MultiplyTransposeThis(benchmark::State& state)
+{
+    SetThreads(state);
+    const NCDataMatrix<float>& a = Left();
+    const NCDataMatrix<float>& b = Right();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(a.MultiplyTransposeThis(b));
+    SetFlops(state);
+}
+BENCHMARK(BM_MultiplyTransposeThis)->Arg(1)->Arg(2)->ArgName("threads")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+} // namespace
+
+BENCHMARK_MAIN();
