@@ -131,43 +131,113 @@ bool QvStreamableData::Check(std::istream& in)
 
 // ---------------------------------------------------------------- entry window
 
-// A read-only window of `length` bytes of the parent's streambuf, starting
-// where the parent stands. It keeps no buffer of its own, so the parent's
-// position is always start + consumed and the directory can skip the rest
-// or move on without bookkeeping. Positions are relative to the entry.
-class InputStreamDirectory::EntryBuffer : public std::streambuf {
+namespace {
+// What QvStreamHasBytes and nested directories ask of an entry's buffer.
+class CheckedBuffer : public std::streambuf {
 public:
-    void Reset(std::streambuf* parent, std::streamoff start, std::streamoff length)
+    // Whether the entry's length was checked against what its parent holds.
+    virtual bool Exact() const = 0;
+    virtual bool Has(std::streamoff n) = 0;
+};
+
+// Whether what remains of `in` is known for certain: an entry's remainder
+// is when its length was checked, and so is a stream's when it can seek.
+bool RemainderIsExact(std::istream& in)
+{
+    if (const auto* entry = dynamic_cast<const CheckedBuffer*>(in.rdbuf()))
+        return entry->Exact();
+    return QvStreamRemaining(in) >= 0;
+}
+} // namespace
+
+// A read-only window of `length` bytes of the parent's streambuf, starting
+// where the parent stands. Bytes are taken from the parent as they are read,
+// so the parent's position is start + fetched and the directory can skip the
+// rest or move on with little bookkeeping. Positions are relative to the
+// entry.
+//
+// Whether the length is exact depends on the parent: where the parent's
+// remainder is known the directory checked the length against it, but on a
+// pipe the length is only a claim and the remainder an upper bound. There a
+// reader's question whether n bytes are present (QvStreamHasBytes) is
+// answered by fetching them ahead into the get area, so that a damaged
+// length costs memory only for bytes that actually arrive.
+class InputStreamDirectory::EntryBuffer : public CheckedBuffer {
+public:
+    void Reset(std::streambuf* parent, std::streamoff start, std::streamoff length, bool exact = true)
     {
         m_parent = parent;
         m_start = start;
         m_length = length;
-        m_consumed = 0;
+        m_fetched = 0;
+        m_exact = exact;
+        m_ahead.clear();
+        setg(nullptr, nullptr, nullptr);
     }
-    std::streamoff Remaining() const { return m_length - m_consumed; }
-    std::streamoff Consumed() const { return m_consumed; }
+    bool Exact() const override { return m_exact; }
+    std::streamoff Consumed() const { return m_fetched - Buffered(); }
+    std::streamoff Remaining() const { return m_length - Consumed(); }
+    // Bytes of the entry not yet taken from the parent.
+    std::streamoff Unfetched() const { return m_length - m_fetched; }
+
+    // Whether `n` more bytes are in the entry, fetching them ahead if its
+    // length is only a claim.
+    bool Has(std::streamoff n) override
+    {
+        if (n > Remaining())
+            return false;
+        if (m_exact || n <= Buffered())
+            return true;
+        std::string ahead(gptr(), egptr());
+        while (std::streamoff(ahead.size()) < n) {
+            const std::size_t have = ahead.size();
+            const std::size_t chunk = std::size_t(std::min<std::streamoff>(n - std::streamoff(have), FetchChunk));
+            ahead.resize(have + chunk);
+            const std::streamsize got = m_parent->sgetn(ahead.data() + have, std::streamsize(chunk));
+            m_fetched += std::max<std::streamsize>(got, 0);
+            ahead.resize(have + std::size_t(std::max<std::streamsize>(got, 0)));
+            if (got < std::streamsize(chunk))
+                break;
+        }
+        m_ahead = std::move(ahead);
+        setg(m_ahead.data(), m_ahead.data(), m_ahead.data() + m_ahead.size());
+        return std::streamoff(m_ahead.size()) >= n;
+    }
 
 protected:
-    int_type underflow() override { return Remaining() > 0 ? m_parent->sgetc() : traits_type::eof(); }
+    int_type underflow() override
+    {
+        if (gptr() < egptr())
+            return traits_type::to_int_type(*gptr());
+        return Unfetched() > 0 ? m_parent->sgetc() : traits_type::eof();
+    }
 
     int_type uflow() override
     {
-        if (Remaining() <= 0)
+        if (gptr() < egptr()) {
+            const int_type c = traits_type::to_int_type(*gptr());
+            gbump(1);
+            return c;
+        }
+        if (Unfetched() <= 0)
             return traits_type::eof();
         const int_type c = m_parent->sbumpc();
         if (!traits_type::eq_int_type(c, traits_type::eof()))
-            ++m_consumed;
+            ++m_fetched;
         return c;
     }
 
     std::streamsize xsgetn(char* s, std::streamsize n) override
     {
-        n = std::min<std::streamsize>(n, Remaining());
-        if (n <= 0)
-            return 0;
-        const std::streamsize got = m_parent->sgetn(s, n);
-        m_consumed += got;
-        return got;
+        const std::streamsize buffered = std::min<std::streamsize>(std::max<std::streamsize>(n, 0), Buffered());
+        std::copy(gptr(), gptr() + buffered, s);
+        setg(eback(), gptr() + buffered, egptr());
+        const std::streamsize rest = std::min<std::streamsize>(n - buffered, Unfetched());
+        if (rest <= 0)
+            return buffered;
+        const std::streamsize got = m_parent->sgetn(s + buffered, rest);
+        m_fetched += got;
+        return buffered + got;
     }
 
     std::streamsize showmanyc() override { return Remaining() > 0 ? 0 : -1; }
@@ -176,16 +246,19 @@ protected:
     {
         if (!(which & std::ios::in))
             return pos_type(off_type(-1));
-        const off_type base = dir == std::ios::beg ? 0 : dir == std::ios::cur ? m_consumed : m_length;
+        const off_type here = Consumed();
+        const off_type base = dir == std::ios::beg ? 0 : dir == std::ios::cur ? here : m_length;
         const off_type target = base + off;
         if (target < 0 || target > m_length)
             return pos_type(off_type(-1));
         // Telling the position needs no help from the parent, so it works
         // even when the parent cannot seek.
-        if (target != m_consumed) {
+        if (target != here) {
             if (m_start < 0 || off_type(m_parent->pubseekpos(m_start + target, std::ios::in)) != m_start + target)
                 return pos_type(off_type(-1));
-            m_consumed = target;
+            m_fetched = target;
+            m_ahead.clear();
+            setg(nullptr, nullptr, nullptr);
         }
         return pos_type(target);
     }
@@ -196,10 +269,16 @@ protected:
     }
 
 private:
+    static constexpr std::streamoff FetchChunk = 64 * 1024;
+
+    std::streamoff Buffered() const { return egptr() - gptr(); }
+
     std::streambuf* m_parent = nullptr;
     std::streamoff m_start = -1;
     std::streamoff m_length = 0;
-    std::streamoff m_consumed = 0;
+    std::streamoff m_fetched = 0; // taken from the parent, including what waits in the get area
+    bool m_exact = true;
+    std::string m_ahead; // the get area, while bytes are fetched ahead
 };
 
 std::streamsize QvStreamRemaining(std::istream& in)
@@ -226,6 +305,9 @@ bool QvStreamHasBytes(std::istream& in, std::streamsize bytes)
 {
     if (in.fail())
         return false;
+    // An entry whose length is only a claim proves the bytes by fetching them.
+    if (auto* entry = dynamic_cast<CheckedBuffer*>(in.rdbuf()))
+        return entry->Has(bytes);
     const std::streamsize remaining = QvStreamRemaining(in);
     return remaining < 0 || remaining >= bytes;
 }
@@ -468,14 +550,14 @@ bool InputStreamDirectory::ReadEntryHeader()
     m_spans.push_back({index, start, std::streamoff(length)});
     m_current = m_spans.size() - 1;
     m_frontier = start >= 0 ? start + std::streamoff(length) : -1;
-    m_buffer->Reset(m_in.rdbuf(), start, std::streamoff(length));
+    m_buffer->Reset(m_in.rdbuf(), start, std::streamoff(length), RemainderIsExact(m_in));
     m_entry->clear();
     return true;
 }
 
 bool InputStreamDirectory::SkipRestOfEntry()
 {
-    std::streamoff rest = m_buffer->Remaining();
+    std::streamoff rest = m_buffer->Unfetched();
     m_buffer->Reset(nullptr, -1, 0);
     m_current = AtFrontier;
     std::streambuf* sb = m_in.rdbuf();
@@ -520,7 +602,7 @@ std::istream* InputStreamDirectory::OpenEntry(std::size_t span)
     const Span& s = m_spans[span];
     if (s.start < 0 || !SeekIn(m_in, s.start))
         return nullptr; // passed already on a stream that cannot go back
-    m_buffer->Reset(m_in.rdbuf(), s.start, s.length);
+    m_buffer->Reset(m_in.rdbuf(), s.start, s.length, RemainderIsExact(m_in));
     m_current = span;
     m_entry->clear();
     return m_entry.get();
