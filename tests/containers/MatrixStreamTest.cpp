@@ -1,0 +1,348 @@
+// The "NCDM" record: round trips, its exact bytes, the written-once rule,
+// and refusal of damaged records, after which the matrix is empty.
+#include "veltancmat/containers/NCDataMatrix.h"
+#include "veltancmat/platform/BinaryIO.h"
+
+#include "containers/MemoryBound.h"
+#include "containers/OpenFaults.h"
+#include "containers/fixtures/MatrixGolden.inc"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+namespace {
+
+using OpenFaults::Fault;
+
+template <class T>
+using Matrix = NCDataMatrix<T>;
+using Counts = NCIntegralVector<int, -99>;
+
+// Where the int32 values of entries 0 (rows), 1 (columns) and 2 (total)
+// stand in a record: after the 7-byte header and the entry count, each entry
+// is a 10-byte entry header and its 4 bytes.
+constexpr std::size_t RowsField = 19, ColsField = 33, TotalField = 47;
+// The first row record starts after entry 3's header; its missing count
+// (entry 1 of the row's directory) stands at the same distance as in the
+// matrix.
+constexpr std::size_t FirstRow = 61, RowCountField = FirstRow + ColsField;
+
+template <class T>
+Matrix<T> Make(std::initializer_list<std::initializer_list<double>> rows)
+{
+    Matrix<T> m;
+    for (const auto& row : rows) {
+        NCDataVector<T> v;
+        for (double x : row)
+            v.push_back(static_cast<T>(x));
+        m.push_back(v);
+    }
+    return m;
+}
+
+template <class T>
+std::string Save(const Matrix<T>& m)
+{
+    std::ostringstream out;
+    EXPECT_TRUE(m.QvStreamableStartWrite(out));
+    m.QvStreamableReset();
+    return out.str();
+}
+
+// The matrix reader reports every failure by its result: a QvStreamError
+// escaping it fails the test.
+template <class T>
+bool Load(const std::string& bytes, Matrix<T>& m)
+{
+    std::istringstream in(bytes);
+    const bool ok = m.QvStreamableStartRead(in);
+    m.QvStreamableReset();
+    return ok;
+}
+
+std::string Patched(std::string bytes, std::size_t at, std::int32_t value)
+{
+    for (int k = 0; k < 4; ++k)
+        bytes.at(at + k) = static_cast<char>(static_cast<std::uint32_t>(value) >> (8 * k));
+    return bytes;
+}
+
+// Same sizes, counts and cell bits.
+template <class T>
+::testing::AssertionResult Same(const Matrix<T>& a, const Matrix<T>& b)
+{
+    if (a.SizeRows() != b.SizeRows() || a.SizeColumns() != b.SizeColumns() || a.GetNumMisVal() != b.GetNumMisVal())
+        return ::testing::AssertionFailure() << a.SizeRows() << "x" << a.SizeColumns() << " with "
+                                             << a.GetNumMisVal() << " missing vs " << b.SizeRows() << "x"
+                                             << b.SizeColumns() << " with " << b.GetNumMisVal();
+    for (int j = 1; j <= a.SizeColumns(); ++j)
+        if (a.GetColumnMisVal(j) != b.GetColumnMisVal(j))
+            return ::testing::AssertionFailure() << "column count " << j;
+    for (int i = 1; i <= a.SizeRows(); ++i)
+        if (a[i].GetNumMisVal() != b[i].GetNumMisVal() ||
+            (a.SizeColumns() > 0 && std::memcmp(a[i].begin(), b[i].begin(), sizeof(T) * a.SizeColumns()) != 0))
+            return ::testing::AssertionFailure() << "row " << i;
+    return ::testing::AssertionSuccess();
+}
+
+template <class T>
+bool IsEmpty(const Matrix<T>& m)
+{
+    return m.SizeRows() == 0 && m.SizeColumns() == 0 && m.GetNumMisVal() == 0;
+}
+
+// A hand-made "NCDM" record: every field as given, entries left out when
+// absent, so that records the writer never produces can be tried.
+struct Forged {
+    std::optional<std::int32_t> rows, cols, total;
+    std::optional<std::string> rowRecords, counts;
+
+    std::string Bytes() const
+    {
+        std::ostringstream out;
+        QvStreamLight::WriteMagicStringAndVersionNumber(out, 4, "NCDM");
+        OutputStreamDirectory directory(out, 5);
+        const std::optional<std::int32_t>* fields[3] = {&rows, &cols, &total};
+        for (unsigned short k = 0; k < 3; ++k)
+            if (*fields[k])
+                WriteFourBytes(&**fields[k], 1, directory.GetOutput(k));
+        if (rowRecords)
+            directory.GetOutput(3) << *rowRecords;
+        if (counts)
+            directory.GetOutput(4) << *counts;
+        directory.Close();
+        return out.str();
+    }
+};
+
+template <class Object>
+std::string Record(const Object& object)
+{
+    std::ostringstream out;
+    out << object;
+    object.QvStreamableReset();
+    return out.str();
+}
+
+// A row record whose stored missing count is `count` whatever its cells say.
+template <class T>
+std::string RowRecord(std::initializer_list<T> cells, int count)
+{
+    return Patched(Record(NCDataVector<T>(cells)), ColsField, count);
+}
+
+template <class T>
+class MatrixStream : public ::testing::Test {};
+using ElementTypes = ::testing::Types<float, double>;
+TYPED_TEST_SUITE(MatrixStream, ElementTypes);
+
+TYPED_TEST(MatrixStream, RoundTripsKeepCellsAndCounts)
+{
+    using T = TypeParam;
+    const std::pair<Matrix<T>, Fault> shapes[] = {
+        {Make<T>({{1.5, -99, 3}, {-99, -99, 0.25}, {7, 8, -99}, {1e-30, 2, 3}}), Fault::None},
+        {Matrix<T>(0, 3), Fault::None},
+        {Matrix<T>(3, 0), Fault::MatrixRecountsNullColumns},
+        {Matrix<T>(), Fault::MatrixRecountsNullColumns},
+        {Matrix<T>(1, 1, T(-99)), Fault::None},
+    };
+    for (const auto& [original, fault] : shapes) {
+        if (!OpenFaults::Runs(fault))
+            continue;
+        Matrix<T> copy = Make<T>({{9, -99}});
+        ASSERT_TRUE(Load(Save(original), copy));
+        EXPECT_TRUE(Same(copy, original));
+        EXPECT_EQ(Save(copy), Save(original));
+        // The loaded matrix is an ordinary one: its counts follow a write.
+        if (!copy.empty()) {
+            const int before = copy.GetNumMisVal() - (copy[1][1] == T(-99) ? 1 : 0);
+            copy(1, 1, T(-99));
+            EXPECT_EQ(copy.GetNumMisVal(), before + 1);
+        }
+    }
+}
+
+TYPED_TEST(MatrixStream, GoldenBytesBothWays)
+{
+    using T = TypeParam;
+    const bool isFloat = sizeof(T) == 4;
+    const std::string golden = isFloat ? std::string(std::begin(MatrixGolden::FloatRecord),
+                                                     std::end(MatrixGolden::FloatRecord))
+                                       : std::string(std::begin(MatrixGolden::DoubleRecord),
+                                                     std::end(MatrixGolden::DoubleRecord));
+    const Matrix<T> expected = isFloat ? Make<T>({{1.0, -99, 2.5}, {0.5, 4.0, -8.0}}) : Make<T>({{-99, 0.1}, {3.0, -99}});
+    EXPECT_EQ(Save(expected), golden);
+    Matrix<T> read;
+    ASSERT_TRUE(Load(golden, read));
+    EXPECT_TRUE(Same(read, expected));
+    const std::vector<int> counts = isFloat ? std::vector<int>{0, 1, 0} : std::vector<int>{1, 1};
+    for (int j = 1; j <= read.SizeColumns(); ++j)
+        EXPECT_EQ(read.GetColumnMisVal(j), counts[j - 1]) << j;
+    EXPECT_EQ(read.GetNumMisVal(), isFloat ? 1 : 2);
+}
+
+TEST(MatrixStreamEntries, ZeroRowsWriteNoRowEntryAndReadBackEmpty)
+{
+    std::istringstream in(Save(Matrix<float>(0, 2)));
+    unsigned short version = 0;
+    ASSERT_TRUE(QvStreamLight::CheckMagicStringAndVersionNumber(in, version, "NCDM"));
+    EXPECT_EQ(version, 4);
+    InputStreamDirectory directory(in);
+    EXPECT_EQ(directory.GetEntryCount(), 5);
+    std::vector<unsigned short> present;
+    for (unsigned short k = 0; k < 5; ++k)
+        if (directory.GetInput(k))
+            present.push_back(k);
+    EXPECT_EQ(present, (std::vector<unsigned short>{0, 1, 2, 4}));
+
+    Matrix<float> m = Make<float>({{1, 2}});
+    ASSERT_TRUE(Load(Save(Matrix<float>(0, 2)), m));
+    EXPECT_TRUE(m.empty());
+    EXPECT_EQ(m.SizeRows(), 0);
+    EXPECT_EQ(m.GetNumMisVal(), 0);
+}
+
+TYPED_TEST(MatrixStream, WrittenOnceUntilResetRowsIncluded)
+{
+    const Matrix<TypeParam> m = Make<TypeParam>({{1, -99}, {3, 4}});
+    std::ostringstream out;
+    out << m;
+    const std::string once = out.str();
+    out << m;
+    EXPECT_EQ(out.str(), once);
+    // The reset reaches the rows and the column counts: a second save
+    // writes the same complete record again.
+    m.QvStreamableReset();
+    out << m;
+    EXPECT_EQ(out.str(), once + once);
+}
+
+TYPED_TEST(MatrixStream, OtherVersionsAndMagicsLeaveItUntouched)
+{
+    const Matrix<TypeParam> before = Make<TypeParam>({{5, -99, 6}});
+    const std::string good = Save(Make<TypeParam>({{1, 2}}));
+    for (const auto& [at, byte] : std::vector<std::pair<std::size_t, char>>{{5, 3}, {5, 5}, {4, 'V'}, {0, 3}}) {
+        std::string bad = good;
+        bad[at] = byte;
+        Matrix<TypeParam> m = before;
+        EXPECT_FALSE(Load(bad, m)) << at << " " << int(byte);
+        EXPECT_TRUE(Same(m, before));
+    }
+}
+
+TYPED_TEST(MatrixStream, EveryTruncationIsRefused)
+{
+    // Cut inside the header the record is not ours and the matrix stays as
+    // it was; cut anywhere later it is damaged and the matrix is emptied.
+    const std::string good = Save(Make<TypeParam>({{1, -99}, {-99, 4}}));
+    const Matrix<TypeParam> before = Make<TypeParam>({{5, 6, -99}});
+    OpenFaults::Tally tally;
+    for (std::size_t n = 0; n < good.size(); ++n) {
+        Matrix<TypeParam> m = before;
+        const bool refused = !Load(good.substr(0, n), m);
+        // The last two bytes are the matrix directory's end mark.
+        tally.Check(refused && (n < 7 ? bool(Same(m, before)) : IsEmpty(m)),
+                    n + 2 >= good.size() ? Fault::MatrixKeepsCellsAfterBadEnd : Fault::None,
+                    "prefix of " + std::to_string(n) + " bytes");
+    }
+    tally.Finish();
+}
+
+TEST(MatrixStreamDamage, HugeSizesFailFastWithoutAllocating)
+{
+    if (!MemoryBound::Available)
+        GTEST_SKIP() << "address space cannot be capped under a sanitizer";
+    // Each claim would need gigabytes if believed; the child has one to spare.
+    // No missing cells: a total of 0 fits any size.
+    const std::string good = Save(Make<float>({{1, 2}, {3, 4}}));
+    const std::int32_t huge = 0x7fffffff;
+    const Fault emptyDimension = Fault::MatrixAllocatesForEmptyDimension;
+    const std::vector<std::tuple<std::int32_t, std::int32_t, Fault>> sizes = {
+        {huge, 2, Fault::None}, {2, huge, Fault::None}, {huge, huge, Fault::MatrixSizeProductOverflows},
+        {0x10000, 0x10000, Fault::None}, {-1, 2, Fault::None}, {2, -1, Fault::None}, {-1, 0, Fault::None},
+        {huge, 0, emptyDimension}, {0, huge, emptyDimension},
+    };
+    OpenFaults::Tally tally;
+    for (const auto& [rows, cols, fault] : sizes) {
+        const std::string claim = Patched(Patched(good, RowsField, rows), ColsField, cols);
+        const std::string verdict = MemoryBound::Run([&claim]() -> std::string {
+            Matrix<float> m = Make<float>({{7}});
+            return Load(claim, m) || !IsEmpty(m) ? "accepted" : "";
+        });
+        tally.Check(verdict.empty(), fault,
+                    "rows " + std::to_string(rows) + ", columns " + std::to_string(cols) + ": " + verdict);
+    }
+    tally.Finish();
+}
+
+TEST(MatrixStreamDamage, CountsThatContradictTheCellsAreRefused)
+{
+    // Cells 1 -99 2 / 3 4 -99: one missing in columns 2 and 3, two in all.
+    const std::string rows = RowRecord<float>({1, -99, 2}, 1) + RowRecord<float>({3, 4, -99}, 1);
+    const Forged good{2, 3, 2, rows, Record(Counts{0, 1, 1})};
+    Matrix<float> m;
+    ASSERT_TRUE(Load(good.Bytes(), m));
+
+    const Fault rowCounts = Fault::MatrixTrustsRowCounts;
+    const std::vector<std::tuple<const char*, Forged, Fault>> damaged = {
+        {"total too large", {2, 3, 3, rows, Record(Counts{0, 1, 1})}, Fault::None},
+        {"total too small", {2, 3, 1, rows, Record(Counts{0, 1, 1})}, Fault::None},
+        {"total beyond the cells", {2, 3, 7, rows, Record(Counts{0, 1, 1})}, Fault::None},
+        {"negative total", {2, 3, -1, rows, Record(Counts{0, 1, 1})}, Fault::None},
+        {"counts in the wrong columns", {2, 3, 2, rows, Record(Counts{1, 1, 0})}, Fault::None},
+        {"negative column count", {2, 3, 2, rows, Record(Counts{-1, 2, 1})}, Fault::None},
+        {"too few column counts", {2, 3, 2, rows, Record(Counts{1, 1})}, Fault::None},
+        {"too many column counts", {2, 3, 2, rows, Record(Counts{0, 1, 1, 0})}, Fault::None},
+        {"no column counts", {2, 3, 2, rows, std::nullopt}, Fault::None},
+        {"column counts not a record", {2, 3, 2, rows, std::string(40, '\0')}, Fault::None},
+        // A row's own count belongs to the cells' story too: these records
+        // agree with the counts the rows claim, not with the cells.
+        {"row claims none missing",
+         {2, 3, 1, RowRecord<float>({1, -99, 2}, 0) + RowRecord<float>({3, 4, -99}, 1), Record(Counts{0, 0, 1})},
+         rowCounts},
+        {"row claims two missing",
+         {2, 3, 3, RowRecord<float>({1, -99, 2}, 2) + RowRecord<float>({3, 4, -99}, 1), Record(Counts{0, 1, 1})},
+         rowCounts},
+    };
+    OpenFaults::Tally tally;
+    for (const auto& [what, record, fault] : damaged) {
+        Matrix<float> target = Make<float>({{5, -99}});
+        const bool refused = !Load(record.Bytes(), target);
+        tally.Check(refused && IsEmpty(target), fault, what);
+    }
+    tally.Finish();
+}
+
+TEST(MatrixStreamDamage, RowsThatDoNotFitAreRefused)
+{
+    const std::string row = Record(NCDataVector<double>{1, 2, 3});
+    const std::string counts = Record(Counts{0, 0, 0});
+    const std::vector<std::pair<const char*, Forged>> damaged = {
+        {"a row too short", {2, 3, 0, row + Record(NCDataVector<double>{1, 2}), counts}},
+        {"a row too long", {2, 3, 0, row + Record(NCDataVector<double>{1, 2, 3, 4}), counts}},
+        {"an empty row", {2, 3, 0, row + Record(NCDataVector<double>()), counts}},
+        {"one row of two", {2, 3, 0, row + std::string(30, '\0'), counts}},
+        {"a float row", {1, 3, 0, Record(NCDataVector<float>{1, 2, 3, 4, 5, 6}), counts}},
+        {"a row that is not a vector", {1, 3, 0, Record(Counts{1, 2, 3, 4, 5, 6, 7}), counts}},
+        {"no row entry", {2, 3, 0, std::nullopt, counts}},
+        {"no row count", {std::nullopt, 3, 0, row + row, counts}},
+        {"no column count", {2, std::nullopt, 0, row + row, counts}},
+        {"no total", {2, 3, std::nullopt, row + row, counts}},
+    };
+    for (const auto& [what, record] : damaged) {
+        Matrix<double> target = Make<double>({{5, -99}});
+        EXPECT_FALSE(Load(record.Bytes(), target)) << what;
+        EXPECT_TRUE(IsEmpty(target)) << what;
+    }
+    Matrix<double> m;
+    EXPECT_TRUE(Load(Forged{2, 3, 0, row + row, counts}.Bytes(), m));
+}
+
+} // namespace
