@@ -251,7 +251,8 @@ void NCDataMatrix<T>::AddRowToCounts(const Vector& row, int sign)
 template <class T>
 void NCDataMatrix<T>::RecountColumns()
 {
-    if (!m_colMis)
+    m_numMis = 0;
+    if (!m_colMis || m_cols == 0)
         return;
     int* counts = ColumnCounts();
     std::fill(counts + 1, counts + 1 + m_cols, 0);
@@ -1001,7 +1002,12 @@ bool NCDataMatrix<T>::QvStreamableRead(std::istream& in)
 {
     InputStreamDirectory directory(in);
     const bool ok = ReadStreamDirectory(directory);
-    return directory.Close() && ok && in.good();
+    // A directory that does not end cleanly is damaged as a whole.
+    if (!directory.Close() || !ok || !in.good()) {
+        Clear();
+        return false;
+    }
+    return true;
 }
 
 template <class T>
@@ -1016,33 +1022,52 @@ bool NCDataMatrix<T>::ReadStreamDirectory(InputStreamDirectory& directory)
         if (rows < 0 || cols < 0 || total < 0 || static_cast<long long>(total) > static_cast<long long>(rows) * cols)
             throw QvStreamError();
         NCDataMatrix read;
-        if (rows > 0 && cols > 0) {
-            // Every row record holds at least its cells: a size the entry
-            // cannot back is refused before anything is allocated.
-            std::istream& entry =
-                directory.GetRequiredInput(3, static_cast<std::streamsize>(rows) * cols * std::streamsize(sizeof(T)));
+        // Rows without columns are still written as (empty) row records.
+        std::istream* entry = rows > 0 ? directory.GetInput(3) : nullptr;
+        if (rows > 0 && cols > 0 && !entry)
+            throw QvStreamError(ExceptionMessage::translate("ReadFromStreamDir failed."));
+        if (entry) {
+            // Every row record holds at least its cells (and at least one
+            // byte): a size the entry cannot back is refused before anything
+            // is allocated. The bound is checked by division, as rows x
+            // columns x element size can exceed 64 bits.
+            const std::streamsize rowBytes =
+                std::max<std::streamsize>(1, static_cast<std::streamsize>(cols) * std::streamsize(sizeof(T)));
+            const std::streamsize remaining = QvStreamRemaining(*entry);
+            if (remaining >= 0 && rows > remaining / rowBytes)
+                throw QvStreamError();
+            if (!QvStreamHasBytes(*entry, static_cast<std::streamsize>(rows) * rowBytes))
+                throw QvStreamError();
             read.Allocate(rows, 0, T(0));
             read.m_cols = cols;
             for (int i = 1; i <= rows; ++i) {
                 Vector& row = read.m_rowArray[i];
-                if (!(entry >> row) || row.Size() != cols)
+                if (!(*entry >> row) || row.Size() != cols)
+                    throw QvStreamError();
+                // A row's stored count is checked against its cells here,
+                // where a wrong one would break the matrix's counts.
+                const int stored = row.GetNumMisVal();
+                row.RecountMissing();
+                if (row.GetNumMisVal() != stored)
                     throw QvStreamError();
             }
-        } else {
-            read.Allocate(rows, cols, T(0));
         }
         IndexList counts;
         if (!(directory.GetRequiredInput(4) >> counts))
             throw QvStreamError();
         if (counts.Size() != cols)
             throw QvStreamError();
+        // Without rows the columns are backed by their counts, just read.
+        if (!entry)
+            read.Allocate(0, cols, T(0));
         *read.m_colMis = counts;
         read.m_numMis = total;
         // The stored counts are kept, but counts that contradict the cells
         // mark a damaged record: the invariants could not hold after it.
         NCDataMatrix check(read);
+        check.UnlinkMe();
         check.RecountColumns();
-        if (check.m_numMis != total || *check.m_colMis != counts)
+        if (check.m_numMis != read.m_numMis || *check.m_colMis != *read.m_colMis)
             throw QvStreamError();
         swap(read);
         return true;

@@ -512,38 +512,38 @@ private:
 };
 
 template <class T>
-NCDataMatrixRow<T> NCDataMatrix<T>::operator()(int i)
+inline NCDataMatrixRow<T> NCDataMatrix<T>::operator()(int i)
 {
     assert(i >= 1 && i <= m_rows);
     return NCDataMatrixRow<T>(this, i);
 }
 
 template <class T>
-NCDataMatrixPrim<T> NCDataMatrix<T>::prim() const
+inline NCDataMatrixPrim<T> NCDataMatrix<T>::prim() const
 {
     return NCDataMatrixPrim<T>(this);
 }
 
 template <class T>
-NCMatOpResultProxy<T> NCDataMatrix<T>::Result(Vector* target) const
+inline NCMatOpResultProxy<T> NCDataMatrix<T>::Result(Vector* target) const
 {
     return NCMatOpResultProxy<T>(this, target, nullptr);
 }
 
 template <class T>
-NCMatOpResultProxy<T> NCDataMatrix<T>::Result(NCDataMatrix* target) const
+inline NCMatOpResultProxy<T> NCDataMatrix<T>::Result(NCDataMatrix* target) const
 {
     return NCMatOpResultProxy<T>(this, nullptr, target);
 }
 
 template <class T>
-NCDataMatrix<T> NCDataMatrix<T>::operator*(const NCDataMatrixPrim<T>& B) const
+inline NCDataMatrix<T> NCDataMatrix<T>::operator*(const NCDataMatrixPrim<T>& B) const
 {
     return MultiplyTransposeOther(B.prim());
 }
 
 template <class T>
-NCVecOpResultProxy<T> NCDataVector<T>::Result(NCDataVector* target) const
+inline NCVecOpResultProxy<T> NCDataVector<T>::Result(NCDataVector* target) const
 {
     return NCVecOpResultProxy<T>(this, target);
 }

@@ -1,11 +1,10 @@
 // The column and row regressions that NIPALS repeats for every component,
 // the start column, the rank-one updates and the row and column scalings.
 //
-// The regressions read the matrix in place, row by row: each thread sums a
-// band of rows into its own per-column partial sums, which are added
+// The regressions read the matrix in place, row by row: each thread sums its
+// share of the rows into its own per-column partial sums, which are added
 // together at the end. Elements are multiplied in the element type and
-// accumulated in double; four rows are combined per pass over a band, so
-// that each partial sum is loaded and stored once per four rows.
+// accumulated in double.
 
 #include "veltancmat/containers/MatrixErrors.h"
 #include "veltancmat/containers/NCDataMatrix.h"
@@ -31,49 +30,52 @@ inline T Present(T x)
     return Mis(x) ? T(0) : x;
 }
 
-// s12[j] += sum over the rows k of x_k[j] * t_k, the rows being complete.
+// s12[j] += x[j] * t for a complete row, into partial sums of the element
+// type (see FlushEvery). One row at a time: bands of rows read together
+// measured slower, the rows being short separate streams.
 template <class T>
-VELTAN_SIMD_CLONES void AccumulateComplete(double* s12, const T* const* x, const T* t, int rows, int n)
+VELTAN_SIMD_CLONES void AccumulateComplete(T* s12, const T* x, T t, int n)
 {
-    if (rows == 4) {
-        const T t0 = t[0], t1 = t[1], t2 = t[2], t3 = t[3];
-        const T *x0 = x[0], *x1 = x[1], *x2 = x[2], *x3 = x[3];
 #pragma omp simd
-        for (int j = 1; j <= n; ++j)
-            s12[j] += (x0[j] * t0 + x1[j] * t1) + (x2[j] * t2 + x3[j] * t3);
-        return;
-    }
-    for (int k = 0; k < rows; ++k) {
-        const T tk = t[k];
-        const T* xk = x[k];
+    for (int j = 1; j <= n; ++j)
+        s12[j] += x[j] * t;
+}
+
+// The same for a row with missing cells, which count as zero in s12. What
+// they would have contributed to the used squares is gathered apart in
+// gapSquares[j] (t^2 where x[j] is missing): the used squares of a column
+// are then t't minus that, a select per cell instead of a mask on every
+// sum.
+template <class T>
+VELTAN_SIMD_CLONES void AccumulateMasked(T* s12, T* gapSquares, const T* x, T t, int n)
+{
+    const T q = t * t;
 #pragma omp simd
-        for (int j = 1; j <= n; ++j)
-            s12[j] += xk[j] * tk;
+    for (int j = 1; j <= n; ++j) {
+        const bool m = Mis(x[j]);
+        s12[j] += (m ? T(0) : x[j]) * t;
+        gapSquares[j] += m ? q : T(0);
     }
 }
 
-// The same over rows that may hold missing cells: s11[j] gathers t_k^2 and
-// used[j] the number of rows where x_k[j] is present.
+// total[j] += partial[j] in double, and the partial sums start again.
 template <class T>
-VELTAN_SIMD_CLONES void AccumulateMasked(double* s12, double* s11, int* used, const T* const* x, const T* t, int rows,
-                                         int n)
+VELTAN_SIMD_CLONES void Flush(double* total, T* partial, int n)
 {
-    for (int k = 0; k < rows; ++k) {
-        const T tk = t[k];
-        const T tt = tk * tk;
-        const T* xk = x[k];
 #pragma omp simd
-        for (int j = 1; j <= n; ++j) {
-            const bool present = !Mis(xk[j]);
-            s12[j] += present ? xk[j] * tk : T(0);
-            s11[j] += present ? tt : T(0);
-            used[j] += present ? 1 : 0;
-        }
+    for (int j = 1; j <= n; ++j) {
+        total[j] += partial[j];
+        partial[j] = T(0);
     }
 }
 
-// Sum of x[j] * p[j] over the columns, and for the masked form also the sum
-// of p[j]^2 and the count over the columns where both are present.
+// The column projection sums this many rows in the element type before it
+// adds them to its double sums: a quarter of the per-cell work of adding
+// each product in double, for an error of a few units in the last place of
+// a float over eight terms.
+constexpr int FlushEvery = 8;
+
+// Sum of x[j] * p[j] over the columns.
 template <class T>
 VELTAN_SIMD_CLONES double DotComplete(const T* x, const T* p, int n)
 {
@@ -84,25 +86,33 @@ VELTAN_SIMD_CLONES double DotComplete(const T* x, const T* p, int n)
     return sum;
 }
 
+// The same over a row with missing cells, against a loading whose missing
+// entries are zero (p) with squares p2 (zero there too). The squares of the
+// loadings that meet a missing cell are gathered apart. Selecting between
+// constants rather than between loads keeps the loads unconditional.
 template <class T>
-VELTAN_SIMD_CLONES double DotMasked(const T* x, const T* p, int n, double& pp, int& used)
+VELTAN_SIMD_CLONES double DotMasked(const T* x, const T* p, const T* p2, int n, double& gapSquares)
 {
     double sum = 0.0, squares = 0.0;
-    int count = 0;
-    // The operand is selected, not each sum's term: GCC 12 miscompiles the
-    // AVX2 clone of this loop when every one of three reductions has its
-    // own conditional term (the first sum comes out wrong).
-#pragma omp simd reduction(+ : sum, squares, count)
+#pragma omp simd reduction(+ : sum, squares)
     for (int j = 1; j <= n; ++j) {
-        const bool both = !Mis(x[j]) && !Mis(p[j]);
-        const T pj = both ? p[j] : T(0);
-        sum += x[j] * pj;
-        squares += pj * pj;
-        count += static_cast<int>(both);
+        const T gap = Mis(x[j]) ? T(1) : T(0);
+        sum += (x[j] * p[j]) * (T(1) - gap);
+        squares += gap * p2[j];
     }
-    pp = squares;
-    used = count;
+    gapSquares = squares;
     return sum;
+}
+
+// How many missing cells of a row meet a present loading.
+template <class T>
+VELTAN_SIMD_CLONES int GapPairs(const T* x, const int* present, int n)
+{
+    int count = 0;
+#pragma omp simd reduction(+ : count)
+    for (int j = 1; j <= n; ++j)
+        count += int(Mis(x[j])) * present[j];
+    return count;
 }
 
 // x[j] += f * p[j] where both are present; returns how many cells became
@@ -131,10 +141,6 @@ VELTAN_SIMD_CLONES void AccumulateSquares(double* ss, const T* x, int n)
     }
 }
 
-// Rows are handed out in bands of this many per pass, so that each partial
-// sum is loaded and stored once per band.
-constexpr int Band = 4;
-
 } // namespace
 
 // ------------------------------------------------------ NIPALS regressions
@@ -161,79 +167,67 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
     const int n = m_cols;
     const T* tv = t.GetVector();
     const bool tComplete = t.HasNoMissingValues();
-    // Rows whose score is missing take no part; a matrix without missing
-    // cells needs no per-column squares or counts.
+    // Rows whose score is missing take no part.
     const bool masked = m_numMis > 0;
-    double tt = 0.0;         // t't over all present t_i
-    double ttComplete = 0.0; // t_i^2 over the used rows without missing cells
+    double tt = 0.0; // t't over all present t_i
+    int rowsUsed = 0;
     std::vector<double> s12(static_cast<std::size_t>(n) + 1, 0.0);
-    std::vector<double> s11(masked ? static_cast<std::size_t>(n) + 1 : 0, 0.0);
-    std::vector<int> used(masked ? static_cast<std::size_t>(n) + 1 : 0, 0);
+    std::vector<double> gapSquares(masked ? static_cast<std::size_t>(n) + 1 : 0, 0.0);
     const Vector* rowArray = m_rowArray;
     const int rows = m_rows;
 
-#pragma omp parallel reduction(+ : tt, ttComplete)
+#pragma omp parallel reduction(+ : tt, rowsUsed)
     {
         std::vector<double> my12(static_cast<std::size_t>(n) + 1, 0.0);
-        std::vector<double> my11(masked ? static_cast<std::size_t>(n) + 1 : 0, 0.0);
-        std::vector<int> myUsed(masked ? static_cast<std::size_t>(n) + 1 : 0, 0);
-        const int threads = omp_get_num_threads();
-        const int me = omp_get_thread_num();
-        const int first = 1 + static_cast<int>(static_cast<long long>(rows) * me / threads);
-        const int last = static_cast<int>(static_cast<long long>(rows) * (me + 1) / threads);
-
-        const T* fullRows[Band];
-        T fullT[Band];
-        int full = 0;
-        const T* gapRows[Band];
-        T gapT[Band];
-        int gaps = 0;
-        for (int i = first; i <= last; ++i) {
+        std::vector<double> mySquares(masked ? static_cast<std::size_t>(n) + 1 : 0, 0.0);
+        std::vector<T> part12(static_cast<std::size_t>(n) + 1, T(0));
+        std::vector<T> partSquares(masked ? static_cast<std::size_t>(n) + 1 : 0, T(0));
+        int pending = 0;
+#pragma omp for schedule(static) nowait
+        for (int i = 1; i <= rows; ++i) {
             const T ti = tv[i];
             if (Mis(ti))
                 continue;
             const Vector& row = rowArray[i];
             tt += static_cast<double>(ti * ti);
-            if (row.HasNoMissingValues()) {
-                ttComplete += static_cast<double>(ti * ti);
-                fullRows[full] = row.GetVector();
-                fullT[full++] = ti;
-                if (full == Band) {
-                    AccumulateComplete(my12.data(), fullRows, fullT, full, n);
-                    full = 0;
-                }
-            } else {
-                gapRows[gaps] = row.GetVector();
-                gapT[gaps++] = ti;
-                if (gaps == Band) {
-                    AccumulateMasked(my12.data(), my11.data(), myUsed.data(), gapRows, gapT, gaps, n);
-                    gaps = 0;
-                }
+            ++rowsUsed;
+            if (row.HasNoMissingValues())
+                AccumulateComplete(part12.data(), row.GetVector(), ti, n);
+            else
+                AccumulateMasked(part12.data(), partSquares.data(), row.GetVector(), ti, n);
+            if (++pending == FlushEvery) {
+                Flush(my12.data(), part12.data(), n);
+                if (masked)
+                    Flush(mySquares.data(), partSquares.data(), n);
+                pending = 0;
             }
         }
-        if (full > 0)
-            AccumulateComplete(my12.data(), fullRows, fullT, full, n);
-        if (gaps > 0)
-            AccumulateMasked(my12.data(), my11.data(), myUsed.data(), gapRows, gapT, gaps, n);
-
+        Flush(my12.data(), part12.data(), n);
+        if (masked)
+            Flush(mySquares.data(), partSquares.data(), n);
 #pragma omp critical(NCDataMatrix_NipalsColumns)
         {
             for (int j = 1; j <= n; ++j)
                 s12[j] += my12[j];
-            if (masked)
-                for (int j = 1; j <= n; ++j) {
-                    s11[j] += my11[j];
-                    used[j] += myUsed[j];
-                }
+            for (std::size_t j = 1; j < mySquares.size(); ++j)
+                gapSquares[j] += mySquares[j];
         }
     }
 
-    // Rows without missing cells count for every column: they are added
-    // here once rather than per cell.
-    int completeRowsUsed = 0;
-    if (masked)
-        for (int i = 1; i <= rows; ++i)
-            completeRowsUsed += (!Mis(tv[i]) && rowArray[i].HasNoMissingValues()) ? 1 : 0;
+    // The pairs of column j are the used rows less the column's missing
+    // cells in them: its missing count less those in rows left out.
+    std::vector<int> gaps;
+    if (masked) {
+        const int* columnMissing = m_colMis->GetPtr();
+        gaps.assign(columnMissing, columnMissing + n + 1);
+        if (!tComplete)
+            for (int i = 1; i <= rows; ++i)
+                if (Mis(tv[i]) && rowArray[i].HasMissingValues()) {
+                    const T* x = rowArray[i].GetVector();
+                    for (int j = 1; j <= n; ++j)
+                        gaps[j] -= Mis(x[j]) ? 1 : 0;
+                }
+    }
 
     result->SetSize(n);
     T* out = result->GetVectorForWriting();
@@ -241,14 +235,11 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
     const int* labels = groups ? groups->GetPtr() : nullptr;
     int missing = 0;
     for (int j = 1; j <= n; ++j) {
-        double d = 0.0;
-        int pairs = 0;
-        if (!masked || (tComplete && columnMissing[j] == 0)) {
-            d = tt;
-            pairs = masked ? used[j] + completeRowsUsed : rows - t.GetNumMisVal();
-        } else {
-            d = std::max(tt / 3.0, s11[j] + ttComplete);
-            pairs = used[j] + completeRowsUsed;
+        double d = tt;
+        int pairs = rowsUsed;
+        if (masked && !(tComplete && columnMissing[j] == 0)) {
+            d = std::max(tt / 3.0, tt - gapSquares[j]);
+            pairs = rowsUsed - gaps[j];
         }
         const bool excluded = labels && labels[j] == group;
         const bool defined = !excluded && pairs > 0 && std::fabs(d) > 1e-30;
@@ -283,41 +274,43 @@ void NCDataMatrix<T>::SpecialNipalsRegressRowsFixImpl(const Vector& p, const Ind
     if (p.Size() != m_cols || (groups && groups->Size() != m_cols))
         NCMatrixErrors::ThrowSize("SpecialNipalsRegressRowsFix", "Vectors are of different size.");
 
-    // Excluded variables are made missing in a private copy of p, so the
-    // kernel needs only the missing test.
-    Vector loading(p);
-    if (groups) {
-        const int* labels = groups->GetPtr();
-        for (int j = 1; j <= m_cols; ++j)
-            if (labels[j] == group)
-                loading(j, MisVal);
+    // The loading as the kernels want it: missing and excluded entries
+    // zero, their squares zero, and a presence flag per variable.
+    const int n = m_cols;
+    std::vector<T> pv(static_cast<std::size_t>(n) + 1, T(0));
+    std::vector<T> p2(static_cast<std::size_t>(n) + 1, T(0));
+    std::vector<int> present(static_cast<std::size_t>(n) + 1, 0);
+    const int* labels = groups ? groups->GetPtr() : nullptr;
+    double pp = 0.0;
+    int presentInP = 0;
+    for (int j = 1; j <= n; ++j) {
+        if (Mis(p[j]) || (labels && labels[j] == group))
+            continue;
+        pv[j] = p[j];
+        p2[j] = p[j] * p[j];
+        present[j] = 1;
+        pp += static_cast<double>(p2[j]);
+        ++presentInP;
     }
-    const T* pv = loading.GetVector();
-    double ppAll = 0.0;
-    for (int j = 1; j <= m_cols; ++j)
-        if (!Mis(pv[j]))
-            ppAll += static_cast<double>(pv[j] * pv[j]);
-    const bool pComplete = loading.HasNoMissingValues();
-    const int presentInP = loading.GetNumValidValues();
+    const bool pComplete = presentInP == n;
 
     result->SetSize(m_rows);
     T* out = result->GetVectorForWriting();
     const Vector* rowArray = m_rowArray;
-    const int n = m_cols;
     int missing = 0;
 #pragma omp parallel for schedule(static) reduction(+ : missing)
     for (int i = 1; i <= m_rows; ++i) {
         const Vector& row = rowArray[i];
-        double sum = 0.0, d = 0.0;
-        int pairs = 0;
-        if (pComplete && row.HasNoMissingValues()) {
-            sum = DotComplete(row.GetVector(), pv, n);
-            d = ppAll;
-            pairs = presentInP;
+        const T* x = row.GetVector();
+        double sum = 0.0, d = pp;
+        int pairs = presentInP;
+        if (row.HasNoMissingValues()) {
+            sum = DotComplete(x, pv.data(), n);
         } else {
-            double ppUsed = 0.0;
-            sum = DotMasked(row.GetVector(), pv, n, ppUsed, pairs);
-            d = std::max(ppAll / 3.0, ppUsed);
+            double gapSquares = 0.0;
+            sum = DotMasked(x, pv.data(), p2.data(), n, gapSquares);
+            d = std::max(pp / 3.0, pp - gapSquares);
+            pairs -= pComplete ? row.GetNumMisVal() : GapPairs(x, present.data(), n);
         }
         const bool defined = pairs > 0 && std::fabs(d) > 1e-30;
         out[i] = defined ? static_cast<T>(sum / d) : MisVal;
