@@ -637,8 +637,6 @@ NCDataMatrix<T> NCDataMatrix<T>::GetRegressionCoefficients(const NCDataMatrix& Y
     return A.MultiplyTransposeOther(Y);
 }
 
-// The vector's Result is defined beside the proxy it returns, in the matrix
-// header, so it is instantiated here with the vector-matrix product.
 #define VELTAN_INSTANTIATE_PRODUCTS(T)                                                                           \
     template NCDataMatrix<T> NCDataMatrix<T>::MatrixMultiply(const NCDataMatrix<T>&) const;                      \
     template void NCDataMatrix<T>::MatrixMultiplyImpl(const NCDataMatrix<T>&, NCDataMatrix<T>*) const;           \
@@ -656,8 +654,7 @@ NCDataMatrix<T> NCDataMatrix<T>::GetRegressionCoefficients(const NCDataMatrix& Y
     template void NCDataMatrix<T>::TransformToMprim_mul_M();                                                     \
     template bool NCDataMatrix<T>::TransformToInverse();                                                         \
     template NCDataMatrix<T> NCDataMatrix<T>::GetRegressionCoefficients(const NCDataMatrix<T>&) const;           \
-    template NCDataVector<T> NCDataVector<T>::operator*(const NCDataMatrix<T>&) const;                           \
-    template NCVecOpResultProxy<T> NCDataVector<T>::Result(NCDataVector<T>*) const;
+    template NCDataVector<T> NCDataVector<T>::operator*(const NCDataMatrix<T>&) const;
 
 VELTAN_INSTANTIATE_PRODUCTS(float)
 VELTAN_INSTANTIATE_PRODUCTS(double)
