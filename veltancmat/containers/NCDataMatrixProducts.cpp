@@ -637,6 +637,9 @@ NCDataMatrix<T> NCDataMatrix<T>::GetRegressionCoefficients(const NCDataMatrix& Y
     return A.MultiplyTransposeOther(Y);
 }
 
+// The vector's Result is defined beside the proxy it returns, in the matrix
+// header; the vector's extern template keeps GCC from emitting it anywhere
+// else, so it is instantiated here with the vector-matrix product.
 #define VELTAN_INSTANTIATE_PRODUCTS(T)                                                                           \
     template NCDataMatrix<T> NCDataMatrix<T>::MatrixMultiply(const NCDataMatrix<T>&) const;                      \
     template void NCDataMatrix<T>::MatrixMultiplyImpl(const NCDataMatrix<T>&, NCDataMatrix<T>*) const;           \
@@ -654,7 +657,8 @@ NCDataMatrix<T> NCDataMatrix<T>::GetRegressionCoefficients(const NCDataMatrix& Y
     template void NCDataMatrix<T>::TransformToMprim_mul_M();                                                     \
     template bool NCDataMatrix<T>::TransformToInverse();                                                         \
     template NCDataMatrix<T> NCDataMatrix<T>::GetRegressionCoefficients(const NCDataMatrix<T>&) const;           \
-    template NCDataVector<T> NCDataVector<T>::operator*(const NCDataMatrix<T>&) const;
+    template NCDataVector<T> NCDataVector<T>::operator*(const NCDataMatrix<T>&) const;                           \
+    template NCVecOpResultProxy<T> NCDataVector<T>::Result(NCDataVector<T>*) const;
 
 VELTAN_INSTANTIATE_PRODUCTS(float)
 VELTAN_INSTANTIATE_PRODUCTS(double)
