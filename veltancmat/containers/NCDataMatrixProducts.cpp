@@ -39,12 +39,6 @@ constexpr double ParallelWork = 100000.0;
 constexpr int TileRows = 4;
 constexpr int TileColumns = 256;
 
-template <class T>
-inline T Present(T x)
-{
-    return IsMisVal(x) ? T(0) : x;
-}
-
 // c_q[0..n) += a_q[k] * b_k[j0 .. j0+n) for q = 0..3 and k = 1..m. Two
 // right-hand rows per pass halve the loads and stores of the accumulators,
 // which bound this loop; each product still enters the sum in double.
@@ -113,7 +107,7 @@ VELTAN_SIMD_CLONES void MaskedAxpyKernel(double* acc, T* pairs, const T* b, T x,
 {
 #pragma omp simd
     for (int j = 1; j <= n; ++j) {
-        acc[j] += x * Present(b[j]);
+        acc[j] += x * PresentOrZero(b[j]);
         pairs[j] += IsMisVal(b[j]) ? T(0) : T(1);
     }
 }

@@ -18,18 +18,6 @@
 
 namespace {
 
-template <class T>
-inline bool Mis(T x)
-{
-    return IsMisVal(x);
-}
-
-template <class T>
-inline T Present(T x)
-{
-    return Mis(x) ? T(0) : x;
-}
-
 // s12[j] += x[j] * t for a complete row, into partial sums of the element
 // type (see FlushEvery). One row at a time: bands of rows read together
 // measured slower, the rows being short separate streams.
@@ -52,7 +40,7 @@ VELTAN_SIMD_CLONES void AccumulateMasked(T* s12, T* gapSquares, const T* x, T t,
     const T q = t * t;
 #pragma omp simd
     for (int j = 1; j <= n; ++j) {
-        const bool m = Mis(x[j]);
+        const bool m = IsMisVal(x[j]);
         s12[j] += (m ? T(0) : x[j]) * t;
         gapSquares[j] += m ? q : T(0);
     }
@@ -96,7 +84,7 @@ VELTAN_SIMD_CLONES double DotMasked(const T* x, const T* p, const T* p2, int n, 
     double sum = 0.0, squares = 0.0;
 #pragma omp simd reduction(+ : sum, squares)
     for (int j = 1; j <= n; ++j) {
-        const T gap = Mis(x[j]) ? T(1) : T(0);
+        const T gap = IsMisVal(x[j]) ? T(1) : T(0);
         sum += (x[j] * p[j]) * (T(1) - gap);
         squares += gap * p2[j];
     }
@@ -111,7 +99,7 @@ VELTAN_SIMD_CLONES int GapPairs(const T* x, const int* present, int n)
     int count = 0;
 #pragma omp simd reduction(+ : count)
     for (int j = 1; j <= n; ++j)
-        count += int(Mis(x[j])) * present[j];
+        count += int(IsMisVal(x[j])) * present[j];
     return count;
 }
 
@@ -123,10 +111,10 @@ VELTAN_SIMD_CLONES int RankOneUpdate(T* x, const T* p, double f, int n)
     int landed = 0;
 #pragma omp simd reduction(+ : landed)
     for (int j = 1; j <= n; ++j) {
-        const bool both = !Mis(x[j]) && !Mis(p[j]);
+        const bool both = !IsMisVal(x[j]) && !IsMisVal(p[j]);
         const T updated = static_cast<T>(x[j] + f * p[j]);
         x[j] = both ? updated : x[j];
-        landed += (both && Mis(updated)) ? 1 : 0;
+        landed += (both && IsMisVal(updated)) ? 1 : 0;
     }
     return landed;
 }
@@ -136,7 +124,7 @@ VELTAN_SIMD_CLONES void AccumulateSquares(double* ss, const T* x, int n)
 {
 #pragma omp simd
     for (int j = 1; j <= n; ++j) {
-        const T v = Present(x[j]);
+        const T v = PresentOrZero(x[j]);
         ss[j] += v * v;
     }
 }
@@ -186,7 +174,7 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
 #pragma omp for schedule(static) nowait
         for (int i = 1; i <= rows; ++i) {
             const T ti = tv[i];
-            if (Mis(ti))
+            if (IsMisVal(ti))
                 continue;
             const Vector& row = rowArray[i];
             tt += static_cast<double>(ti * ti);
@@ -222,10 +210,10 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
         gaps.assign(columnMissing, columnMissing + n + 1);
         if (!tComplete)
             for (int i = 1; i <= rows; ++i)
-                if (Mis(tv[i]) && rowArray[i].HasMissingValues()) {
+                if (IsMisVal(tv[i]) && rowArray[i].HasMissingValues()) {
                     const T* x = rowArray[i].GetVector();
                     for (int j = 1; j <= n; ++j)
-                        gaps[j] -= Mis(x[j]) ? 1 : 0;
+                        gaps[j] -= IsMisVal(x[j]) ? 1 : 0;
                 }
     }
 
@@ -244,7 +232,7 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
         const bool excluded = labels && labels[j] == group;
         const bool defined = !excluded && pairs > 0 && std::fabs(d) > 1e-30;
         out[j] = defined ? static_cast<T>(s12[j] / d) : MisVal;
-        missing += Mis(out[j]) ? 1 : 0;
+        missing += IsMisVal(out[j]) ? 1 : 0;
     }
     result->m_numMis = missing;
 }
@@ -284,7 +272,7 @@ void NCDataMatrix<T>::SpecialNipalsRegressRowsFixImpl(const Vector& p, const Ind
     double pp = 0.0;
     int presentInP = 0;
     for (int j = 1; j <= n; ++j) {
-        if (Mis(p[j]) || (labels && labels[j] == group))
+        if (IsMisVal(p[j]) || (labels && labels[j] == group))
             continue;
         pv[j] = p[j];
         p2[j] = p[j] * p[j];
@@ -314,7 +302,7 @@ void NCDataMatrix<T>::SpecialNipalsRegressRowsFixImpl(const Vector& p, const Ind
         }
         const bool defined = pairs > 0 && std::fabs(d) > 1e-30;
         out[i] = defined ? static_cast<T>(sum / d) : MisVal;
-        missing += Mis(out[i]) ? 1 : 0;
+        missing += IsMisVal(out[i]) ? 1 : 0;
     }
     result->m_numMis = missing;
 }
@@ -430,7 +418,7 @@ void NCDataMatrix<T>::AddVprimV(const Vector& t, const Vector& p, double factor)
     int landed = 0;
 #pragma omp parallel for schedule(static) reduction(+ : landed)
     for (int i = 1; i <= m_rows; ++i) {
-        if (Mis(tv[i]))
+        if (IsMisVal(tv[i]))
             continue;
         Vector& row = rowArray[i];
         const int newlyMissing = RankOneUpdate(row.GetVectorForWriting(), pv, factor * tv[i], n);
@@ -518,7 +506,7 @@ NCDataMatrix<T> NCDataMatrix<T>::DotPreMultiplyVector(const Vector& v) const
         NCMatrixErrors::ThrowSize("DotPreMultiplyVector", "Vectors are of different size.");
     NCDataMatrix result(*this);
     for (int i = 1; i <= m_rows; ++i) {
-        if (Mis(v[i]))
+        if (IsMisVal(v[i]))
             result(i) = Vector(m_cols, MisVal);
         else
             result(i) *= v[i];

@@ -23,20 +23,6 @@
 
 namespace {
 
-template <class T>
-inline bool Mis(T x)
-{
-    return IsMisVal(x);
-}
-
-// The element itself, or zero when it is missing; selecting in the element
-// type before widening keeps the masked loops vectorised.
-template <class T>
-inline T Present(T x)
-{
-    return Mis(x) ? T(0) : x;
-}
-
 // Counts the missing elements of p[1..n].
 template <class T>
 VELTAN_SIMD_CLONES int CountMissing(const T* p, int n)
@@ -44,7 +30,7 @@ VELTAN_SIMD_CLONES int CountMissing(const T* p, int n)
     int count = 0;
 #pragma omp simd reduction(+ : count)
     for (int i = 1; i <= n; ++i)
-        count += Mis(p[i]) ? 1 : 0;
+        count += IsMisVal(p[i]) ? 1 : 0;
     return count;
 }
 
@@ -62,7 +48,7 @@ VELTAN_SIMD_CLONES double SumKernel(const T* p, int n, bool masked)
     } else {
 #pragma omp simd reduction(+ : sum)
         for (int i = 1; i <= n; ++i)
-            sum += Present(p[i]);
+            sum += PresentOrZero(p[i]);
     }
     return sum;
 }
@@ -78,7 +64,7 @@ VELTAN_SIMD_CLONES double SumSquaresKernel(const T* p, int n, bool masked)
     } else {
 #pragma omp simd reduction(+ : ss)
         for (int i = 1; i <= n; ++i) {
-            const T x = Present(p[i]);
+            const T x = PresentOrZero(p[i]);
             ss += x * x;
         }
     }
@@ -98,7 +84,7 @@ VELTAN_SIMD_CLONES double SumSquaresAboutKernel(const T* p, int n, double about,
     } else {
 #pragma omp simd reduction(+ : ss)
         for (int i = 1; i <= n; ++i) {
-            const double d = Mis(p[i]) ? 0.0 : p[i] - about;
+            const double d = IsMisVal(p[i]) ? 0.0 : p[i] - about;
             ss += d * d;
         }
     }
@@ -140,7 +126,7 @@ std::vector<T> SortedValid(const NCDataVector<T>& v)
     std::vector<T> values;
     values.reserve(static_cast<std::size_t>(v.GetNumValidValues()));
     for (T x : v)
-        if (!Mis(x))
+        if (!IsMisVal(x))
             values.push_back(x);
     std::sort(values.begin(), values.end());
     return values;
@@ -205,7 +191,7 @@ NCDataVector<T>::NCDataVector(int n, T value)
         Grow(n);
         m_size = n;
         std::fill(m_data + 1, m_data + 1 + n, value);
-        m_numMis = Mis(value) ? n : 0;
+        m_numMis = IsMisVal(value) ? n : 0;
     }
 }
 
@@ -399,7 +385,7 @@ void NCDataVector<T>::Resize(int n, T fill)
     SetSize(n);
     if (n > old) {
         std::fill(m_data + 1 + old, m_data + 1 + n, fill);
-        if (Mis(fill))
+        if (IsMisVal(fill))
             m_numMis += n - old;
     }
 }
@@ -417,7 +403,7 @@ void NCDataVector<T>::push_back(T value)
 {
     EnsureCapacity(m_size + 1);
     m_data[++m_size] = value;
-    if (Mis(value))
+    if (IsMisVal(value))
         ++m_numMis;
 }
 
@@ -450,7 +436,7 @@ void NCDataVector<T>::InsertValues(int at, int count, T value)
     std::memmove(m_data + at + count, m_data + at, static_cast<std::size_t>(m_size - at + 1) * sizeof(T));
     std::fill(m_data + at, m_data + at + count, value);
     m_size += count;
-    if (Mis(value))
+    if (IsMisVal(value))
         m_numMis += count;
 }
 
@@ -583,7 +569,7 @@ void NCDataVector<T>::SetAllValues(T value)
     if (IsShared())
         ForceUnlink();
     std::fill(m_data ? m_data + 1 : nullptr, m_data ? m_data + 1 + m_size : nullptr, value);
-    m_numMis = Mis(value) ? m_size : 0;
+    m_numMis = IsMisVal(value) ? m_size : 0;
 }
 
 template <class T>
@@ -618,7 +604,7 @@ template <class T>
 T NCDataVector<T>::FirstValidValue() const
 {
     for (int i = 1; i <= m_size; ++i)
-        if (!Mis(m_data[i]))
+        if (!IsMisVal(m_data[i]))
             return m_data[i];
     return MisVal;
 }
@@ -627,7 +613,7 @@ template <class T>
 T NCDataVector<T>::LastValidValue() const
 {
     for (int i = m_size; i >= 1; --i)
-        if (!Mis(m_data[i]))
+        if (!IsMisVal(m_data[i]))
             return m_data[i];
     return MisVal;
 }
@@ -698,14 +684,14 @@ void NCDataVector<T>::GetMinMax(T& min, T& max) const
 {
     min = max = MisVal;
     int i = 1;
-    while (i <= m_size && Mis(m_data[i]))
+    while (i <= m_size && IsMisVal(m_data[i]))
         ++i;
     if (i > m_size)
         return;
     min = max = m_data[i];
     for (++i; i <= m_size; ++i) {
         const T x = m_data[i];
-        if (Mis(x))
+        if (IsMisVal(x))
             continue;
         if (x < min)
             min = x;
@@ -774,7 +760,7 @@ double SumOfStandardisedPowers(const NCDataVector<T>& v, int power)
     const double mean = v.GetMean();
     double sum = 0.0;
     for (T x : v) {
-        if (Mis(x))
+        if (IsMisVal(x))
             continue;
         const double z = (x - mean) / s;
         sum += power == 3 ? z * z * z : z * z * z * z;
@@ -846,7 +832,7 @@ double NCDataVector<T>::operator*(const NCDataVector& v2) const
     int pairs = 0;
 #pragma omp simd reduction(+ : sum, pairs)
     for (int i = 1; i <= m_size; ++i) {
-        const bool both = !Mis(a[i]) && !Mis(b[i]);
+        const bool both = !IsMisVal(a[i]) && !IsMisVal(b[i]);
         sum += both ? static_cast<double>(a[i] * b[i]) : 0.0;
         pairs += both ? 1 : 0;
     }
@@ -888,11 +874,11 @@ void NCDataVector<T>::Calculate_V1txV2_and_V1txV1(double& s12, double& s11, doub
         if (cls && cls[i] == excluded)
             continue;
         const T x = a[i];
-        if (Mis(x))
+        if (IsMisVal(x))
             continue;
         const double xx = x * x;
         sum11all += xx;
-        if (!Mis(b[i])) {
+        if (!IsMisVal(b[i])) {
             sum12 += x * b[i];
             sum11 += xx;
             ++pairs;
@@ -972,7 +958,7 @@ double NCDataVector<T>::Difference(const NCDataVector& v2) const
         int pairs = 0;
 #pragma omp simd reduction(+ : num, den, pairs)
         for (int i = 1; i <= m_size; ++i) {
-            const bool both = !Mis(a[i]) && !Mis(b[i]);
+            const bool both = !IsMisVal(a[i]) && !IsMisVal(b[i]);
             const T d = a[i] - b[i];
             num += both ? static_cast<double>(d * d) : 0.0;
             den += both ? static_cast<double>(a[i] * a[i]) : 0.0;
@@ -1006,7 +992,7 @@ double NCDataVector<T>::Distance(const NCDataVector& v2) const
     } else {
 #pragma omp simd reduction(+ : sum, pairs)
         for (int i = 1; i <= m_size; ++i) {
-            const bool both = !Mis(a[i]) && !Mis(b[i]);
+            const bool both = !IsMisVal(a[i]) && !IsMisVal(b[i]);
             const T d = a[i] - b[i];
             sum += both ? static_cast<double>(d * d) : 0.0;
             pairs += both ? 1 : 0;
@@ -1029,7 +1015,7 @@ PairSums SumPairs(const T* a, const T* b, int size)
 {
     PairSums s;
     for (int i = 1; i <= size; ++i) {
-        if (Mis(a[i]) || Mis(b[i]))
+        if (IsMisVal(a[i]) || IsMisVal(b[i]))
             continue;
         ++s.n;
         s.sx += a[i];
@@ -1044,7 +1030,7 @@ void CentredSums(const T* a, const T* b, int size, double mx, double my, double&
 {
     sxx = syy = sxy = 0.0;
     for (int i = 1; i <= size; ++i) {
-        if (Mis(a[i]) || Mis(b[i]))
+        if (IsMisVal(a[i]) || IsMisVal(b[i]))
             continue;
         const double dx = a[i] - mx;
         const double dy = b[i] - my;
@@ -1095,7 +1081,7 @@ double NCDataVector<T>::Correlation_Zero(const NCDataVector& v2) const
     for (int i = 1; i <= m_size; ++i) {
         const T x = m_data[i];
         const T y = v2.m_data[i];
-        if (Mis(x) || Mis(y))
+        if (IsMisVal(x) || IsMisVal(y))
             continue;
         sxy += x * y;
         sxx += x * x;
@@ -1145,14 +1131,14 @@ VELTAN_SIMD_CLONES int CombineElementwise(T* a, const T* b, int n, bool anyMissi
 #pragma omp simd reduction(+ : count)
         for (int i = 1; i <= n; ++i) {
             a[i] = op(a[i], b[i]);
-            count += Mis(a[i]) ? 1 : 0;
+            count += IsMisVal(a[i]) ? 1 : 0;
         }
     } else {
 #pragma omp simd reduction(+ : count)
         for (int i = 1; i <= n; ++i) {
-            const T r = (Mis(a[i]) || Mis(b[i])) ? NCMisVal<T> : op(a[i], b[i]);
+            const T r = (IsMisVal(a[i]) || IsMisVal(b[i])) ? NCMisVal<T> : op(a[i], b[i]);
             a[i] = r;
-            count += Mis(r) ? 1 : 0;
+            count += IsMisVal(r) ? 1 : 0;
         }
     }
     return count;
@@ -1167,14 +1153,14 @@ VELTAN_SIMD_CLONES int TransformPresent(T* a, int n, bool anyMissing, Op op)
 #pragma omp simd reduction(+ : count)
         for (int i = 1; i <= n; ++i) {
             a[i] = op(a[i]);
-            count += Mis(a[i]) ? 1 : 0;
+            count += IsMisVal(a[i]) ? 1 : 0;
         }
     } else {
 #pragma omp simd reduction(+ : count)
         for (int i = 1; i <= n; ++i) {
-            const T r = Mis(a[i]) ? NCMisVal<T> : op(a[i]);
+            const T r = IsMisVal(a[i]) ? NCMisVal<T> : op(a[i]);
             a[i] = r;
-            count += Mis(r) ? 1 : 0;
+            count += IsMisVal(r) ? 1 : 0;
         }
     }
     return count;
@@ -1380,7 +1366,7 @@ void NCDataVector<T>::DetrendLinear(double& intercept, double& slope)
         return;
     double si = 0.0, sx = 0.0;
     for (int i = 1; i <= m_size; ++i) {
-        if (Mis(m_data[i]))
+        if (IsMisVal(m_data[i]))
             continue;
         si += i;
         sx += m_data[i];
@@ -1389,7 +1375,7 @@ void NCDataVector<T>::DetrendLinear(double& intercept, double& slope)
     const double mx = sx / v;
     double sii = 0.0, six = 0.0;
     for (int i = 1; i <= m_size; ++i) {
-        if (Mis(m_data[i]))
+        if (IsMisVal(m_data[i]))
             continue;
         sii += (i - mi) * (i - mi);
         six += (i - mi) * (m_data[i] - mx);
@@ -1400,12 +1386,12 @@ void NCDataVector<T>::DetrendLinear(double& intercept, double& slope)
         ForceUnlink();
     int count = 0;
     for (int i = 1; i <= m_size; ++i) {
-        if (Mis(m_data[i])) {
+        if (IsMisVal(m_data[i])) {
             ++count;
             continue;
         }
         m_data[i] = static_cast<T>(m_data[i] - (intercept + slope * i));
-        count += Mis(m_data[i]) ? 1 : 0;
+        count += IsMisVal(m_data[i]) ? 1 : 0;
     }
     m_numMis = count;
 }
@@ -1439,14 +1425,14 @@ void NCDataVector<T>::InterpolateMisVals(const NCDataVector* x)
     if (m_numMis == 0 || m_numMis == m_size)
         return;
     auto position = [x](int i) -> double { return x ? static_cast<double>((*x)[i]) : static_cast<double>(i); };
-    auto isAnchor = [&](int i) { return !Mis(m_data[i]) && !(x && Mis((*x)[i])); };
+    auto isAnchor = [&](int i) { return !IsMisVal(m_data[i]) && !(x && IsMisVal((*x)[i])); };
 
     if (IsShared())
         ForceUnlink();
     int previous = 0; // last anchor seen, 0 for none
     int i = 1;
     while (i <= m_size) {
-        if (!Mis(m_data[i])) {
+        if (!IsMisVal(m_data[i])) {
             if (isAnchor(i))
                 previous = i;
             ++i;
@@ -1456,7 +1442,7 @@ void NCDataVector<T>::InterpolateMisVals(const NCDataVector* x)
         while (next <= m_size && !isAnchor(next))
             ++next;
         for (int k = i; k < next && k <= m_size; ++k) {
-            if (!Mis(m_data[k]) || (x && Mis((*x)[k])))
+            if (!IsMisVal(m_data[k]) || (x && IsMisVal((*x)[k])))
                 continue;
             double value = 0.0;
             if (previous == 0 && next > m_size)
@@ -1485,9 +1471,9 @@ const T* NCDataVector<T>::lower_bound_missing_last(const T* first, const T* last
 {
     // Missing values sort after every present value in either direction.
     auto before = [ascending](T element, T target) {
-        if (Mis(element))
+        if (IsMisVal(element))
             return false;
-        if (Mis(target))
+        if (IsMisVal(target))
             return true;
         return ascending ? element < target : element > target;
     };

@@ -18,3 +18,11 @@ constexpr bool IsMisVal(T value)
     return value == NCMisVal<T>;
 #pragma GCC diagnostic pop
 }
+
+// The element itself, or zero when it is missing. Selecting in the element
+// type before widening keeps the masked loops vectorised.
+template <class T>
+constexpr T PresentOrZero(T value)
+{
+    return IsMisVal(value) ? T(0) : value;
+}
