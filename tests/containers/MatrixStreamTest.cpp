@@ -21,14 +21,11 @@ template <class T>
 using Matrix = NCDataMatrix<T>;
 using Counts = NCIntegralVector<int, -99>;
 
-// Where the int32 values of entries 0 (rows), 1 (columns) and 2 (total)
-// stand in a record: after the 7-byte header and the entry count, each entry
-// is a 10-byte entry header and its 4 bytes.
-constexpr std::size_t RowsField = 19, ColsField = 33, TotalField = 47;
-// The first row record starts after entry 3's header; its missing count
-// (entry 1 of the row's directory) stands at the same distance as in the
-// matrix.
-constexpr std::size_t FirstRow = 61, RowCountField = FirstRow + ColsField;
+// Where the int32 values of entries 0 (rows) and 1 (columns) stand in a
+// record: after the 7-byte header and the entry count, each entry is a
+// 10-byte entry header and its 4 bytes. A vector record keeps its missing
+// count (entry 1) at the same place.
+constexpr std::size_t RowsField = 19, ColsField = 33, VectorCountField = 33;
 
 template <class T>
 Matrix<T> Make(std::initializer_list<std::initializer_list<double>> rows)
@@ -43,12 +40,12 @@ Matrix<T> Make(std::initializer_list<std::initializer_list<double>> rows)
     return m;
 }
 
-template <class T>
-std::string Save(const Matrix<T>& m)
+template <class Object>
+std::string Save(const Object& object)
 {
     std::ostringstream out;
-    EXPECT_TRUE(m.QvStreamableStartWrite(out));
-    m.QvStreamableReset();
+    EXPECT_TRUE(object.QvStreamableStartWrite(out));
+    object.QvStreamableReset();
     return out.str();
 }
 
@@ -118,20 +115,11 @@ struct Forged {
     }
 };
 
-template <class Object>
-std::string Record(const Object& object)
-{
-    std::ostringstream out;
-    out << object;
-    object.QvStreamableReset();
-    return out.str();
-}
-
 // A row record whose stored missing count is `count` whatever its cells say.
 template <class T>
 std::string RowRecord(std::initializer_list<T> cells, int count)
 {
-    return Patched(Record(NCDataVector<T>(cells)), ColsField, count);
+    return Patched(Save(NCDataVector<T>(cells)), VectorCountField, count);
 }
 
 template <class T>
@@ -269,27 +257,27 @@ TEST(MatrixStreamDamage, CountsThatContradictTheCellsAreRefused)
 {
     // Cells 1 -99 2 / 3 4 -99: one missing in columns 2 and 3, two in all.
     const std::string rows = RowRecord<float>({1, -99, 2}, 1) + RowRecord<float>({3, 4, -99}, 1);
-    const Forged good{2, 3, 2, rows, Record(Counts{0, 1, 1})};
+    const Forged good{2, 3, 2, rows, Save(Counts{0, 1, 1})};
     Matrix<float> m;
     ASSERT_TRUE(Load(good.Bytes(), m));
 
     const std::vector<std::pair<const char*, Forged>> damaged = {
-        {"total too large", {2, 3, 3, rows, Record(Counts{0, 1, 1})}},
-        {"total too small", {2, 3, 1, rows, Record(Counts{0, 1, 1})}},
-        {"total beyond the cells", {2, 3, 7, rows, Record(Counts{0, 1, 1})}},
-        {"negative total", {2, 3, -1, rows, Record(Counts{0, 1, 1})}},
-        {"counts in the wrong columns", {2, 3, 2, rows, Record(Counts{1, 1, 0})}},
-        {"negative column count", {2, 3, 2, rows, Record(Counts{-1, 2, 1})}},
-        {"too few column counts", {2, 3, 2, rows, Record(Counts{1, 1})}},
-        {"too many column counts", {2, 3, 2, rows, Record(Counts{0, 1, 1, 0})}},
+        {"total too large", {2, 3, 3, rows, Save(Counts{0, 1, 1})}},
+        {"total too small", {2, 3, 1, rows, Save(Counts{0, 1, 1})}},
+        {"total beyond the cells", {2, 3, 7, rows, Save(Counts{0, 1, 1})}},
+        {"negative total", {2, 3, -1, rows, Save(Counts{0, 1, 1})}},
+        {"counts in the wrong columns", {2, 3, 2, rows, Save(Counts{1, 1, 0})}},
+        {"negative column count", {2, 3, 2, rows, Save(Counts{-1, 2, 1})}},
+        {"too few column counts", {2, 3, 2, rows, Save(Counts{1, 1})}},
+        {"too many column counts", {2, 3, 2, rows, Save(Counts{0, 1, 1, 0})}},
         {"no column counts", {2, 3, 2, rows, std::nullopt}},
         {"column counts not a record", {2, 3, 2, rows, std::string(40, '\0')}},
         // A row's own count belongs to the cells' story too: these records
         // agree with the counts the rows claim, not with the cells.
         {"row claims none missing",
-         {2, 3, 1, RowRecord<float>({1, -99, 2}, 0) + RowRecord<float>({3, 4, -99}, 1), Record(Counts{0, 0, 1})}},
+         {2, 3, 1, RowRecord<float>({1, -99, 2}, 0) + RowRecord<float>({3, 4, -99}, 1), Save(Counts{0, 0, 1})}},
         {"row claims two missing",
-         {2, 3, 3, RowRecord<float>({1, -99, 2}, 2) + RowRecord<float>({3, 4, -99}, 1), Record(Counts{0, 1, 1})}},
+         {2, 3, 3, RowRecord<float>({1, -99, 2}, 2) + RowRecord<float>({3, 4, -99}, 1), Save(Counts{0, 1, 1})}},
     };
     for (const auto& [what, record] : damaged) {
         Matrix<float> target = Make<float>({{5, -99}});
@@ -300,15 +288,15 @@ TEST(MatrixStreamDamage, CountsThatContradictTheCellsAreRefused)
 
 TEST(MatrixStreamDamage, RowsThatDoNotFitAreRefused)
 {
-    const std::string row = Record(NCDataVector<double>{1, 2, 3});
-    const std::string counts = Record(Counts{0, 0, 0});
+    const std::string row = Save(NCDataVector<double>{1, 2, 3});
+    const std::string counts = Save(Counts{0, 0, 0});
     const std::vector<std::pair<const char*, Forged>> damaged = {
-        {"a row too short", {2, 3, 0, row + Record(NCDataVector<double>{1, 2}), counts}},
-        {"a row too long", {2, 3, 0, row + Record(NCDataVector<double>{1, 2, 3, 4}), counts}},
-        {"an empty row", {2, 3, 0, row + Record(NCDataVector<double>()), counts}},
+        {"a row too short", {2, 3, 0, row + Save(NCDataVector<double>{1, 2}), counts}},
+        {"a row too long", {2, 3, 0, row + Save(NCDataVector<double>{1, 2, 3, 4}), counts}},
+        {"an empty row", {2, 3, 0, row + Save(NCDataVector<double>()), counts}},
         {"one row of two", {2, 3, 0, row + std::string(30, '\0'), counts}},
-        {"a float row", {1, 3, 0, Record(NCDataVector<float>{1, 2, 3, 4, 5, 6}), counts}},
-        {"a row that is not a vector", {1, 3, 0, Record(Counts{1, 2, 3, 4, 5, 6, 7}), counts}},
+        {"a float row", {1, 3, 0, Save(NCDataVector<float>{1, 2, 3, 4, 5, 6}), counts}},
+        {"a row that is not a vector", {1, 3, 0, Save(Counts{1, 2, 3, 4, 5, 6, 7}), counts}},
         {"no row entry", {2, 3, 0, std::nullopt, counts}},
         {"no row count", {std::nullopt, 3, 0, row + row, counts}},
         {"no column count", {2, std::nullopt, 0, row + row, counts}},
