@@ -977,8 +977,11 @@ bool NCDataMatrix<T>::QvStreamableWrite(std::ostream& out) const
             ok = (rows << m_rowArray[i]).good();
     }
     if (ok) {
-        const IndexList empty;
-        ok = (directory.GetOutput(4) << (m_colMis ? *m_colMis : empty)).good();
+        std::ostream& counts = directory.GetOutput(4);
+        if (m_colMis)
+            ok = (counts << *m_colMis).good();
+        else
+            ok = (counts << IndexList()).good();
     }
     return directory.Close() && ok && out.good();
 }
