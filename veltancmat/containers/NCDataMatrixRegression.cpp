@@ -22,7 +22,7 @@ namespace {
 // type (see FlushEvery). One row at a time: bands of rows read together
 // measured slower, the rows being short separate streams.
 template <class T>
-VELTAN_SIMD_CLONES void AccumulateComplete(T* s12, const T* x, T t, int n)
+VELTAN_SIMD_CLONES void AccumulateComplete(T* __restrict s12, const T* __restrict x, T t, int n)
 {
 #pragma omp simd
     for (int j = 1; j <= n; ++j)
@@ -33,22 +33,26 @@ VELTAN_SIMD_CLONES void AccumulateComplete(T* s12, const T* x, T t, int n)
 // they would have contributed to the used squares is gathered apart in
 // gapSquares[j] (t^2 where x[j] is missing): the used squares of a column
 // are then t't minus that, a select per cell instead of a mask on every
-// sum.
+// sum. The sums are restrict-qualified: as two arrays of one type they
+// could alias, and GCC would store and reload both in every iteration.
 template <class T>
-VELTAN_SIMD_CLONES void AccumulateMasked(T* s12, T* gapSquares, const T* x, T t, int n)
+VELTAN_SIMD_CLONES void AccumulateMasked(T* __restrict s12, T* __restrict gapSquares, const T* __restrict x, T t,
+                                         int n)
 {
     const T q = t * t;
 #pragma omp simd
     for (int j = 1; j <= n; ++j) {
         const bool m = IsMisVal(x[j]);
-        s12[j] += (m ? T(0) : x[j]) * t;
-        gapSquares[j] += m ? q : T(0);
+        const T present = m ? T(0) : x[j];
+        const T gap = m ? q : T(0);
+        s12[j] += present * t;
+        gapSquares[j] += gap;
     }
 }
 
 // total[j] += partial[j] in double, and the partial sums start again.
 template <class T>
-VELTAN_SIMD_CLONES void Flush(double* total, T* partial, int n)
+VELTAN_SIMD_CLONES void Flush(double* __restrict total, T* __restrict partial, int n)
 {
 #pragma omp simd
     for (int j = 1; j <= n; ++j) {
