@@ -1,6 +1,8 @@
 #include "veltancmat/platform/BinaryIO.h"
 #include "veltancmat/platform/QvStream.h"
 
+#include "containers/MemoryBound.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -114,6 +116,22 @@ TEST(BinaryIO, LittleEndianItemsAndStringsThatRefuseLengthsBeyondTheStream)
     EXPECT_EQ(QvStreamRemaining(claim.pipe), -1);
     std::string kept = "kept";
     EXPECT_FALSE(ReadBinaryString(kept, claim.str) || ReadBinaryString(kept, claim.pipe) || kept != "kept");
+
+    // The same claim inside a directory entry that itself claims 16 GiB, on
+    // a pipe, where the entry's length cannot be checked up front.
+    if (MemoryBound::Available) {
+        std::string record("\x01\x00\x00\x00", 4);                  // one entry, index 0
+        record += std::string("\x00\x00\x00\x00\x04\x00\x00\x00", 8); // length 2^34
+        record += std::string("\x00\x00\x00\xf0", 4) + "abc";         // string of 3.75 GiB
+        const std::string verdict = MemoryBound::Run([&] {
+            Inputs in(record);
+            InputStreamDirectory dir(in.pipe);
+            std::string text;
+            std::istream* entry = dir.GetInput(0);
+            return entry && ReadBinaryString(text, *entry) ? std::string("read") : std::string();
+        });
+        EXPECT_EQ(verdict, "");
+    }
 }
 
 TEST(Header, RoundTripAndRefusalOfOtherMagics)

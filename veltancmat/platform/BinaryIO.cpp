@@ -95,11 +95,14 @@ bool ReadBinaryString(std::string& text, std::istream& in)
     std::uint32_t length = 0;
     if (!ReadFourBytes(&length, 1, in))
         return false;
-    const std::streamsize remaining = QvStreamRemaining(in);
-    if (remaining >= 0 && std::streamsize(length) > remaining) {
+    // Inside an entry whose length is only a claim (a parent that cannot
+    // seek), the bytes are proven by fetching them before the string is
+    // allocated.
+    if (!QvStreamHasBytes(in, std::streamsize(length))) {
         in.setstate(std::ios::failbit);
         return false;
     }
+    const std::streamsize remaining = QvStreamRemaining(in);
     // With the remaining size known the whole string is allocated at once;
     // otherwise it grows only as fast as bytes actually arrive.
     const std::size_t chunk = remaining >= 0 ? std::max<std::size_t>(length, 1) : std::size_t(1) << 16;
