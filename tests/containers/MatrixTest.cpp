@@ -74,6 +74,12 @@ TEST(Matrix, ConstructionFillAndCounts)
     EXPECT_EQ(m.GetColumnMisVal(2), 0);
     EXPECT_EQ(m[1].GetNumMisVal(), 0);
 
+    NCDataMatrix<double> d(2, 2, -99.0);
+    d(1, 1, 0.5);
+    d.ConcatColumns(NCDataMatrix<double>(2, 1, 1.0));
+    EXPECT_EQ(d.GetNumMisVal(), 3);
+    ExpectCountsExact(d);
+
     Matrix empty;
     EXPECT_EQ(empty.SizeRows(), 0);
     EXPECT_EQ(empty.begin(), empty.end());
@@ -88,10 +94,6 @@ TEST(Matrix, CopiesAreIndependent)
     b(2, 2, 7.0f);
     EXPECT_EQ(a[1][1], 1.0f);
     EXPECT_EQ(a[2][2], M);
-    EXPECT_EQ(a.GetNumMisVal(), 1);
-    EXPECT_EQ(b.GetNumMisVal(), 1);
-    EXPECT_EQ(b.GetColumnMisVal(1), 1);
-    EXPECT_EQ(a.GetColumnMisVal(1), 0);
     ExpectCountsExact(a);
     ExpectCountsExact(b);
 
@@ -274,19 +276,15 @@ TEST(Matrix, BadIndicesAndSizesThrow)
     ExpectInternalError([&] { m.push_back(Vector(1)); }, "NCDataMatrix<FloatType>::InsertRow");
 }
 
-TEST(Matrix, ColumnStatisticsFollowTheVectorRules)
+// The column statistics hand the column to the vector rule; what is the
+// matrix's own is picking the column, the whole-matrix sums and capability.
+TEST(Matrix, ColumnAndMatrixStatistics)
 {
     Matrix m = FromRows({{1, M, 2}, {2, M, 2}, {6, 5, 2}});
     EXPECT_DOUBLE_EQ(m.GetColumnMean(1), 3.0);
-    EXPECT_DOUBLE_EQ(m.GetColumnSS(1), 41.0);
     EXPECT_DOUBLE_EQ(m.GetColumnSS(1, 3.0), 14.0);
-    EXPECT_DOUBLE_EQ(m.GetColumnMedian(1), 2.0);
     EXPECT_EQ(m.GetColumnStdDev(2), -99.0); // one value
-    EXPECT_EQ(m.GetColumnSkewness(3), -99.0); // no spread
     float lo = 0, hi = 0;
-    m.GetColumnMinMax(1, lo, hi);
-    EXPECT_EQ(lo, 1.0f);
-    EXPECT_EQ(hi, 6.0f);
     m.GetRowMinMax(1, lo, hi);
     EXPECT_EQ(hi, 2.0f);
     EXPECT_DOUBLE_EQ(m.GetMean(), 20.0 / 7.0);
@@ -303,10 +301,8 @@ TEST(Matrix, ColumnStatisticsFollowTheVectorRules)
     EXPECT_EQ(m.GetColumnCpk(3, 0.0, 5.0), -99.0);
 
     Matrix corr = FromRows({{1, 2, 5}, {2, 4, 1}, {3, 6, 3}}).GetColumnCorrelation();
-    EXPECT_NEAR(corr[1][2], 1.0, 1e-6);
     EXPECT_NEAR(corr[2][1], 1.0, 1e-6);
     EXPECT_NEAR(corr[1][3], -0.5, 1e-6);
-    EXPECT_NEAR(m.GetColumnCorrelation(1, 1), 1.0, 1e-12);
 }
 
 // Reference: scipy.stats.gaussian_kde([1, 2, 4, 7]) (Scott's factor) at
@@ -348,15 +344,6 @@ TEST(Matrix, ViewsAndResultProxies)
         EXPECT_NE(std::string(e.what()).find("pResult can not be NULL"), std::string::npos);
     }
     EXPECT_THROW(m.Result(static_cast<Matrix*>(nullptr)).SNV(), NCError);
-}
-
-TEST(Matrix, DoubleTwin)
-{
-    NCDataMatrix<double> d(2, 2, -99.0);
-    d(1, 1, 0.5);
-    EXPECT_EQ(d.GetNumMisVal(), 3);
-    d.ConcatColumns(NCDataMatrix<double>(2, 1, 1.0));
-    ExpectCountsExact(d);
 }
 
 } // namespace
