@@ -10,7 +10,9 @@
 #include <cmath>
 #include <iterator>
 #include <string>
+#include <tuple>
 #include <utility>
+#include <vector>
 
 namespace U = NCDataVectorUtilities;
 using QvMath::CompareTolerant;
@@ -48,31 +50,24 @@ void ExpectMatches(const V& result, const double* reference, int n, const std::s
 TEST(TolerantCompare, RelativeToTheLargerMagnitude)
 {
     // Two float ulps of 1 are within tolerance (frexp puts 1 at exponent 1), three are not.
-    EXPECT_EQ(CompareTolerant(1.0, std::nextafter(1.0f, 2.0f)), 0);
-    EXPECT_EQ(CompareTolerant(1.0 + std::ldexp(2.0, -23), 1.0), 0);
-    EXPECT_EQ(CompareTolerant(1.0 + std::ldexp(3.0, -23), 1.0), 1);
-    EXPECT_EQ(CompareTolerant(-1.0e6, -1.0e6 + 0.1), 0);
-    EXPECT_EQ(CompareTolerant(-1.0e6, -1.0e6 + 0.5), -1);
-    EXPECT_EQ(CompareTolerant(-2.0, -3.0), 1);
     // At zero the tolerance vanishes: only zeros of either sign are equal.
-    EXPECT_EQ(CompareTolerant(0.0, -0.0), 0);
-    EXPECT_EQ(CompareTolerant(0.0, 1e-30), -1);
+    for (const auto& [a, b, want] : std::vector<std::tuple<double, double, int>>{
+             {1.0, std::nextafter(1.0f, 2.0f), 0}, {1.0 + std::ldexp(2.0, -23), 1.0, 0},
+             {1.0 + std::ldexp(3.0, -23), 1.0, 1}, {-1.0e6, -1.0e6 + 0.1, 0}, {-1.0e6, -1.0e6 + 0.5, -1},
+             {-2.0, -3.0, 1}, {0.0, -0.0, 0}, {0.0, 1e-30, -1}})
+        EXPECT_EQ(CompareTolerant(a, b), want) << a << " vs " << b;
     EXPECT_TRUE(QvMath::IsEqualTolerant(1e-30, 1e-30 * (1 + 1e-8)));
 }
 
 TEST(InterPolate, ModesInsideAndOutsideTheInterval)
 {
-    const V y1{10.0f}, y2{30.0f};
-    EXPECT_EQ(U::InterPolate(1, 3, y1, y2, 2, None)[1], 20.0f);
-    EXPECT_EQ(U::InterPolate(1, 3, y1, y2, 4, Clamp)[1], 30.0f);
-    EXPECT_EQ(U::InterPolate(1, 3, y1, y2, 4, None)[1], -99.0f);
-    EXPECT_EQ(U::InterPolate(1, 3, y1, y2, 4, Linear)[1], 40.0f);
-    EXPECT_EQ(U::InterPolate(1, 3, y1, y2, 4, static_cast<QvMath::EExtrapolate>(7))[1], 40.0f);
-    // Reversed positions: clamping follows the positions, not the order.
-    EXPECT_EQ(U::InterPolate(3, 1, y1, y2, 0, Clamp)[1], 30.0f);
-    EXPECT_EQ(U::InterPolate(3, 1, y1, y2, 5, Clamp)[1], 10.0f);
-    EXPECT_EQ(U::InterPolate(2, 2, y1, y2, 2, None)[1], 20.0f);
-    EXPECT_EQ(U::InterPolate(2, 2, y1, y2, 9, Linear)[1], 20.0f);
+    // Reversed positions (3, 1): clamping follows the positions, not the order.
+    const auto odd = static_cast<QvMath::EExtrapolate>(7);
+    using Case = std::tuple<float, float, float, QvMath::EExtrapolate, float>;
+    for (const auto& [x1, x2, x, mode, want] : std::vector<Case>{
+             {1, 3, 2, None, 20}, {1, 3, 4, Clamp, 30}, {1, 3, 4, None, -99}, {1, 3, 4, Linear, 40}, {1, 3, 4, odd, 40},
+             {3, 1, 0, Clamp, 30}, {3, 1, 5, Clamp, 10}, {2, 2, 2, None, 20}, {2, 2, 9, Linear, 20}})
+        EXPECT_EQ(U::InterPolate(x1, x2, V{10.0f}, V{30.0f}, x, mode)[1], want) << x1 << " " << x2 << " " << x;
 }
 
 TEST(InterPolate, MissingValuesAndSizes)
@@ -128,12 +123,10 @@ TEST(MovingWindows, AgreeWithScipyCentredFiltersAndRejectBadWindows)
 
 TEST(Search, ClosestIndexAndPeakFactor)
 {
-    EXPECT_EQ(U::GetClosestIndex(V{5.0f, -99.0f, 1.0f, 3.0f, 1.0f}, 1.2f), 3);
-    EXPECT_EQ(U::GetClosestIndex(V{1.0f, 3.0f, 1.0f}, 2.0f), 1);
-    EXPECT_EQ(U::GetClosestIndex(V{NAN, -99.0f, 7.0f}, -98.0f), 3);
-    EXPECT_EQ(U::GetClosestIndex(V{1.0f, 2.0f}, -99.0f), -99);
-    EXPECT_EQ(U::GetClosestIndex(V{-99.0f, -99.0f}, 1.0f), -99);
-    EXPECT_EQ(U::GetClosestIndex(V(), 1.0f), -99);
+    for (const auto& [v, x, want] : std::vector<std::tuple<V, float, int>>{
+             {V{5, -99, 1, 3, 1}, 1.2f, 3}, {V{1, 3, 1}, 2, 1}, {V{NAN, -99, 7}, -98, 3}, {V{1, 2}, -99, -99},
+             {V{-99, -99}, 1, -99}, {V(), 1, -99}})
+        EXPECT_EQ(U::GetClosestIndex(v, x), want) << x;
     const V v{-8.0f, 2.0f, -99.0f, 4.0f, -1.0f};
     EXPECT_DOUBLE_EQ(U::PeakNormal(v, 1, 5, false), 0.25);
     EXPECT_DOUBLE_EQ(U::PeakNormal(v, 1, 5, true), 0.125);
