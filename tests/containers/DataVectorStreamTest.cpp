@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <sstream>
 #include <string>
-#include <vector>
+#include <utility>
 
 namespace {
 
@@ -26,22 +26,18 @@ template <class T>
 bool Load(const std::string& bytes, NCDataVector<T>& v)
 {
     std::istringstream in(bytes);
+    bool ok = false;
     try {
-        const bool ok = v.QvStreamableStartRead(in);
-        v.QvStreamableReset();
-        return ok;
+        ok = v.QvStreamableStartRead(in);
     } catch (const QvStreamError&) {
-        v.QvStreamableReset();
-        return false;
     }
+    v.QvStreamableReset();
+    return ok;
 }
 
 std::string Bytes(std::initializer_list<int> values)
 {
-    std::string s;
-    for (int b : values)
-        s.push_back(static_cast<char>(b));
-    return s;
+    return std::string(values.begin(), values.end());
 }
 
 template <class T>
@@ -65,47 +61,7 @@ TYPED_TEST(VectorStream, RoundTripKeepsValuesCountAndAlignment)
         copy.push_back(m);
         EXPECT_EQ(copy.GetNumMisVal(), original.GetNumMisVal() + 1);
     }
-}
-
-TEST(VectorStreamBytes, GoldenFloatRecord)
-{
-    const NCDataVector<float> v{1.0f, -99.0f};
-    const std::string expected = Bytes({
-        4, 'N', 'C', 'D', 'V', 4, 0,                   // magic and version 4
-        3, 0,                                          // three entries
-        0, 0, 4, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0,      // entry 0: size 2
-        1, 0, 4, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0,      // entry 1: one missing
-        2, 0, 8, 0, 0, 0, 0, 0, 0, 0,                  // entry 2: eight bytes
-        0x00, 0x00, 0x80, 0x3F, 0x00, 0x00, 0xC6, 0xC2, // 1.0f, -99.0f
-        0xFF, 0xFF,                                    // end of directory
-    });
-    EXPECT_EQ(Save(v), expected);
-}
-
-TEST(VectorStreamBytes, EmptyVectorWritesSizeAndCountOnly)
-{
-    const std::string bytes = Save(NCDataVector<double>());
-    const std::string expected = Bytes({
-        4, 'N', 'C', 'D', 'V', 4, 0, 3, 0,
-        0, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-        1, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0,
-        0xFF, 0xFF,
-    });
-    EXPECT_EQ(bytes, expected);
-}
-
-TEST(VectorStreamBytes, WidthIsNotRecorded)
-{
-    // Same magic for both widths: a float record read as double does not
-    // give the values back.
-    const NCDataVector<float> f{1.0f, 2.0f, 3.0f, 4.0f};
-    NCDataVector<double> d;
-    const bool ok = Load(Save(f), d);
-    EXPECT_FALSE(ok && d.Size() == 4 && d[1] == 1.0);
-}
-
-TYPED_TEST(VectorStream, WrittenOnceUntilReset)
-{
+    // A vector is written once per stream until it is reset.
     const NCDataVector<TypeParam> v(3, TypeParam(2));
     std::ostringstream out;
     out << v;
@@ -117,22 +73,41 @@ TYPED_TEST(VectorStream, WrittenOnceUntilReset)
     EXPECT_EQ(out.str().size(), 2 * once);
 }
 
+TEST(VectorStreamBytes, GoldenRecords)
+{
+    EXPECT_EQ(Save(NCDataVector<float>{1.0f, -99.0f}),
+              Bytes({
+                  4, 'N', 'C', 'D', 'V', 4, 0,                    // magic and version 4
+                  3, 0,                                           // three entries
+                  0, 0, 4, 0, 0, 0, 0, 0, 0, 0, 2, 0, 0, 0,       // entry 0: size 2
+                  1, 0, 4, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0,       // entry 1: one missing
+                  2, 0, 8, 0, 0, 0, 0, 0, 0, 0,                   // entry 2: eight bytes
+                  0x00, 0x00, 0x80, 0x3F, 0x00, 0x00, 0xC6, 0xC2, // 1.0f, -99.0f
+                  0xFF, 0xFF,                                     // end of directory
+              }));
+    // An empty vector writes its size and count only.
+    EXPECT_EQ(Save(NCDataVector<double>()), Bytes({4, 'N', 'C', 'D', 'V', 4, 0, 3, 0,       //
+                                                   0, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, //
+                                                   1, 0, 4, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, //
+                                                   0xFF, 0xFF}));
+    // Same magic for both widths: a float record read as double does not
+    // give the values back.
+    NCDataVector<double> d;
+    const bool ok = Load(Save(NCDataVector<float>{1.0f, 2.0f, 3.0f, 4.0f}), d);
+    EXPECT_FALSE(ok && d.Size() == 4 && d[1] == 1.0);
+}
+
 TYPED_TEST(VectorStream, OtherVersionsAndMagicsAreRefusedUntouched)
 {
     const std::string good = Save(NCDataVector<TypeParam>{TypeParam(1), TypeParam(2)});
-    for (int version : {3, 5}) {
+    for (const auto& [at, byte] : {std::pair<int, char>{5, 3}, {5, 5}, {4, 'M'}}) {
         std::string bad = good;
-        bad[5] = static_cast<char>(version);
+        bad[at] = byte;
         NCDataVector<TypeParam> v{TypeParam(9)};
-        EXPECT_FALSE(Load(bad, v)) << version;
+        EXPECT_FALSE(Load(bad, v)) << at << " " << int(byte);
         ASSERT_EQ(v.Size(), 1);
         EXPECT_EQ(v[1], TypeParam(9));
     }
-    std::string wrongMagic = good;
-    wrongMagic[4] = 'M';
-    NCDataVector<TypeParam> v{TypeParam(9)};
-    EXPECT_FALSE(Load(wrongMagic, v));
-    EXPECT_EQ(v[1], TypeParam(9));
 }
 
 TYPED_TEST(VectorStream, EveryTruncationIsRefused)
@@ -145,47 +120,30 @@ TYPED_TEST(VectorStream, EveryTruncationIsRefused)
     }
 }
 
-TEST(VectorStreamBytes, SizeBeyondTheElementsIsRefusedWithoutAllocating)
+TEST(VectorStreamBytes, ImpossibleSizesCountsAndEntriesAreRefused)
 {
-    // A size of 2^31 - 1 with eight bytes of elements: refused before a
-    // block of eight gigabytes is asked for.
-    std::string bytes = Save(NCDataVector<float>{1.0f, 2.0f});
-    const std::size_t sizeField = 7 + 2 + 2 + 8;
-    bytes[sizeField + 0] = '\xFF';
-    bytes[sizeField + 1] = '\xFF';
-    bytes[sizeField + 2] = '\xFF';
-    bytes[sizeField + 3] = '\x7F';
-    NCDataVector<float> v;
-    EXPECT_FALSE(Load(bytes, v));
-    EXPECT_TRUE(v.empty());
-}
-
-TEST(VectorStreamBytes, ImpossibleCountsAreRefused)
-{
+    // A size of 2^31 - 1 with eight bytes of elements must be refused before
+    // a block of eight gigabytes is asked for; counts outside 0..size too.
     const std::string good = Save(NCDataVector<float>{1.0f, 2.0f});
-    const std::size_t countField = 7 + 2 + 14 + 2 + 8;
-    for (int count : {-1, 3}) {
+    const std::size_t sizeField = 7 + 2 + 2 + 8, countField = sizeField + 4 + 2 + 8;
+    for (const auto& [at, value] : {std::pair<std::size_t, std::int32_t>{sizeField, 0x7FFFFFFF}, {countField, -1},
+                                    {countField, 3}}) {
         std::string bad = good;
-        bad[countField] = static_cast<char>(count & 0xFF);
-        bad[countField + 1] = bad[countField + 2] = bad[countField + 3] = static_cast<char>(count < 0 ? 0xFF : 0);
+        for (int i = 0; i < 4; ++i)
+            bad[at + i] = static_cast<char>((static_cast<std::uint32_t>(value) >> (8 * i)) & 0xFF);
         NCDataVector<float> v;
-        EXPECT_FALSE(Load(bad, v)) << count;
+        EXPECT_FALSE(Load(bad, v)) << at << " " << value;
+        EXPECT_TRUE(v.empty());
         EXPECT_EQ(v.GetNumMisVal(), 0);
     }
-}
-
-TEST(VectorStreamBytes, MissingElementEntryIsRefused)
-{
     // A directory with size 2 but no entry 2.
     std::ostringstream out;
     QvStreamLight::WriteMagicStringAndVersionNumber(out, 4, "NCDV");
-    {
-        OutputStreamDirectory directory(out, 3);
-        const std::int32_t size = 2, missing = 0;
-        WriteFourBytes(&size, 1, directory.GetOutput(0));
-        WriteFourBytes(&missing, 1, directory.GetOutput(1));
-        directory.Close();
-    }
+    OutputStreamDirectory directory(out, 3);
+    const std::int32_t size = 2, missing = 0;
+    WriteFourBytes(&size, 1, directory.GetOutput(0));
+    WriteFourBytes(&missing, 1, directory.GetOutput(1));
+    directory.Close();
     NCDataVector<float> v;
     EXPECT_FALSE(Load(out.str(), v));
     EXPECT_TRUE(v.empty());
@@ -195,20 +153,14 @@ TEST(VectorStreamBytes, NestedVectorsReadBackInOrder)
 {
     const NCDataVector<float> a{1.0f}, b{-99.0f, 2.0f};
     std::ostringstream out;
-    {
-        OutputStreamDirectory directory(out, 1);
-        std::ostream& entry = directory.GetOutput(0);
-        entry << a << b;
-        directory.Close();
-    }
+    OutputStreamDirectory(out, 1).GetOutput(0) << a << b;
     std::istringstream in(out.str());
     InputStreamDirectory directory(in);
     std::istream* entry = directory.GetInput(0);
     ASSERT_NE(entry, nullptr);
     NCDataVector<float> ra, rb;
     *entry >> ra >> rb;
-    EXPECT_TRUE(ra == a);
-    EXPECT_TRUE(rb == b);
+    EXPECT_TRUE(ra == a && rb == b);
     EXPECT_EQ(rb.GetNumMisVal(), 1);
 }
 
