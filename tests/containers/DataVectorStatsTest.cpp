@@ -9,8 +9,10 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <iterator>
+#include <initializer_list>
 #include <limits>
+#include <type_traits>
+#include <vector>
 
 namespace {
 
@@ -21,6 +23,23 @@ NCDataVector<T> FromArray(const float (&values)[N], int n = static_cast<int>(N))
     for (int i = 1; i <= n; ++i)
         v(i, static_cast<T>(values[i - 1]));
     return v;
+}
+
+template <class T>
+NCDataVector<T> Vec(std::initializer_list<double> values)
+{
+    NCDataVector<T> v;
+    for (double x : values)
+        v.push_back(static_cast<T>(x));
+    return v;
+}
+
+// Each listed result must be exactly the missing value; the index names the culprit.
+void ExpectAllMissing(std::initializer_list<double> results)
+{
+    int i = 0;
+    for (double r : results)
+        EXPECT_EQ(r, -99.0) << "result #" << i++;
 }
 
 template <class T>
@@ -41,11 +60,11 @@ void ExpectMatchesReference(const V& v, const R& r)
     EXPECT_NEAR(v.GetMedian(), r.median, tol);
     EXPECT_NEAR(v.GetSkewness(), r.skew, 1e-8);
     EXPECT_NEAR(v.GetKurtosis(), r.kurt, 1e-8);
-    double q1 = 0, med = 0, q3 = 0;
-    EXPECT_TRUE(v.GetInterquartiles(q1, med, q3));
-    EXPECT_NEAR(q1, r.q1, tol);
-    EXPECT_NEAR(med, r.median, tol);
-    EXPECT_NEAR(q3, r.q3, tol);
+    double q[3] = {};
+    const double want[3] = {r.q1, r.median, r.q3};
+    EXPECT_TRUE(v.GetInterquartiles(q[0], q[1], q[2]));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_NEAR(q[i], want[i], tol) << "quartile " << i + 1;
     EXPECT_NEAR(v.GetInterquartileRange(), r.q3 - r.q1, tol);
     typename V::value_type lo{}, hi{};
     v.GetMinMax(lo, hi);
@@ -60,14 +79,16 @@ TYPED_TEST(VectorStats, AgreeWithNumpyAndScipy)
     ExpectMatchesReference(FromArray<TypeParam>(vref::A), vref::statsA);
     ExpectMatchesReference(FromArray<TypeParam>(vref::B), vref::statsB);
     ExpectMatchesReference(FromArray<TypeParam>(vref::C), vref::statsC);
-}
-
-TEST(VectorStatsFloat, SquaresAreFormedInFloat)
-{
-    // The reference squares the float values in float before summing in double.
-    const auto v = FromArray<float>(vref::A);
-    EXPECT_DOUBLE_EQ(v.GetSS(), vref::statsA.ss);
-    EXPECT_FLOAT_EQ(v.GetMeanF(), static_cast<float>(vref::statsA.mean));
+    // The skewness test is the skewness over its standard error.
+    const double n = vref::statsB.valid;
+    const double se = std::sqrt(6.0 * n * (n - 1) / ((n - 2) * (n + 1) * (n + 3)));
+    EXPECT_NEAR(FromArray<TypeParam>(vref::B).GetSkewnessTest(), vref::statsB.skew / se, 1e-8);
+    if constexpr (std::is_same_v<TypeParam, float>) {
+        // The reference squares the float values in float before summing in double.
+        const auto v = FromArray<float>(vref::A);
+        EXPECT_DOUBLE_EQ(v.GetSS(), vref::statsA.ss);
+        EXPECT_FLOAT_EQ(v.GetMeanF(), static_cast<float>(vref::statsA.mean));
+    }
 }
 
 TYPED_TEST(VectorStats, EmptyAndAllMissingAreUndefined)
@@ -75,100 +96,74 @@ TYPED_TEST(VectorStats, EmptyAndAllMissingAreUndefined)
     for (const NCDataVector<TypeParam>& v : {NCDataVector<TypeParam>(), NCDataVector<TypeParam>(4, TypeParam(-99))}) {
         EXPECT_TRUE(v.HasAllMissingValues());
         EXPECT_FALSE(v.HasValidValues());
-        EXPECT_EQ(v.GetMean(), -99.0);
-        EXPECT_EQ(v.GetSum(), -99.0);
-        EXPECT_EQ(v.GetMedian(), -99.0);
-        EXPECT_EQ(v.GetVariance(), -99.0);
-        EXPECT_EQ(v.GetStdDev(), -99.0);
-        EXPECT_EQ(v.GetSS(1.0), -99.0);
         EXPECT_EQ(v.GetSS(), 0.0);
-        EXPECT_EQ(v.GetSkewness(), -99.0);
-        EXPECT_EQ(v.GetSkewnessTest(), -99.0);
-        EXPECT_EQ(v.GetKurtosis(), -99.0);
-        EXPECT_EQ(v.GetRobustStdDev(), -99.0);
-        EXPECT_EQ(v.FirstValidValue(), TypeParam(-99));
         TypeParam lo = 0, hi = 0;
         v.GetMinMax(lo, hi);
-        EXPECT_EQ(lo, TypeParam(-99));
-        EXPECT_EQ(hi, TypeParam(-99));
         double q1 = 0, med = 0, q3 = 0;
         EXPECT_FALSE(v.GetInterquartiles(q1, med, q3));
-        EXPECT_EQ(q1, -99.0);
-        EXPECT_EQ(q3, -99.0);
+        ExpectAllMissing({v.GetMean(), v.GetSum(), v.GetMedian(), v.GetVariance(), v.GetStdDev(), v.GetSS(1.0),
+                          v.GetSkewness(), v.GetSkewnessTest(), v.GetKurtosis(), v.GetRobustStdDev(),
+                          double(v.FirstValidValue()), double(lo), double(hi), q1, q3});
     }
 }
 
-TYPED_TEST(VectorStats, OneValidValueHasZeroVarianceButNoStdDev)
+TYPED_TEST(VectorStats, DegenerateSeries)
 {
-    const NCDataVector<TypeParam> v{TypeParam(-99), TypeParam(4), TypeParam(-99)};
-    EXPECT_EQ(v.GetMean(), 4.0);
-    EXPECT_EQ(v.GetVariance(), 0.0);
-    EXPECT_EQ(v.GetStdDev(), -99.0);
-    EXPECT_EQ(v.GetMedian(), 4.0);
-    EXPECT_EQ(v.GetInterquartileRange(), -99.0);
-    EXPECT_EQ(v.FirstValidValue(), TypeParam(4));
-    EXPECT_EQ(v.LastValidValue(), TypeParam(4));
-}
+    // One valid value has zero variance but no standard deviation.
+    const auto one = Vec<TypeParam>({-99, 4, -99});
+    EXPECT_EQ(one.GetMean(), 4.0);
+    EXPECT_EQ(one.GetVariance(), 0.0);
+    EXPECT_EQ(one.GetMedian(), 4.0);
+    ExpectAllMissing({one.GetStdDev(), one.GetInterquartileRange()});
+    EXPECT_EQ(one.FirstValidValue(), TypeParam(4));
+    EXPECT_EQ(one.LastValidValue(), TypeParam(4));
 
-TYPED_TEST(VectorStats, MeanThatLandsOnMissingIsNudged)
-{
-    const NCDataVector<TypeParam> v{TypeParam(-98), TypeParam(-100)};
-    EXPECT_EQ(v.GetNumMisVal(), 0);
-    EXPECT_DOUBLE_EQ(v.GetMean(), -99.00001);
-    EXPECT_NE(v.GetMeanF(), -99.0f);
-    // The nudged mean is valid, so the variance is computed about it.
-    EXPECT_NEAR(v.GetVariance(), 2.0, 1e-6);
-}
+    // A mean that lands on -99 is nudged; being valid, the variance is taken about it.
+    const auto nudged = Vec<TypeParam>({-98, -100});
+    EXPECT_EQ(nudged.GetNumMisVal(), 0);
+    EXPECT_DOUBLE_EQ(nudged.GetMean(), -99.00001);
+    EXPECT_NE(nudged.GetMeanF(), -99.0f);
+    EXPECT_NEAR(nudged.GetVariance(), 2.0, 1e-6);
 
-TYPED_TEST(VectorStats, NaNIsAnOrdinaryValue)
-{
-    const TypeParam nan = std::numeric_limits<TypeParam>::quiet_NaN();
-    NCDataVector<TypeParam> v{TypeParam(1), nan, TypeParam(-99)};
-    EXPECT_EQ(v.GetNumMisVal(), 1);
-    EXPECT_TRUE(std::isnan(v.GetMean()));
-}
+    // NaN is an ordinary value.
+    const NCDataVector<TypeParam> withNaN{TypeParam(1), std::numeric_limits<TypeParam>::quiet_NaN(), TypeParam(-99)};
+    EXPECT_EQ(withNaN.GetNumMisVal(), 1);
+    EXPECT_TRUE(std::isnan(withNaN.GetMean()));
 
-TYPED_TEST(VectorStats, ConstantSeriesHasNoShape)
-{
-    const NCDataVector<TypeParam> v(6, TypeParam(3));
-    EXPECT_EQ(v.GetStdDev(), 0.0);
-    EXPECT_EQ(v.GetSkewness(), -99.0);
-    EXPECT_EQ(v.GetKurtosis(), -99.0);
-    EXPECT_EQ(v.GetInterquartileRange(), 0.0);
+    // A constant series has no shape.
+    const NCDataVector<TypeParam> constant(6, TypeParam(3));
+    EXPECT_EQ(constant.GetStdDev(), 0.0);
+    EXPECT_EQ(constant.GetInterquartileRange(), 0.0);
+    ExpectAllMissing({constant.GetSkewness(), constant.GetKurtosis()});
 }
 
 TYPED_TEST(VectorStats, MedianAndQuartilesOnSmallCounts)
 {
     // Values out of order and with gaps, so sorting and skipping both matter.
-    const TypeParam m = TypeParam(-99);
-    struct Case {
+    const struct {
         NCDataVector<TypeParam> v;
         double q1, median, q3;
+    } cases[] = {
+        {Vec<TypeParam>({5, -99, 1}), 1, 3, 5},
+        {Vec<TypeParam>({3, 1, -99, 2}), 1, 2, 3},
+        {Vec<TypeParam>({4, 1, 3, 2}), 1.5, 2.5, 3.5},
+        {Vec<TypeParam>({5, 1, 4, -99, 2, 3}), 1.5, 3, 4.5},
+        {Vec<TypeParam>({6, 2, 5, 1, 4, 3, 7}), 2, 4, 6},
     };
-    const Case cases[] = {
-        {{TypeParam(5), m, TypeParam(1)}, 1, 3, 5},
-        {{TypeParam(3), TypeParam(1), m, TypeParam(2)}, 1, 2, 3},
-        {{TypeParam(4), TypeParam(1), TypeParam(3), TypeParam(2)}, 1.5, 2.5, 3.5},
-        {{TypeParam(5), TypeParam(1), TypeParam(4), m, TypeParam(2), TypeParam(3)}, 1.5, 3, 4.5},
-        {{TypeParam(6), TypeParam(2), TypeParam(5), TypeParam(1), TypeParam(4), TypeParam(3), TypeParam(7)}, 2, 4, 6},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         double q1 = 0, med = 0, q3 = 0;
         ASSERT_TRUE(c.v.GetInterquartiles(q1, med, q3));
-        EXPECT_EQ(q1, c.q1);
-        EXPECT_EQ(med, c.median);
-        EXPECT_EQ(q3, c.q3);
-        EXPECT_EQ(c.v.GetMedian(), c.median);
+        EXPECT_EQ((std::vector<double>{q1, med, q3, c.v.GetMedian()}), (std::vector<double>{c.q1, c.median, c.q3, c.median}));
     }
 }
 
 TYPED_TEST(VectorStats, RobustStdDevEstimatesNormalSpread)
 {
-    // Evenly spaced normal quantiles: the robust estimate is close to 1
-    // while one wild value barely moves it.
+    // Evenly spaced normal quantiles (by bisection on the distribution
+    // function): the robust estimate is close to 1 while one wild value
+    // barely moves it.
     const int n = 401;
     NCDataVector<TypeParam> v(n);
-    // Normal quantiles by bisection on the distribution function.
     for (int i = 1; i <= n; ++i) {
         const double p = (i - 0.5) / n;
         double lo = -10, hi = 10;
@@ -183,16 +178,6 @@ TYPED_TEST(VectorStats, RobustStdDevEstimatesNormalSpread)
     EXPECT_NEAR(v.GetRobustStdDev(), 1.0, 0.02);
     EXPECT_GT(v.GetStdDev(), 1000.0);
 }
-
-TYPED_TEST(VectorStats, SkewnessTestIsSkewnessOverItsStandardError)
-{
-    const auto v = FromArray<TypeParam>(vref::B);
-    const double n = vref::statsB.valid;
-    const double se = std::sqrt(6.0 * n * (n - 1) / ((n - 2) * (n + 1) * (n + 3)));
-    EXPECT_NEAR(v.GetSkewnessTest(), vref::statsB.skew / se, 1e-8);
-}
-
-// ---- pair statistics ---------------------------------------------------
 
 // Products are formed in the element type, so agreement is to float accuracy.
 template <class T, class P>
@@ -218,131 +203,98 @@ TYPED_TEST(VectorStats, PairStatisticsAgreeWithNumpyAndScipy)
     ExpectPairMatches(FromArray<TypeParam>(vref::A, vref::pairAC.n), FromArray<TypeParam>(vref::C), vref::pairAC);
 }
 
-TYPED_TEST(VectorStats, NipalsFloorLimitsTheSlopeWhenMostOfV2IsMissing)
+TYPED_TEST(VectorStats, NipalsFloorAndClassExclusion)
 {
-    const TypeParam m = TypeParam(-99);
-    // One complete pair with a tiny V1, and large V1 values facing missing V2.
-    const NCDataVector<TypeParam> v1{TypeParam(0.1), TypeParam(3), TypeParam(3)};
-    const NCDataVector<TypeParam> v2{TypeParam(1), m, m};
+    // One complete pair with a tiny V1, and large V1 values facing missing V2:
+    // the floor limits the slope.
+    const auto v1 = Vec<TypeParam>({0.1, 3, 3});
+    const auto v2 = Vec<TypeParam>({1, -99, -99});
     EXPECT_NEAR(v1.Regress(v2), 10.0, 1e-5);
-    const double s11all = 0.1f * 0.1f + 9.0 + 9.0;
-    EXPECT_NEAR(v1.SpecialNipalsRegressFix(v2), 0.1 / (s11all / 3.0), 1e-6);
-}
+    EXPECT_NEAR(v1.SpecialNipalsRegressFix(v2), 0.1 / ((0.1f * 0.1f + 9.0 + 9.0) / 3.0), 1e-6);
 
-TYPED_TEST(VectorStats, ExclusionSkipsTheNamedClass)
-{
-    const NCDataVector<TypeParam> v1{TypeParam(1), TypeParam(2), TypeParam(3), TypeParam(4)};
-    const NCDataVector<TypeParam> v2{TypeParam(2), TypeParam(100), TypeParam(6), TypeParam(8)};
+    // Exclusion skips the named class.
+    const auto x = Vec<TypeParam>({1, 2, 3, 4});
+    const auto y = Vec<TypeParam>({2, 100, 6, 8});
     const NCIntegralVector<int, -99> classes{1, 2, 1, 0};
     double s12 = 0, s11 = 0, s11all = 0;
-    NCDataVector<TypeParam>::Calculate_V1txV2_and_V1txV1(s12, s11, s11all, v1, v2, &classes, 2);
+    NCDataVector<TypeParam>::Calculate_V1txV2_and_V1txV1(s12, s11, s11all, x, y, &classes, 2);
     EXPECT_EQ(s12, 2.0 + 18.0 + 32.0);
     EXPECT_EQ(s11, 1.0 + 9.0 + 16.0);
     EXPECT_EQ(s11all, s11);
-    EXPECT_DOUBLE_EQ(v1.SpecialNipalsRegressFixWithExclude(v2, classes, 2), 2.0);
+    EXPECT_DOUBLE_EQ(x.SpecialNipalsRegressFixWithExclude(y, classes, 2), 2.0);
     // Excluding a class nobody has keeps every element.
-    EXPECT_NE(v1.SpecialNipalsRegressFixWithExclude(v2, classes, 7), 2.0);
+    EXPECT_NE(x.SpecialNipalsRegressFixWithExclude(y, classes, 7), 2.0);
 }
 
-TYPED_TEST(VectorStats, SumsWithoutCompletePairs)
+TYPED_TEST(VectorStats, NoCompletePairsOrTinyV1HaveNoSlope)
 {
-    const TypeParam m = TypeParam(-99);
-    const NCDataVector<TypeParam> v1{TypeParam(1), m, TypeParam(2)};
-    const NCDataVector<TypeParam> v2{m, TypeParam(5), m};
+    const auto v1 = Vec<TypeParam>({1, -99, 2});
+    const auto v2 = Vec<TypeParam>({-99, 5, -99});
     double s12 = 0, s11 = 0, s11all = 0;
     NCDataVector<TypeParam>::Calculate_V1txV2_and_V1txV1(s12, s11, s11all, v1, v2, nullptr, 0);
-    EXPECT_EQ(s12, -99.0);
-    EXPECT_EQ(s11, -99.0);
-    EXPECT_EQ(v1.Regress(v2), -99.0);
-    EXPECT_EQ(v1.SpecialNipalsRegressFix(v2), -99.0);
-    EXPECT_EQ(v1.Difference(v2), -99.0);
-    EXPECT_EQ(v1.Distance(v2), -99.0);
-    EXPECT_EQ(v1.Correlation_Zero(v2), -99.0);
-    EXPECT_EQ(v1.Covariance(v2), -99.0);
-    EXPECT_EQ(v1 * v2, -99.0);
-}
+    ExpectAllMissing({s12, s11, v1.Regress(v2), v1.SpecialNipalsRegressFix(v2), v1.Difference(v2), v1.Distance(v2),
+                      v1.Correlation_Zero(v2), v1.Covariance(v2), v1 * v2});
 
-TYPED_TEST(VectorStats, TinyV1HasNoSlope)
-{
     const NCDataVector<TypeParam> zeros(3, TypeParam(0));
-    const NCDataVector<TypeParam> y{TypeParam(1), TypeParam(2), TypeParam(3)};
-    double s12 = 1, s11 = 1, s11all = 1;
+    const auto y = Vec<TypeParam>({1, 2, 3});
+    s12 = s11 = s11all = 1;
     NCDataVector<TypeParam>::Calculate_V1txV2_and_V1txV1(s12, s11, s11all, zeros, y, nullptr, 0);
     EXPECT_EQ(s12, 0.0);
     EXPECT_EQ(s11, 0.0);
-    EXPECT_EQ(zeros.Regress(y), -99.0);
-    EXPECT_EQ(zeros.SpecialNipalsRegressFix(y), -99.0);
-    // Complete pairs whose V1 is zero, with the non-zero V1 facing a missing V2.
-    const NCDataVector<TypeParam> v1{TypeParam(0), TypeParam(5), TypeParam(0)};
-    const NCDataVector<TypeParam> v2{TypeParam(1), TypeParam(-99), TypeParam(2)};
-    EXPECT_EQ(v1.Regress(v2), -99.0);
+    // Last: complete pairs whose V1 is zero, with the non-zero V1 facing a missing V2.
+    ExpectAllMissing({zeros.Regress(y), zeros.SpecialNipalsRegressFix(y),
+                      Vec<TypeParam>({0, 5, 0}).Regress(Vec<TypeParam>({1, -99, 2}))});
 }
 
-TYPED_TEST(VectorStats, DifferenceRules)
+TYPED_TEST(VectorStats, DifferenceAndDistanceRules)
 {
-    const NCDataVector<TypeParam> empty;
+    const NCDataVector<TypeParam> empty, zeros(2, TypeParam(0)), ones(2, TypeParam(1)), twos(2, TypeParam(2));
     EXPECT_EQ(empty.Difference(empty), 1e30);
-    const NCDataVector<TypeParam> zeros(2, TypeParam(0));
-    const NCDataVector<TypeParam> ones(2, TypeParam(1));
     EXPECT_EQ(zeros.Difference(ones), 1e30);
     EXPECT_EQ(ones.Difference(ones), 0.0);
-    const NCDataVector<TypeParam> twos(2, TypeParam(2));
     EXPECT_DOUBLE_EQ(twos.Difference(ones), 0.25);
-    const TypeParam inf = std::numeric_limits<TypeParam>::infinity();
-    const NCDataVector<TypeParam> withInf{TypeParam(1), inf};
-    EXPECT_EQ(withInf.Difference(ones), -99.0);
-    EXPECT_EQ(withInf.Distance(ones), -99.0);
-}
-
-TYPED_TEST(VectorStats, DistanceWithMissingOnOneSide)
-{
-    const TypeParam m = TypeParam(-99);
-    const NCDataVector<TypeParam> a{TypeParam(1), TypeParam(4), m};
-    const NCDataVector<TypeParam> b{TypeParam(4), TypeParam(0), TypeParam(9)};
-    EXPECT_DOUBLE_EQ(a.Distance(b), 5.0);
-    EXPECT_EQ(NCDataVector<TypeParam>(3, m).Distance(b), -99.0);
-    EXPECT_EQ(NCDataVector<TypeParam>().Distance(NCDataVector<TypeParam>()), -99.0);
+    // Distance over pairs complete on both sides.
+    const auto b = Vec<TypeParam>({4, 0, 9});
+    EXPECT_DOUBLE_EQ(Vec<TypeParam>({1, 4, -99}).Distance(b), 5.0);
+    const NCDataVector<TypeParam> withInf{TypeParam(1), std::numeric_limits<TypeParam>::infinity()};
+    ExpectAllMissing({withInf.Difference(ones), withInf.Distance(ones), NCDataVector<TypeParam>(3, TypeParam(-99)).Distance(b),
+                      empty.Distance(empty)});
 }
 
 TYPED_TEST(VectorStats, CorrelationAboutZeroIsClampedAndFallsBackToTheCrossProduct)
 {
-    const NCDataVector<TypeParam> a{TypeParam(1), TypeParam(2)};
-    const NCDataVector<TypeParam> b{TypeParam(2), TypeParam(4)};
+    const auto a = Vec<TypeParam>({1, 2});
+    const auto b = Vec<TypeParam>({2, 4});
     EXPECT_DOUBLE_EQ(a.Correlation_Zero(b), 1.0);
     EXPECT_DOUBLE_EQ(a.Correlation_Zero(b * -1.0), -1.0);
     // Sums of squares whose product is below 1e-30: the raw cross product.
-    const NCDataVector<TypeParam> tiny{TypeParam(1e-16), TypeParam(0)};
+    const auto tiny = Vec<TypeParam>({1e-16, 0});
     EXPECT_NEAR(tiny.Correlation_Zero(b), 2e-16, 1e-20);
-    const NCDataVector<TypeParam> big{TypeParam(1e-16), TypeParam(0)};
-    EXPECT_DOUBLE_EQ(big.Correlation_Zero(NCDataVector<TypeParam>{TypeParam(3e16), TypeParam(0)}), 1.0);
-    EXPECT_EQ(NCDataVector<TypeParam>(2, TypeParam(-99)).Correlation_Zero(b), -99.0);
-    EXPECT_EQ(a.Correlation_Mean(NCDataVector<TypeParam>(2, TypeParam(7))), -99.0);
+    EXPECT_DOUBLE_EQ(tiny.Correlation_Zero(Vec<TypeParam>({3e16, 0})), 1.0);
+    ExpectAllMissing({NCDataVector<TypeParam>(2, TypeParam(-99)).Correlation_Zero(b),
+                      a.Correlation_Mean(NCDataVector<TypeParam>(2, TypeParam(7)))});
 }
 
 TYPED_TEST(VectorStats, SizeMismatchNamesTheMember)
 {
-    const NCDataVector<TypeParam> a(3, TypeParam(1));
-    const NCDataVector<TypeParam> b(4, TypeParam(1));
-    try {
-        a.Difference(b);
-        FAIL() << "no exception";
-    } catch (const NCInternalError& e) {
-        EXPECT_EQ(e.GetWhere(), "NCDataVector<FloatType>::Difference");
-        EXPECT_EQ(e.messages().messages().at(0).source(), "Vectors are of different size.");
-        EXPECT_EQ(e.GetLevel(), NCError::Error);
-    }
-    try {
-        a.Distance(b);
-        FAIL() << "no exception";
-    } catch (const NCInternalError& e) {
-        EXPECT_EQ(e.GetWhere(), "NCDataVector<FloatType>::Distance");
-    }
+    const NCDataVector<TypeParam> a(3, TypeParam(1)), b(4, TypeParam(1));
+    const auto expectWhere = [](const auto& call, const char* where) {
+        try {
+            call();
+            ADD_FAILURE() << "no exception from " << where;
+        } catch (const NCInternalError& e) {
+            EXPECT_EQ(e.GetWhere(), where);
+            EXPECT_EQ(e.messages().messages().at(0).source(), "Vectors are of different size.");
+            EXPECT_EQ(e.GetLevel(), NCError::Error);
+        }
+    };
+    expectWhere([&] { a.Difference(b); }, "NCDataVector<FloatType>::Difference");
+    expectWhere([&] { a.Distance(b); }, "NCDataVector<FloatType>::Distance");
     EXPECT_THROW(a.Regress(b), NCInternalError);
     EXPECT_THROW(a.Correlation_Mean(b), NCInternalError);
     EXPECT_THROW(NCDataVector<TypeParam>(a).Add(b), NCInternalError);
     EXPECT_THROW(a * b, NCInternalError);
-    const NCIntegralVector<int, -99> shortClasses{1, 2};
-    EXPECT_THROW(a.SpecialNipalsRegressFixWithExclude(a, shortClasses, 1), NCInternalError);
+    EXPECT_THROW(a.SpecialNipalsRegressFixWithExclude(a, NCIntegralVector<int, -99>{1, 2}, 1), NCInternalError);
 }
 
 } // namespace
