@@ -5,10 +5,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <random>
 #include <string>
 #include <thread>
@@ -25,16 +27,30 @@ std::vector<T> Values(const NCDataVector<T>& v)
 template <class T>
 int Recount(const NCDataVector<T>& v)
 {
-    int count = 0;
-    for (T x : v)
-        count += x == T(-99) ? 1 : 0;
-    return count;
+    return static_cast<int>(std::count(v.begin(), v.end(), T(-99)));
 }
 
 template <class T>
 bool Aligned(const NCDataVector<T>& v)
 {
     return v.empty() || reinterpret_cast<std::uintptr_t>(v.begin()) % 16 == 0;
+}
+
+template <class T>
+NCDataVector<T> Vec(std::initializer_list<double> values)
+{
+    NCDataVector<T> v;
+    for (double x : values)
+        v.push_back(static_cast<T>(x));
+    return v;
+}
+
+// Runs op on a copy of v and returns the resulting values.
+template <class T, class Op>
+std::vector<T> After(NCDataVector<T> v, Op op)
+{
+    op(v);
+    return Values(v);
 }
 
 template <class T>
@@ -46,16 +62,9 @@ template <class T>
 T RandomValue(std::mt19937& rng)
 {
     // Missing often enough to matter, and a value pair that sums to -99.
-    switch (std::uniform_int_distribution<int>(0, 5)(rng)) {
-    case 0:
-        return T(-99);
-    case 1:
-        return T(-100);
-    case 2:
-        return T(1);
-    default:
-        return static_cast<T>(std::uniform_real_distribution<double>(-5, 5)(rng));
-    }
+    const int kind = std::uniform_int_distribution<int>(0, 5)(rng);
+    return kind == 0 ? T(-99) : kind == 1 ? T(-100) : kind == 2 ? T(1)
+                                                                : static_cast<T>(std::uniform_real_distribution<double>(-5, 5)(rng));
 }
 
 template <class T>
@@ -91,17 +100,11 @@ std::vector<Mutation<T>> AllMutations()
         {"InsertValues(vector)", [=](V& v, R& r) { v.InsertValues(pos(r, v.Size() + 1), other(r, 3)); }},
         {"InsertValues(self)", [=](V& v, R&) { v.InsertValues(1, v); }},
         {"InsertValues(count)", [=](V& v, R& r) { v.InsertValues(pos(r, v.Size() + 1), 2, val(r)); }},
-        {"RemoveValues", [=](V& v, R& r) {
-             const int at = pos(r, v.Size());
-             if (v.Size() >= 2) v.RemoveValues(at, std::min(v.Size(), at + 2));
-         }},
+        {"RemoveValues", [=](V& v, R& r) { const int at = pos(r, v.Size()); if (v.Size() >= 2) v.RemoveValues(at, std::min(v.Size(), at + 2)); }},
         {"Remove(value)", [=](V& v, R& r) { v.Remove(val(r)); }},
         {"Remove(list)", [=](V& v, R& r) { v.Remove(List{pos(r, v.Size()), 1, 99}); }},
         {"Reduce", [=](V& v, R& r) { if (!v.empty()) v.Reduce(List{pos(r, v.Size()), pos(r, v.Size()), 1}); }},
-        {"CopyZeroBasedVector", [=](V& v, R& r) {
-             const std::vector<T> p{val(r), val(r), val(r)};
-             v.CopyZeroBasedVector(p.data(), 3);
-         }},
+        {"CopyZeroBasedVector", [=](V& v, R& r) { const T p[] = {val(r), val(r), val(r)}; v.CopyZeroBasedVector(p, 3); }},
         {"CopyContent", [=](V& v, R& r) { v.CopyContent(other(r, 7)); }},
         {"SetAllValues", [=](V& v, R& r) { v.SetAllValues(val(r)); }},
         {"SetRange(vector)", [=](V& v, R& r) { if (v.Size() >= 2) v.SetRange(v.Size() - 1, other(r, 4), 2, 3); }},
@@ -168,22 +171,21 @@ TYPED_TEST(VectorTest, RandomMutationsKeepCountExactAndCopiesIsolated)
     }
 }
 
-TYPED_TEST(VectorTest, ConstructionAndAlignment)
+TYPED_TEST(VectorTest, ConstructionComparisonAndAlignment)
 {
+    using V = NCDataVector<TypeParam>;
     for (int n : {0, 1, 3, 4, 5, 17, 1000}) {
-        NCDataVector<TypeParam> zeros(n);
+        const V zeros(n), missing(n, TypeParam(-99));
         EXPECT_EQ(zeros.Size(), n);
         EXPECT_EQ(zeros.GetNumMisVal(), 0);
         EXPECT_TRUE(Aligned(zeros));
-        for (TypeParam x : zeros)
-            EXPECT_EQ(x, TypeParam(0));
-        NCDataVector<TypeParam> missing(n, TypeParam(-99));
+        EXPECT_EQ(Values(zeros), std::vector<TypeParam>(n, TypeParam(0)));
         EXPECT_EQ(missing.GetNumMisVal(), n);
         EXPECT_TRUE(missing.HasAllMissingValues());
         EXPECT_EQ(missing.HasMissingValues(), n > 0);
     }
-    EXPECT_THROW(NCDataVector<TypeParam>(-1), NCInternalError);
-    const NCDataVector<TypeParam> list{TypeParam(1), TypeParam(-99), TypeParam(3)};
+    EXPECT_THROW(V(-1), NCInternalError);
+    const V list{TypeParam(1), TypeParam(-99), TypeParam(3)};
     EXPECT_EQ(list.Size(), 3);
     EXPECT_EQ(list.GetNumMisVal(), 1);
     EXPECT_EQ(list.GetNumValidValues(), 2);
@@ -191,9 +193,15 @@ TYPED_TEST(VectorTest, ConstructionAndAlignment)
     EXPECT_EQ(list.back(), TypeParam(3));
     EXPECT_EQ(list.GetVector()[3], TypeParam(3));
     EXPECT_EQ(list.end() - list.begin(), 3);
+    // Comparison is elementwise and needs equal sizes.
+    const V a = Vec<TypeParam>({1, 2});
+    EXPECT_TRUE(a == Vec<TypeParam>({1, 2}));
+    EXPECT_TRUE(a != Vec<TypeParam>({1, 3}));
+    EXPECT_TRUE(a != Vec<TypeParam>({1}));
+    EXPECT_TRUE(V() == V(0));
 }
 
-TYPED_TEST(VectorTest, WritesAdjustTheMissingCount)
+TYPED_TEST(VectorTest, CopiesShareUntilWrittenAndWritesAdjustTheCount)
 {
     NCDataVector<TypeParam> v(3, TypeParam(1));
     EXPECT_EQ(v.SetAndReturn_dMisVal(2, TypeParam(-99)), 1);
@@ -202,13 +210,8 @@ TYPED_TEST(VectorTest, WritesAdjustTheMissingCount)
     EXPECT_EQ(v(2, TypeParam(5)), TypeParam(5));
     EXPECT_EQ(v.GetNumMisVal(), 0);
     EXPECT_EQ(v.SetAndReturn_dMisVal(3, TypeParam(7)), 0);
-}
 
-TYPED_TEST(VectorTest, CopiesShareUntilWritten)
-{
-    NCDataVector<TypeParam> a{TypeParam(1), TypeParam(2), TypeParam(3)};
-    NCDataVector<TypeParam> b(a);
-    NCDataVector<TypeParam> c;
+    NCDataVector<TypeParam> a = Vec<TypeParam>({1, 2, 3}), b(a), c;
     c = a;
     EXPECT_EQ(a.begin(), b.begin());
     EXPECT_EQ(a.begin(), c.begin());
@@ -223,8 +226,7 @@ TYPED_TEST(VectorTest, CopiesShareUntilWritten)
     c = a;
     EXPECT_EQ(c[3], TypeParam(3));
     // The writable pointer is unlinked too.
-    TypeParam* raw = c.GetVectorForWriting();
-    raw[2] = TypeParam(-99);
+    c.GetVectorForWriting()[2] = TypeParam(-99);
     c.RecountMissing();
     EXPECT_EQ(c.GetNumMisVal(), 1);
     EXPECT_EQ(a[2], TypeParam(2));
@@ -237,8 +239,7 @@ TYPED_TEST(VectorTest, CopiesOnTwoThreads)
     const NCDataVector<TypeParam> original(256, TypeParam(2));
     auto work = [&original](int seed) {
         for (int i = 0; i < 2000; ++i) {
-            NCDataVector<TypeParam> copy(original);
-            NCDataVector<TypeParam> other;
+            NCDataVector<TypeParam> copy(original), other;
             other = copy;
             if (i % 3 == seed)
                 copy(1 + i % 256, TypeParam(-99));
@@ -247,130 +248,103 @@ TYPED_TEST(VectorTest, CopiesOnTwoThreads)
         }
         return true;
     };
+    // Cross assignment between two pairs of sharers must not deadlock.
+    NCDataVector<TypeParam> a(8, TypeParam(1)), b(8, TypeParam(2)), a2(a), b2(b);
+    auto cross = [](const NCDataVector<TypeParam>& from, const NCDataVector<TypeParam>& to) {
+        for (int i = 0; i < 5000; ++i) {
+            NCDataVector<TypeParam> x(from), y(to);
+            x = y;
+        }
+    };
     bool ok1 = false, ok2 = false;
-    std::thread t1([&] { ok1 = work(0); });
-    std::thread t2([&] { ok2 = work(1); });
+    std::thread t1([&] { ok1 = work(0); cross(a, b); });
+    std::thread t2([&] { ok2 = work(1); cross(b2, a2); });
     t1.join();
     t2.join();
-    EXPECT_TRUE(ok1);
-    EXPECT_TRUE(ok2);
+    EXPECT_TRUE(ok1 && ok2);
     EXPECT_EQ(original.GetNumMisVal(), 0);
     EXPECT_EQ(original.GetSum(), 512.0);
-}
-
-TYPED_TEST(VectorTest, CrossAssignmentOnTwoThreadsDoesNotDeadlock)
-{
-    NCDataVector<TypeParam> a(8, TypeParam(1)), b(8, TypeParam(2));
-    NCDataVector<TypeParam> a2(a), b2(b);
-    std::thread t1([&] {
-        for (int i = 0; i < 5000; ++i) {
-            NCDataVector<TypeParam> x(a), y(b);
-            x = y;
-        }
-    });
-    std::thread t2([&] {
-        for (int i = 0; i < 5000; ++i) {
-            NCDataVector<TypeParam> x(b2), y(a2);
-            x = y;
-        }
-    });
-    t1.join();
-    t2.join();
     EXPECT_EQ(a[1], TypeParam(1));
     EXPECT_EQ(b[1], TypeParam(2));
 }
 
 TYPED_TEST(VectorTest, ArithmeticPropagatesMissing)
 {
+    using W = std::vector<TypeParam>;
     const TypeParam m = TypeParam(-99);
-    NCDataVector<TypeParam> a{TypeParam(1), m, TypeParam(3), TypeParam(-100)};
-    const NCDataVector<TypeParam> b{TypeParam(2), TypeParam(5), m, TypeParam(1)};
+    const auto a = Vec<TypeParam>({1, -99, 3, -100});
+    const auto b = Vec<TypeParam>({2, 5, -99, 1});
     const NCDataVector<TypeParam> sum = a + b;
-    EXPECT_EQ(Values(sum), (std::vector<TypeParam>{3, m, m, m}));
+    EXPECT_EQ(Values(sum), (W{3, m, m, m}));
     // -100 + 1 lands on -99 and is counted as missing.
     EXPECT_EQ(sum.GetNumMisVal(), 3);
-    EXPECT_EQ(Values(a - b), (std::vector<TypeParam>{-1, m, m, -101}));
-    EXPECT_EQ(Values(a * 2.0), (std::vector<TypeParam>{2, m, 6, -200}));
-    EXPECT_EQ(Values(a + 1.0), (std::vector<TypeParam>{2, m, 4, m}));
-    EXPECT_EQ(Values(a / 2.0), (std::vector<TypeParam>{0.5, m, 1.5, -50}));
+    EXPECT_EQ(Values(a - b), (W{-1, m, m, -101}));
+    EXPECT_EQ(Values(a * 2.0), (W{2, m, 6, -200}));
+    EXPECT_EQ(Values(a + 1.0), (W{2, m, 4, m}));
+    EXPECT_EQ(Values(a / 2.0), (W{0.5, m, 1.5, -50}));
     EXPECT_EQ(a * b, 2.0 - 100.0);
-    NCDataVector<TypeParam> c = a;
-    c.TransformTo_Add_d_x_Vt(2.0, b);
-    EXPECT_EQ(Values(c), (std::vector<TypeParam>{5, m, m, -98}));
-    c = a;
-    c.TransformTo_Sub_d_x_Vt(2.0, b);
-    EXPECT_EQ(Values(c), (std::vector<TypeParam>{-3, m, m, -102}));
-    c = NCDataVector<TypeParam>{TypeParam(4), TypeParam(0), m, TypeParam(-9)};
-    c.DotDivide(NCDataVector<TypeParam>{TypeParam(2), TypeParam(1), TypeParam(1), TypeParam(0)});
-    EXPECT_EQ(Values(c), (std::vector<TypeParam>{2, 0, m, m}));
-    c = NCDataVector<TypeParam>{TypeParam(4), TypeParam(0), m, TypeParam(-9)};
-    c.VectorDivide(8.0);
-    EXPECT_EQ(Values(c), (std::vector<TypeParam>{2, m, m, TypeParam(8.0 / -9.0)}));
-    c = NCDataVector<TypeParam>{TypeParam(4), TypeParam(-4), m};
-    c.Sqrt();
-    EXPECT_EQ(Values(c), (std::vector<TypeParam>{2, m, m}));
-    c = NCDataVector<TypeParam>{TypeParam(-4), m};
+    EXPECT_EQ(After(a, [&](auto& c) { c.TransformTo_Add_d_x_Vt(2.0, b); }), (W{5, m, m, -98}));
+    EXPECT_EQ(After(a, [&](auto& c) { c.TransformTo_Sub_d_x_Vt(2.0, b); }), (W{-3, m, m, -102}));
+    const auto d = Vec<TypeParam>({4, 0, -99, -9});
+    EXPECT_EQ(After(d, [](auto& c) { c.DotDivide(Vec<TypeParam>({2, 1, 1, 0})); }), (W{2, 0, m, m}));
+    EXPECT_EQ(After(d, [](auto& c) { c.VectorDivide(8.0); }), (W{2, m, m, TypeParam(8.0 / -9.0)}));
+    EXPECT_EQ(After(Vec<TypeParam>({4, -4, -99}), [](auto& c) { c.Sqrt(); }), (W{2, m, m}));
+    NCDataVector<TypeParam> c = Vec<TypeParam>({-4, -99});
     c.Abs();
-    EXPECT_EQ(Values(c), (std::vector<TypeParam>{4, m}));
+    EXPECT_EQ(Values(c), (W{4, m}));
     EXPECT_EQ(c.GetNumMisVal(), 1);
-}
-
-TYPED_TEST(VectorTest, ComparisonIsElementwise)
-{
-    const NCDataVector<TypeParam> a{TypeParam(1), TypeParam(2)};
-    EXPECT_TRUE(a == (NCDataVector<TypeParam>{TypeParam(1), TypeParam(2)}));
-    EXPECT_TRUE(a != (NCDataVector<TypeParam>{TypeParam(1), TypeParam(3)}));
-    EXPECT_TRUE(a != (NCDataVector<TypeParam>{TypeParam(1)}));
-    EXPECT_TRUE(NCDataVector<TypeParam>() == NCDataVector<TypeParam>(0));
 }
 
 TYPED_TEST(VectorTest, InsertRemoveReduce)
 {
+    using W = std::vector<TypeParam>;
+    using List = NCIntegralVector<int, -99>;
     const TypeParam m = TypeParam(-99);
-    NCDataVector<TypeParam> v{TypeParam(1), TypeParam(2), TypeParam(3)};
-    v.InsertValues(2, NCDataVector<TypeParam>{m, TypeParam(9)});
-    EXPECT_EQ(Values(v), (std::vector<TypeParam>{1, m, 9, 2, 3}));
+    NCDataVector<TypeParam> v = Vec<TypeParam>({1, 2, 3});
+    v.InsertValues(2, Vec<TypeParam>({-99, 9}));
+    EXPECT_EQ(Values(v), (W{1, m, 9, 2, 3}));
     v.InsertValues(6, 1, m);
-    EXPECT_EQ(Values(v), (std::vector<TypeParam>{1, m, 9, 2, 3, m}));
+    EXPECT_EQ(Values(v), (W{1, m, 9, 2, 3, m}));
     EXPECT_EQ(v.GetNumMisVal(), 2);
     EXPECT_THROW(v.InsertValues(8, 1, m), NCInternalError);
     EXPECT_THROW(v.RemoveValues(0, 1), NCInternalError);
     v.RemoveValues(1, 2);
-    EXPECT_EQ(Values(v), (std::vector<TypeParam>{9, 2, 3, m}));
+    EXPECT_EQ(Values(v), (W{9, 2, 3, m}));
     EXPECT_EQ(v.GetNumMisVal(), 1);
     const int capacity = v.Capacity();
-    v.Remove(NCIntegralVector<int, -99>{4, 1, 4, 17});
-    EXPECT_EQ(Values(v), (std::vector<TypeParam>{2, 3}));
+    v.Remove(List{4, 1, 4, 17});
+    EXPECT_EQ(Values(v), (W{2, 3}));
     EXPECT_EQ(v.Capacity(), capacity);
     EXPECT_EQ(v.GetNumMisVal(), 0);
-    v.Reduce(NCIntegralVector<int, -99>{2, 2, 1});
-    EXPECT_EQ(Values(v), (std::vector<TypeParam>{3, 3, 2}));
-    EXPECT_THROW(v.Reduce(NCIntegralVector<int, -99>{4}), NCInternalError);
-    v.Reduce(NCIntegralVector<int, -99>());
+    v.Reduce(List{2, 2, 1});
+    EXPECT_EQ(Values(v), (W{3, 3, 2}));
+    EXPECT_THROW(v.Reduce(List{4}), NCInternalError);
+    v.Reduce(List());
     EXPECT_TRUE(v.empty());
-    NCDataVector<TypeParam> w{TypeParam(1), m, TypeParam(1), m};
+    NCDataVector<TypeParam> w = Vec<TypeParam>({1, -99, 1, -99});
     w.Remove(m);
-    EXPECT_EQ(Values(w), (std::vector<TypeParam>{1, 1}));
+    EXPECT_EQ(Values(w), (W{1, 1}));
     EXPECT_EQ(w.GetNumMisVal(), 0);
 }
 
 TYPED_TEST(VectorTest, BulkCopies)
 {
+    using W = std::vector<TypeParam>;
     const TypeParam m = TypeParam(-99);
     const TypeParam oneBased[] = {TypeParam(0), TypeParam(1), m, TypeParam(3)};
     NCDataVector<TypeParam> v;
     v.CopyVector(oneBased, 3);
-    EXPECT_EQ(Values(v), (std::vector<TypeParam>{1, m, 3}));
+    EXPECT_EQ(Values(v), (W{1, m, 3}));
     EXPECT_EQ(v.GetNumMisVal(), 1);
-    v.SetRange(2, NCDataVector<TypeParam>{TypeParam(7), TypeParam(8), TypeParam(9)}, 2, 3);
-    EXPECT_EQ(Values(v), (std::vector<TypeParam>{1, 8, 9}));
+    v.SetRange(2, Vec<TypeParam>({7, 8, 9}), 2, 3);
+    EXPECT_EQ(Values(v), (W{1, 8, 9}));
     EXPECT_EQ(v.GetNumMisVal(), 0);
     EXPECT_THROW(v.SetRange(3, oneBased, 2), NCInternalError);
     v(2, oneBased, 2);
-    EXPECT_EQ(Values(v), (std::vector<TypeParam>{1, 0, 1}));
+    EXPECT_EQ(Values(v), (W{1, 0, 1}));
     // Copying from the vector's own storage.
     v.CopyZeroBasedVector(v.begin() + 1, 2);
-    EXPECT_EQ(Values(v), (std::vector<TypeParam>{0, 1}));
+    EXPECT_EQ(Values(v), (W{0, 1}));
     EXPECT_THROW(v.CopyZeroBasedVector(nullptr, 2), NCInternalError);
     NCDataVector<TypeParam> deep;
     deep.CopyContent(v);
@@ -380,8 +354,9 @@ TYPED_TEST(VectorTest, BulkCopies)
 
 TYPED_TEST(VectorTest, Preprocessing)
 {
+    using W = std::vector<TypeParam>;
     const TypeParam m = TypeParam(-99);
-    NCDataVector<TypeParam> line{TypeParam(3), TypeParam(5), m, TypeParam(9)};
+    auto line = Vec<TypeParam>({3, 5, -99, 9});
     double intercept = 0, slope = 0;
     line.DetrendLinear(intercept, slope);
     EXPECT_NEAR(intercept, 1.0, 1e-12);
@@ -390,26 +365,23 @@ TYPED_TEST(VectorTest, Preprocessing)
         EXPECT_NEAR(line[i], 0.0, 1e-6);
     EXPECT_EQ(line[3], m);
 
-    NCDataVector<TypeParam> s{TypeParam(1), TypeParam(2), TypeParam(3), m};
+    auto s = Vec<TypeParam>({1, 2, 3, -99});
     s.SNV();
     EXPECT_NEAR(s.GetMean(), 0.0, 1e-7);
     EXPECT_NEAR(s.GetStdDev(), 1.0, 1e-6);
     EXPECT_EQ(s.GetNumMisVal(), 1);
-    NCDataVector<TypeParam> flat(3, TypeParam(4));
-    flat.SNV();
-    EXPECT_EQ(Values(flat), (std::vector<TypeParam>{0, 0, 0}));
+    EXPECT_EQ(After(NCDataVector<TypeParam>(3, TypeParam(4)), [](auto& f) { f.SNV(); }), (W{0, 0, 0}));
 
-    NCDataVector<TypeParam> n{TypeParam(3), m, TypeParam(4)};
+    auto n = Vec<TypeParam>({3, -99, 4});
     EXPECT_DOUBLE_EQ(n.Normalize(), 5.0);
     EXPECT_NEAR(n.GetSS(), 1.0, 1e-7);
-    NCDataVector<TypeParam> zero(2, TypeParam(0));
-    EXPECT_EQ(zero.Normalize(), 0.0);
+    EXPECT_EQ(NCDataVector<TypeParam>(2, TypeParam(0)).Normalize(), 0.0);
 
-    NCDataVector<TypeParam> lag{TypeParam(1), TypeParam(2), TypeParam(3)};
+    auto lag = Vec<TypeParam>({1, 2, 3});
     lag.Lag(1);
-    EXPECT_EQ(Values(lag), (std::vector<TypeParam>{m, 1, 2}));
+    EXPECT_EQ(Values(lag), (W{m, 1, 2}));
     lag.Lag(-2);
-    EXPECT_EQ(Values(lag), (std::vector<TypeParam>{2, m, m}));
+    EXPECT_EQ(Values(lag), (W{2, m, m}));
     lag.Lag(5);
     EXPECT_EQ(lag.GetNumMisVal(), 3);
 }
@@ -417,14 +389,14 @@ TYPED_TEST(VectorTest, Preprocessing)
 TYPED_TEST(VectorTest, InterpolateMissingValues)
 {
     const TypeParam m = TypeParam(-99);
-    NCDataVector<TypeParam> v{m, TypeParam(2), m, m, TypeParam(8), m};
+    auto v = Vec<TypeParam>({-99, 2, -99, -99, 8, -99});
     v.InterpolateMisVals(nullptr);
     EXPECT_EQ(Values(v), (std::vector<TypeParam>{2, 2, 4, 6, 8, 8}));
     EXPECT_EQ(v.GetNumMisVal(), 0);
 
     // Uneven positions, one of them unknown.
-    NCDataVector<TypeParam> y{TypeParam(0), m, m, TypeParam(10)};
-    const NCDataVector<TypeParam> x{TypeParam(0), TypeParam(1), m, TypeParam(10)};
+    auto y = Vec<TypeParam>({0, -99, -99, 10});
+    const auto x = Vec<TypeParam>({0, 1, -99, 10});
     y.InterpolateMisVals(&x);
     EXPECT_NEAR(y[2], 1.0, 1e-6);
     EXPECT_EQ(y[3], m);
@@ -439,21 +411,19 @@ TYPED_TEST(VectorTest, InterpolateMissingValues)
 TYPED_TEST(VectorTest, LowerBoundWithMissingLast)
 {
     const TypeParam m = TypeParam(-99);
-    const std::vector<TypeParam> up{1, 3, 3, 7, m, m};
-    const auto find = [](const std::vector<TypeParam>& r, TypeParam value, bool ascending) {
-        return NCDataVector<TypeParam>::lower_bound_missing_last(r.data(), r.data() + r.size(), value, ascending) -
-               r.data();
-    };
-    EXPECT_EQ(find(up, 3, true), 1);
-    EXPECT_EQ(find(up, 4, true), 3);
-    EXPECT_EQ(find(up, 8, true), 4);
-    EXPECT_EQ(find(up, 0, true), 0);
-    EXPECT_EQ(find(up, m, true), 4);
-    const std::vector<TypeParam> down{7, 3, 1, m};
-    EXPECT_EQ(find(down, 3, false), 1);
-    EXPECT_EQ(find(down, 2, false), 2);
-    EXPECT_EQ(find(down, -5, false), 3);
-    EXPECT_EQ(find(down, m, false), 3);
+    const std::vector<TypeParam> up{1, 3, 3, 7, m, m}, down{7, 3, 1, m};
+    const struct {
+        const std::vector<TypeParam>& range;
+        TypeParam value;
+        bool ascending;
+        long at;
+    } cases[] = {{up, 3, true, 1},    {up, 4, true, 3},    {up, 8, true, 4},    {up, 0, true, 0}, {up, m, true, 4},
+                 {down, 3, false, 1}, {down, 2, false, 2}, {down, -5, false, 3}, {down, m, false, 3}};
+    for (const auto& c : cases) {
+        const TypeParam* first = c.range.data();
+        const auto found = NCDataVector<TypeParam>::lower_bound_missing_last(first, first + c.range.size(), c.value, c.ascending);
+        EXPECT_EQ(found - first, c.at) << c.value << (c.ascending ? " ascending" : " descending");
+    }
 }
 
 } // namespace
