@@ -102,8 +102,9 @@ TYPED_TEST(SVDTest, MatchesNumpyAndDecomposesLargerMatrices)
             EXPECT_NEAR((*svd->GetW())[k], c.w[k - 1], 10 * Tol<T> * c.w[0]) << c.name << " w" << k;
         if (c.pinv)
             ExpectMatrix(svd->GetInverse(T(-99)).get(), c.cols, c.rows, c.pinv, 200 * Tol<T>);
-        if (c.a == Square)
+        if (c.a == Square) {
             EXPECT_NEAR(svd->GetLogDeterminant(), SquareLog10DetAtA, 100 * Tol<T>);
+        }
     }
 
     // From 16 columns on the kernel divides and conquers instead of rotating.
