@@ -56,7 +56,7 @@ TYPED_TEST(VectorStream, RoundTripKeepsValuesCountAndAlignment)
         EXPECT_TRUE(copy == original);
         EXPECT_EQ(copy.GetNumMisVal(), original.GetNumMisVal());
         EXPECT_EQ(copy.Capacity(), copy.Size());
-        EXPECT_TRUE(copy.empty() || reinterpret_cast<std::uintptr_t>(copy.begin()) % 16 == 0);
+        EXPECT_TRUE(copy.empty() || reinterpret_cast<std::uintptr_t>(copy.begin()) % 32 == 0);
         // The loaded vector is an ordinary, writable one.
         copy.push_back(m);
         EXPECT_EQ(copy.GetNumMisVal(), original.GetNumMisVal() + 1);

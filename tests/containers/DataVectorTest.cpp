@@ -33,7 +33,7 @@ int Recount(const NCDataVector<T>& v)
 template <class T>
 bool Aligned(const NCDataVector<T>& v)
 {
-    return v.empty() || reinterpret_cast<std::uintptr_t>(v.begin()) % 16 == 0;
+    return v.empty() || reinterpret_cast<std::uintptr_t>(v.begin()) % 32 == 0;
 }
 
 template <class T>

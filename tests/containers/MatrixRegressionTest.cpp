@@ -100,6 +100,32 @@ std::vector<double> RowReference(const Matrix& e, const Vector& p, const IndexLi
     return t;
 }
 
+NCDataMatrix<double> Widened(const Matrix& m)
+{
+    NCDataMatrix<double> d(m.SizeRows(), m.SizeColumns());
+    for (int i = 1; i <= m.SizeRows(); ++i)
+        for (int j = 1; j <= m.SizeColumns(); ++j)
+            d(i, j, m[i][j]);
+    return d;
+}
+
+NCDataVector<double> Widened(const Vector& v)
+{
+    NCDataVector<double> d(v.Size());
+    for (int k = 1; k <= v.Size(); ++k)
+        d(k, v[k]);
+    return d;
+}
+
+// The double kernels have their own vector width and no float partial sums:
+// they must meet the same reference to double precision.
+void ExpectClose(const NCDataVector<double>& got, const std::vector<double>& want)
+{
+    ASSERT_EQ(got.Size(), int(want.size()));
+    for (int k = 1; k <= got.Size(); ++k)
+        EXPECT_NEAR(got[k], want[k - 1], 1e-12 * (1 + std::fabs(want[k - 1]))) << k;
+}
+
 struct Case {
     int rows, cols;
     double cellMissing, vectorMissing;
@@ -128,6 +154,9 @@ TEST_P(NipalsRegression, AgreesWithPlainReference)
         SCOPED_TRACE(g ? "group 1 excluded" : "no exclusion");
         ExpectClose(e.SpecialNipalsRegressColumnsFix(t, g, 1), ColumnReference(e, t, g, 1));
         ExpectClose(e.SpecialNipalsRegressRowsFix(p, g, 1), RowReference(e, p, g, 1));
+        const NCDataMatrix<double> wide = Widened(e);
+        ExpectClose(wide.SpecialNipalsRegressColumnsFix(Widened(t), g, 1), ColumnReference(e, t, g, 1));
+        ExpectClose(wide.SpecialNipalsRegressRowsFix(Widened(p), g, 1), RowReference(e, p, g, 1));
     }
 
     Vector into(5, 1.0f);

@@ -14,9 +14,68 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
 #include <vector>
 
 namespace {
+
+// The masked and dot-product kernels are written with explicit 32-byte
+// vectors (GCC vector extensions; the baseline clone splits each into two
+// SSE operations): for loops that select per cell or keep several sums,
+// GCC's own vectorisation produced blends, spills or one serial chain. The helpers are always inlined into the
+// clones, so the vector arguments never cross a call and the ABI warning
+// about passing them is moot.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wpsabi"
+using FloatVec = float __attribute__((vector_size(32)));
+using DoubleVec = double __attribute__((vector_size(32)));
+
+template <class T>
+struct Simd;
+
+template <>
+struct Simd<float> {
+    using Vec = FloatVec;
+    static constexpr int Width = 8;
+    // Adds v into two double vectors.
+    static inline __attribute__((always_inline)) void Widen(DoubleVec* total, Vec v)
+    {
+        total[0] += __builtin_convertvector(__builtin_shufflevector(v, v, 0, 1, 2, 3), DoubleVec);
+        total[1] += __builtin_convertvector(__builtin_shufflevector(v, v, 4, 5, 6, 7), DoubleVec);
+    }
+};
+
+template <>
+struct Simd<double> {
+    using Vec = DoubleVec;
+    static constexpr int Width = 4;
+    static inline __attribute__((always_inline)) void Widen(DoubleVec* total, Vec v) { total[0] += v; }
+};
+
+template <class V>
+inline __attribute__((always_inline)) V LoadVec(const void* p)
+{
+    V v;
+    std::memcpy(&v, p, sizeof(V));
+    return v;
+}
+
+inline __attribute__((always_inline)) double SumLanes(const DoubleVec* total, int count)
+{
+    double sum = 0.0;
+    for (int k = 0; k < count; ++k)
+        sum += total[k][0] + total[k][1] + total[k][2] + total[k][3];
+    return sum;
+}
+
+template <class V>
+inline __attribute__((always_inline)) void StoreVec(void* p, const V& v)
+{
+    std::memcpy(p, &v, sizeof(V));
+}
 
 // s12[j] += x[j] * t for a complete row, into partial sums of the element
 // type (see FlushEvery). One row at a time: bands of rows read together
@@ -33,20 +92,27 @@ VELTAN_SIMD_CLONES void AccumulateComplete(T* __restrict s12, const T* __restric
 // they would have contributed to the used squares is gathered apart in
 // gapSquares[j] (t^2 where x[j] is missing): the used squares of a column
 // are then t't minus that, a select per cell instead of a mask on every
-// sum. The sums are restrict-qualified: as two arrays of one type they
-// could alias, and GCC would store and reload both in every iteration.
+// sum.
 template <class T>
 VELTAN_SIMD_CLONES void AccumulateMasked(T* __restrict s12, T* __restrict gapSquares, const T* __restrict x, T t,
                                          int n)
 {
-    const T q = t * t;
-#pragma omp simd
-    for (int j = 1; j <= n; ++j) {
-        const bool m = IsMisVal(x[j]);
-        const T present = m ? T(0) : x[j];
-        const T gap = m ? q : T(0);
-        s12[j] += present * t;
-        gapSquares[j] += gap;
+    using V = typename Simd<T>::Vec;
+    constexpr int W = Simd<T>::Width;
+    const V missing = V{} + NCMisVal<T>;
+    const V tv = V{} + t;
+    const V qv = tv * tv;
+    int j = 1;
+    for (; j + W - 1 <= n; j += W) {
+        const V xv = LoadVec<V>(x + j);
+        const auto mx = xv == missing;
+        StoreVec(s12 + j, LoadVec<V>(s12 + j) + (mx ? V{} : xv) * tv);
+        StoreVec(gapSquares + j, LoadVec<V>(gapSquares + j) + (mx ? qv : V{}));
+    }
+    for (; j <= n; ++j) {
+        const bool mx = IsMisVal(x[j]);
+        s12[j] += (mx ? T(0) : x[j]) * t;
+        gapSquares[j] += mx ? t * t : T(0);
     }
 }
 
@@ -67,13 +133,80 @@ VELTAN_SIMD_CLONES void Flush(double* __restrict total, T* __restrict partial, i
 // a float over eight terms.
 constexpr int FlushEvery = 8;
 
+// A zeroed 1-based array of n + 1 elements whose element 1 starts a cache
+// line. The sums are read and written in full vectors once per cell of the
+// matrix: at the 4-byte offset a std::vector would give, half of those
+// stores would straddle two lines.
+template <class T>
+class LineAligned
+{
+public:
+    explicit LineAligned(int n)
+    {
+        // One line in front (element 0 and padding), n elements, and the
+        // rest rounded up to whole lines as aligned_alloc requires.
+        constexpr std::size_t perLine = 64 / sizeof(T);
+        const std::size_t elements = (perLine + static_cast<std::size_t>(n) + 2 * perLine - 1) / perLine * perLine;
+        m_block.reset(static_cast<T*>(std::aligned_alloc(64, elements * sizeof(T))));
+        if (!m_block)
+            throw std::bad_alloc();
+        std::fill_n(m_block.get(), elements, T(0));
+    }
+    T* data() { return m_block.get() + 64 / sizeof(T) - 1; }
+
+private:
+    struct Free {
+        void operator()(T* p) const { std::free(p); }
+    };
+    std::unique_ptr<T, Free> m_block;
+};
+
+// Rows are separate blocks, so the hardware prefetcher loses the stream at
+// each row's start; asking for the row two ahead while this one is summed
+// measured a fifth faster with missing cells and no slower without.
+constexpr int PrefetchAhead = 2;
+
+template <class T>
+inline void PrefetchRow(const T* x, int n)
+{
+    const char* begin = reinterpret_cast<const char*>(x + 1);
+    const char* end = reinterpret_cast<const char*>(x + 1 + n);
+    for (const char* a = begin; a < end; a += 64)
+        __builtin_prefetch(a, 0, 3);
+}
+
+// The row projection's dot products keep two vectors of independent partial
+// sums in the element type: one running sum would make every addition wait
+// for the one before, and the loop would be bound by that latency rather
+// than by reading the row. Every FlushEvery blocks the partial sums are
+// widened into double sums, so no float sum runs over more than eight terms.
+
 // Sum of x[j] * p[j] over the columns.
 template <class T>
-VELTAN_SIMD_CLONES double DotComplete(const T* x, const T* p, int n)
+VELTAN_SIMD_CLONES double DotComplete(const T* __restrict x, const T* __restrict p, int n)
 {
-    double sum = 0.0;
-#pragma omp simd reduction(+ : sum)
-    for (int j = 1; j <= n; ++j)
+    using S = Simd<T>;
+    using V = typename S::Vec;
+    constexpr int W = S::Width;
+    constexpr int Wide = 2 * (W / 4); // double vectors per element vector, times two
+    V a = {}, b = {};
+    DoubleVec total[Wide] = {};
+    int j = 1;
+    int blocks = 0;
+    for (; j + 2 * W - 1 <= n; j += 2 * W) {
+        a += LoadVec<V>(x + j) * LoadVec<V>(p + j);
+        b += LoadVec<V>(x + j + W) * LoadVec<V>(p + j + W);
+        if (++blocks == FlushEvery) {
+            S::Widen(total, a);
+            S::Widen(total + Wide / 2, b);
+            a = b = V{};
+            blocks = 0;
+        }
+    }
+    S::Widen(total, a);
+    S::Widen(total + Wide / 2, b);
+    double sum = SumLanes(total, Wide);
+    for (; j <= n; ++j)
         sum += x[j] * p[j];
     return sum;
 }
@@ -81,16 +214,46 @@ VELTAN_SIMD_CLONES double DotComplete(const T* x, const T* p, int n)
 // The same over a row with missing cells, against a loading whose missing
 // entries are zero (p) with squares p2 (zero there too). The squares of the
 // loadings that meet a missing cell are gathered apart. Selecting between
-// constants rather than between loads keeps the loads unconditional.
+// values already loaded keeps the loads unconditional.
 template <class T>
-VELTAN_SIMD_CLONES double DotMasked(const T* x, const T* p, const T* p2, int n, double& gapSquares)
+VELTAN_SIMD_CLONES double DotMasked(const T* __restrict x, const T* __restrict p, const T* __restrict p2, int n,
+                                    double& gapSquares)
 {
-    double sum = 0.0, squares = 0.0;
-#pragma omp simd reduction(+ : sum, squares)
-    for (int j = 1; j <= n; ++j) {
-        const T gap = IsMisVal(x[j]) ? T(1) : T(0);
-        sum += (x[j] * p[j]) * (T(1) - gap);
-        squares += gap * p2[j];
+    using S = Simd<T>;
+    using V = typename S::Vec;
+    constexpr int W = S::Width;
+    constexpr int Wide = 2 * (W / 4);
+    const V missing = V{} + NCMisVal<T>;
+    V a = {}, b = {}, ga = {}, gb = {};
+    DoubleVec total[Wide] = {}, gapTotal[Wide] = {};
+    int j = 1;
+    int blocks = 0;
+    for (; j + 2 * W - 1 <= n; j += 2 * W) {
+        const V xa = LoadVec<V>(x + j), xb = LoadVec<V>(x + j + W);
+        const auto ma = xa == missing, mb = xb == missing;
+        a += (ma ? V{} : xa) * LoadVec<V>(p + j);
+        b += (mb ? V{} : xb) * LoadVec<V>(p + j + W);
+        ga += ma ? LoadVec<V>(p2 + j) : V{};
+        gb += mb ? LoadVec<V>(p2 + j + W) : V{};
+        if (++blocks == FlushEvery) {
+            S::Widen(total, a);
+            S::Widen(total + Wide / 2, b);
+            S::Widen(gapTotal, ga);
+            S::Widen(gapTotal + Wide / 2, gb);
+            a = b = ga = gb = V{};
+            blocks = 0;
+        }
+    }
+    S::Widen(total, a);
+    S::Widen(total + Wide / 2, b);
+    S::Widen(gapTotal, ga);
+    S::Widen(gapTotal + Wide / 2, gb);
+    double sum = SumLanes(total, Wide);
+    double squares = SumLanes(gapTotal, Wide);
+    for (; j <= n; ++j) {
+        const bool gap = IsMisVal(x[j]);
+        sum += (gap ? T(0) : x[j]) * p[j];
+        squares += gap ? p2[j] : T(0);
     }
     gapSquares = squares;
     return sum;
@@ -133,6 +296,8 @@ VELTAN_SIMD_CLONES void AccumulateSquares(double* ss, const T* x, int n)
     }
 }
 
+#pragma GCC diagnostic pop
+
 } // namespace
 
 // ------------------------------------------------------ NIPALS regressions
@@ -170,13 +335,15 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
 
 #pragma omp parallel reduction(+ : tt, rowsUsed)
     {
-        std::vector<double> my12(static_cast<std::size_t>(n) + 1, 0.0);
-        std::vector<double> mySquares(masked ? static_cast<std::size_t>(n) + 1 : 0, 0.0);
-        std::vector<T> part12(static_cast<std::size_t>(n) + 1, T(0));
-        std::vector<T> partSquares(masked ? static_cast<std::size_t>(n) + 1 : 0, T(0));
+        LineAligned<double> my12(n);
+        LineAligned<double> mySquares(masked ? n : 0);
+        LineAligned<T> part12(n);
+        LineAligned<T> partSquares(masked ? n : 0);
         int pending = 0;
 #pragma omp for schedule(static) nowait
         for (int i = 1; i <= rows; ++i) {
+            if (i + PrefetchAhead <= rows)
+                PrefetchRow(rowArray[i + PrefetchAhead].GetVector(), n);
             const T ti = tv[i];
             if (IsMisVal(ti))
                 continue;
@@ -200,9 +367,10 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
 #pragma omp critical(NCDataMatrix_NipalsColumns)
         {
             for (int j = 1; j <= n; ++j)
-                s12[j] += my12[j];
-            for (std::size_t j = 1; j < mySquares.size(); ++j)
-                gapSquares[j] += mySquares[j];
+                s12[j] += my12.data()[j];
+            if (masked)
+                for (int j = 1; j <= n; ++j)
+                    gapSquares[j] += mySquares.data()[j];
         }
     }
 
@@ -292,6 +460,8 @@ void NCDataMatrix<T>::SpecialNipalsRegressRowsFixImpl(const Vector& p, const Ind
     int missing = 0;
 #pragma omp parallel for schedule(static) reduction(+ : missing)
     for (int i = 1; i <= m_rows; ++i) {
+        if (i + PrefetchAhead <= m_rows)
+            PrefetchRow(rowArray[i + PrefetchAhead].GetVector(), n);
         const Vector& row = rowArray[i];
         const T* x = row.GetVector();
         double sum = 0.0, d = pp;

@@ -23,8 +23,8 @@ class NCVecOpResultProxy;
 // of them is written; the sharing is reference-counted under a spin lock, so
 // copies of one vector may be read and written on different threads (two
 // threads must never write the same vector object). Element 1 sits on a
-// 16-byte boundary and the block has room past the end, so loops may run on
-// aligned groups of four floats or two doubles.
+// 32-byte boundary and the block has room past the end, so loops may run on
+// aligned groups of eight floats or four doubles.
 //
 // Statistics skip missing elements, accumulate in double and return -99 where
 // no result is defined. Every statistic returning double has an F-suffixed
@@ -301,7 +301,7 @@ private:
     template <class>
     friend class NCDataMatrix;
 
-    // Allocates room for n elements with element 1 on a 16-byte boundary;
+    // Allocates room for n elements with element 1 on a 32-byte boundary;
     // returns the 1-based data pointer and the offset from the block start.
     static T* NewVec(int n, int& offset);
     static void FreeVec(T* data, int offset);
