@@ -100,7 +100,8 @@ public:
     // Row data pointers for kernels that write cells directly: slot i (1..r)
     // is row i's 1-based data pointer, slot 0 is null. The rows are unlinked
     // from copies first. Whoever writes through them must call
-    // RecountMissing() before the matrix is used again.
+    // RecountMissing() before the matrix is used again, unless no cell
+    // changed between missing and present.
     std::vector<T*> GetMatrixAsPointerPointer();
     // Rebuilds every count from the cells.
     void RecountMissing();
