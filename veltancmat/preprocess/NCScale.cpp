@@ -79,19 +79,20 @@ VELTAN_SIMD_CLONES void AddPresent(double* __restrict sum, const float* __restri
 
 // ss[j] += d^2 with d = x[j] - c[j] rounded to float, the value centring
 // will store, over the cells that are present before and after centring.
-// Returns how many present cells centring turns into -99.
+// Returns how many present cells centring turns into -99. (The selects are
+// between floats and the count is taken from a float: bool terms in the
+// reduction keep GCC from vectorising the loop.)
 VELTAN_SIMD_CLONES int AddCentredSquares(double* __restrict ss, const float* __restrict x, const float* __restrict c,
                                          int n)
 {
     int landed = 0;
 #pragma omp simd reduction(+ : landed)
     for (int j = 1; j <= n; ++j) {
-        const float d = x[j] - c[j];
-        const bool present = !IsMisVal(x[j]);
-        const bool lands = present && IsMisVal(d);
-        const double kept = (present && !lands) ? static_cast<double>(d) : 0.0;
-        ss[j] += kept * kept;
-        landed += lands ? 1 : 0;
+        const float v = x[j];
+        const float d = IsMisVal(v) ? 0.0f : v - c[j];
+        const float kept = IsMisVal(d) ? 0.0f : d;
+        ss[j] += static_cast<double>(kept) * kept;
+        landed += IsMisVal(d) ? 1 : 0;
     }
     return landed;
 }
@@ -99,21 +100,21 @@ VELTAN_SIMD_CLONES int AddCentredSquares(double* __restrict ss, const float* __r
 // x[j] = (x[j] - c[j]) * f[j] for the present cells, rounding after each
 // step; a cell that the subtraction makes -99 is missing from then on and
 // not multiplied. A missing centre is passed as 0 and a missing factor as
-// 1, which leave the value exactly as it is. Returns how many present cells
-// became -99.
+// 1, which leave the value exactly as it is. Returns the row's missing
+// cells afterwards.
 VELTAN_SIMD_CLONES int ApplyModel(float* __restrict x, const float* __restrict c, const float* __restrict f, int n)
 {
-    int landed = 0;
-#pragma omp simd reduction(+ : landed)
+    int missing = 0;
+#pragma omp simd reduction(+ : missing)
     for (int j = 1; j <= n; ++j) {
         const float v = x[j];
         const float d = v - c[j];
-        const float y = IsMisVal(d) ? d : d * f[j];
-        const bool present = !IsMisVal(v);
-        x[j] = present ? y : v;
-        landed += (present && IsMisVal(y)) ? 1 : 0;
+        const float y = d * (IsMisVal(d) ? 1.0f : f[j]);
+        const float out = IsMisVal(v) ? v : y;
+        x[j] = out;
+        missing += IsMisVal(out) ? 1 : 0;
     }
-    return landed;
+    return missing;
 }
 
 // The model's vectors as the kernels take them: missing entries replaced by
@@ -155,13 +156,14 @@ void Apply(NCDataMatrix<float>* m, const std::vector<float>& centre, const std::
     const int n = m->SizeColumns();
     if (rows == 0 || n == 0)
         return;
+    const int before = m->GetNumMisVal();
     std::vector<float*> cells = m->GetMatrixAsPointerPointer();
-    int landed = 0;
-#pragma omp parallel for schedule(static) reduction(+ : landed)
+    int after = 0;
+#pragma omp parallel for schedule(static) reduction(+ : after)
     for (int i = 1; i <= rows; ++i)
-        landed += ApplyModel(cells[i], centre.data(), factor.data(), n);
+        after += ApplyModel(cells[i], centre.data(), factor.data(), n);
     // Cells only ever turn missing here, and rarely: recount only then.
-    if (landed > 0)
+    if (after != before)
         m->RecountMissing();
 }
 
