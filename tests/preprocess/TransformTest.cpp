@@ -1,0 +1,370 @@
+#include "veltancmat/containers/frame/ThreadingControl.h"
+#include "veltancmat/platform/ConfigSection.h"
+#include "veltancmat/preprocess/NCTransform.h"
+
+#include <gtest/gtest.h>
+#include <omp.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+using T = TransformE;
+using Error = NCTransformError::Error;
+using Matrix = NCDataMatrix<float>;
+constexpr float M = -99.0f;
+
+void ExpectCountsExact(const Matrix& m)
+{
+    int total = 0;
+    for (int j = 1; j <= m.SizeColumns(); ++j) {
+        int column = 0;
+        for (int i = 1; i <= m.SizeRows(); ++i)
+            column += IsMisVal(m[i][j]);
+        ASSERT_EQ(m.GetColumnMisVal(j), column) << "column " << j;
+        total += column;
+    }
+    for (int i = 1; i <= m.SizeRows(); ++i)
+        ASSERT_EQ(m[i].GetNumMisVal(), static_cast<int>(std::count(m[i].begin(), m[i].end(), M))) << "row " << i;
+    ASSERT_EQ(m.GetNumMisVal(), total);
+}
+
+// An r x c matrix of uniform values in [lo, hi] with every seventh cell missing.
+Matrix Random(int r, int c, float lo, float hi, unsigned seed)
+{
+    std::mt19937 generator(seed);
+    std::uniform_real_distribution<float> u(lo, hi);
+    Matrix m(r, c);
+    for (int i = 1; i <= r; ++i)
+        for (int j = 1; j <= c; ++j)
+            m(i, j, (i * c + j) % 7 == 0 ? M : u(generator));
+    return m;
+}
+
+float Transformed(const TransformStruct& t, float v, bool forward = true)
+{
+    forward ? t.TransformValue(&v) : t.BackTransformValue(&v);
+    return v;
+}
+
+TEST(Transform, ForwardThenBackReturnsTheInputOverEachDomain)
+{
+    struct Case {
+        TransformStruct t;
+        float lo, hi;
+        double (*reference)(double);
+    };
+    const std::vector<Case> cases = {
+        {TransformStruct(T::Linear, 2, -3), -1e3f, 1e3f, [](double x) { return 2 * x - 3; }},
+        {TransformStruct(T::Log, 0.5f, 2), -3.9f, 1e4f, [](double x) { return std::log10(0.5 * x + 2); }},
+        {TransformStruct(T::NegLog, 2, 1), 0, 500, [](double x) { return -std::log10(2 * x + 1); }},
+        {TransformStruct(T::Logit, -1, 10), -0.99f, 9.99f, [](double x) { return std::log10((x + 1) / (10 - x)); }},
+        {TransformStruct(T::Exponential, 0.5f, -1), -50, 50, [](double x) { return std::exp(0.5 * x - 1); }},
+        {TransformStruct(T::Power, 2, 1, 0.5f), 0, 100, [](double x) { return std::sqrt(2 * x + 1); }},
+        {TransformStruct(T::Power, 1, -1, -3), 1.5f, 20, [](double x) { return std::pow(x - 1, -3); }},
+    };
+    for (const Case& c : cases) {
+        Matrix m = Random(400, 2, c.lo, c.hi, 7);
+        const Matrix original = m;
+        EXPECT_EQ(c.t.TransformColumn(&m, 2), nullptr) << c.t.ToString(true);
+        for (int i = 1; i <= m.SizeRows(); ++i) {
+            const float x = original[i][2];
+            ASSERT_EQ(m[i][1], original[i][1]);
+            if (IsMisVal(x)) {
+                ASSERT_EQ(m[i][2], M);
+                continue;
+            }
+            // Against the formula in long double, and bit for bit against the one-value form.
+            ASSERT_NEAR(m[i][2], c.reference(x), 2e-7 * std::fabs(c.reference(x)) + 1e-30) << c.t.ToString(true) << x;
+            ASSERT_EQ(m[i][2], Transformed(c.t, x));
+        }
+        EXPECT_EQ(c.t.BackTransformColumn(&m, 2), nullptr);
+        for (int i = 1; i <= m.SizeRows(); ++i)
+            ASSERT_NEAR(m[i][2], original[i][2], 2e-5 * std::max(1.0f, std::fabs(original[i][2]))) << c.t.ToString(true);
+        ExpectCountsExact(m);
+    }
+}
+
+TEST(Transform, CellsOutsideTheDomainBecomeMissingWithCode2)
+{
+    const float fmax = std::numeric_limits<float>::max();
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    struct Case {
+        TransformStruct t;
+        bool forward;
+        float in;
+        Error code;
+        float out; // NaN: compare as NaN
+    };
+    const std::vector<Case> cases = {
+        {TransformStruct(T::Log, 1, 0), true, 0, Error::OutOfDomain, M},       // C1*x + C2 = 0
+        {TransformStruct(T::Log, 2, 1), true, -0.75f, Error::OutOfDomain, M},  // C1*x + C2 < 0
+        {TransformStruct(T::NegLog, 1, 0), true, -1, Error::OutOfDomain, M},
+        {TransformStruct(T::Log, 1, 0), true, nan, Error::OutOfDomain, M},     // NaN is a value, not missing
+        {TransformStruct(T::Logit, 0, 10), true, 10, Error::OutOfDomain, M},   // x == C2
+        {TransformStruct(T::Logit, 0, 10), true, 0, Error::OutOfDomain, M},    // x == C1: log10(0)
+        {TransformStruct(T::Logit, 0, 10), true, 11, Error::OutOfDomain, M},
+        {TransformStruct(T::Power, 1, 0, 0.5f), true, -4, Error::OutOfDomain, M},
+        {TransformStruct(T::Power, 1, 0, -1), true, 0, Error::OutOfDomain, M},
+        {TransformStruct(T::Exponential, 1, 0), true, 89, Error::OutOfDomain, M},  // e^89 > float max
+        {TransformStruct(T::Exponential, 1, 0), true, 88, Error::Success, static_cast<float>(std::exp(88.0))},
+        {TransformStruct(T::Linear, 1e30f, 0), true, 1e30f, Error::Success, std::numeric_limits<float>::infinity()},
+        {TransformStruct(T::Linear, 1, -100), true, 1, Error::Success, M},     // a result of -99 reads as missing
+        {TransformStruct(T::Linear, 1, 0), true, nan, Error::Success, nan},
+        {TransformStruct(T::Log, 5, 0), true, M, Error::Success, M},           // missing stays missing
+        {TransformStruct(static_cast<T::Transform>(8), 5, 1), true, 3, Error::Success, 3},
+        {TransformStruct(T::Log, 1, 0), false, 2, Error::Success, 100},
+        {TransformStruct(T::NegLog, 1, 0), false, 2, Error::Success, 0.01f},
+        {TransformStruct(T::Log, 0, 0), false, 2, Error::OutOfDomain, M},      // C1 = 0
+        {TransformStruct(T::Log, 1, 0), false, 39, Error::OutOfDomain, M},     // 1e39 is no float
+        {TransformStruct(T::Logit, 0, 10), false, 400, Error::OutOfDomain, M}, // 10^400 is not finite
+        {TransformStruct(T::Exponential, 1, 0), false, -1, Error::OutOfDomain, M},
+        {TransformStruct(T::Exponential, 1, 0), false, 0, Error::OutOfDomain, M},
+        {TransformStruct(T::Power, 0, 0, 2), false, 4, Error::OutOfDomain, M},
+        {TransformStruct(T::Linear, 1e-30f, 0), false, fmax, Error::OutOfDomain, M}, // range-checked back
+        {TransformStruct(T::Linear, 0, 3), false, 5, Error::OutOfDomain, 5},   // C1 = 0 leaves the value
+    };
+    for (const Case& c : cases) {
+        float v = c.in;
+        EXPECT_EQ(c.forward ? c.t.TransformValue(&v) : c.t.BackTransformValue(&v), c.code) << c.t.ToString(true) << " " << c.in;
+        EXPECT_TRUE(std::isnan(c.out) ? std::isnan(v) : v == c.out) << c.t.ToString(true) << " " << c.in << " -> " << v;
+        // The column form agrees, records the failure and keeps the counts.
+        Matrix m(3, 1, M);
+        m(2, 1, c.in);
+        const auto errors = c.forward ? c.t.TransformColumn(&m, 1) : c.t.BackTransformColumn(&m, 1);
+        EXPECT_TRUE(std::isnan(v) ? std::isnan(m[2][1]) : m[2][1] == v);
+        EXPECT_EQ(errors ? errors->GetErrors() : std::vector<NCTransformErrors::Record>{},
+                  (c.code == Error::Success ? std::vector<NCTransformErrors::Record>{}
+                                            : std::vector<NCTransformErrors::Record>{{2, 1, c.code, c.forward}}));
+        ExpectCountsExact(m);
+    }
+    Matrix m(2, 2);
+    EXPECT_THROW(TransformStruct(T::Log).TransformColumn(&m, 3), NCInternalError);
+    EXPECT_THROW(TransformStruct(T::Log).BackTransformColumn(nullptr, 1), NCInternalError);
+}
+
+// 2000 x 70 logarithms, enough for the parallel paths and three column tiles.
+// Cells planted in columns 38, 40 and 66 cannot be transformed; column 40
+// fails at a higher row than column 38, so the break must go by column.
+struct PlantedMatrix {
+    NCTransform transform{70};
+    Matrix m = Random(2000, 70, 0.5f, 1000, 3);
+    PlantedMatrix()
+    {
+        for (int j = 1; j <= 70; ++j)
+            transform[j] = TransformStruct(j % 3 ? T::Log : T::Power, 1, 0, 1.5f);
+        m(1900, 38, -5);
+        m(3, 40, -1);
+        m(4, 40, 0);
+        m(1, 66, -2);
+    }
+};
+
+TEST(Transform, MatrixStopsAtTheFirstFailingColumnOrTakesAll)
+{
+    // Three threads whatever the machine's load, so that the records of
+    // several threads are gathered.
+    omp_set_dynamic(0);
+    omp_set_num_threads(3);
+    PlantedMatrix p;
+    const Matrix original = p.m;
+    Matrix wide(3, 71, 2.0f);
+    try {
+        p.transform.TransformMatrix(&wide);
+        FAIL() << "no exception";
+    } catch (const NCTransformError& e) {
+        EXPECT_EQ(e.GetError(), Error::WrongSize);
+        EXPECT_EQ(e.GetRow() + e.GetColumn(), 0);
+        EXPECT_STREQ(e.what(), "Matrix is of wrong size.");
+        for (int j = 1; j <= 71; ++j)
+            EXPECT_EQ(wide[3][j] + wide[1][j], 4.0f);
+    }
+    EXPECT_THROW(p.transform.TransformMatrixNoBreak(&wide), NCTransformError);
+
+    try {
+        p.transform.TransformMatrix(&p.m);
+        FAIL() << "no exception";
+    } catch (const NCTransformError& e) {
+        EXPECT_EQ(e.GetRow(), 1900);
+        EXPECT_EQ(e.GetColumn(), 38);
+        EXPECT_EQ(e.GetError(), Error::OutOfDomain);
+        EXPECT_EQ(e.GetLevel(), NCError::Error);
+        EXPECT_STREQ(e.what(), "Value could not be transformed.");
+    }
+    for (int j = 1; j <= 70; ++j)
+        for (int i = 1; i <= 2000; ++i)
+            ASSERT_EQ(p.m[i][j], j <= 38 ? Transformed(p.transform[j], original[i][j]) : original[i][j]) << i << "," << j;
+    ExpectCountsExact(p.m);
+
+    PlantedMatrix q;
+    const auto errors = q.transform.TransformMatrixNoBreak(&q.m);
+    ASSERT_TRUE(errors);
+    const std::vector<NCTransformErrors::Record> expected = {
+        {1900, 38, Error::OutOfDomain, true}, {3, 40, Error::OutOfDomain, true},
+        {4, 40, Error::OutOfDomain, true}, {1, 66, Error::OutOfDomain, true}};
+    EXPECT_EQ(errors->GetErrors(), expected);
+    for (int j = 1; j <= 70; ++j)
+        for (int i = 1; i <= 2000; ++i)
+            ASSERT_EQ(q.m[i][j], Transformed(q.transform[j], original[i][j])) << i << "," << j;
+    ExpectCountsExact(q.m);
+    EXPECT_EQ(q.m.GetNumMisVal(), original.GetNumMisVal() + 4);
+    NCMultiThreading::ThreadingControl::Reset();
+}
+
+TEST(Transform, ListEditing)
+{
+    NCTransform list(5);
+    for (int j = 1; j <= 5; ++j)
+        list[j].SetConstant(1, static_cast<float>(j));
+    list.RemoveValues(2, 2); // 1 4 5
+    list.Remove(NCIntegralVector<int, -99>{3, 0, 3, 9});
+    ASSERT_EQ(list.Size(), 2);
+    EXPECT_EQ(list[2].GetConstant(1), 4.0f);
+    list.SetSize(3);
+    EXPECT_EQ(list[1].GetConstant(1), 1.0f);
+    EXPECT_EQ(list[3], TransformStruct());
+    EXPECT_THROW(list[4], NCInternalError);
+    EXPECT_THROW(list.RemoveValues(3, 2), NCInternalError);
+    EXPECT_THROW(list[1].GetConstant(4), NCInternalError);
+}
+
+TEST(Transform, ErrorListAndItsMessage)
+{
+    NCTransformErrors errors;
+    EXPECT_THROW(errors.GetTransformError(), NCInternalError);
+    for (int k = 1; k <= 100; ++k)
+        errors.AddError(k, 3, Error::OutOfDomain, k != 1);
+    std::unique_ptr<NCTransformError> first(errors.GetTransformError().Clone());
+    EXPECT_EQ(first->GetRow() * 10 + first->GetColumn(), 13);
+    EXPECT_STREQ(first->what(), "Value could not be back-transformed.");
+
+    auto sources = [](const NCTransformErrors& e) {
+        std::vector<std::string> out;
+        const ExceptionMessageList list = e.GetErrorMessage();
+        for (const ExceptionMessage& m : list.messages())
+            out.push_back(m.source() + "|" + (m.arguments().empty() ? "" : m.arguments().front()));
+        return out;
+    };
+    std::vector<std::string> hundred = sources(errors);
+    ASSERT_EQ(hundred.size(), 302u);
+    EXPECT_EQ(hundred[0], "Unable to transform all values. The matrix might be partly transformed.\n|");
+    EXPECT_EQ(hundred[1], "\n\n|");
+    EXPECT_EQ(hundred[2] + hundred[3] + hundred[4], "row:{1}, column:{2} |1Value could not be back-transformed.|\n|");
+    EXPECT_EQ(hundred[301 - 2] + hundred[301 - 1] + hundred[301], "row:{1}, column:{2} |100Value could not be transformed.|\n|");
+    EXPECT_EQ(errors.GetErrorMessage().messages()[299].arguments().back(), "3");
+
+    errors.AddError(101, 4, Error::OutOfDomain, true);
+    const ExceptionMessageList list = errors.GetErrorMessage();
+    ASSERT_EQ(list.messages().size(), 303u);
+    EXPECT_EQ(list.messages().back().context(), "At the end of a list of errors. {1} is the number of errors that we don't list");
+    EXPECT_EQ(list.messages().back().str(), "\n(1 more errors)\n");
+
+    errors.AppendErrors(errors);
+    EXPECT_EQ(errors.Size(), 202);
+    EXPECT_EQ(errors.GetErrors()[101], errors.GetErrors()[0]);
+}
+
+TEST(Transform, NamesOrderTextsAndSettings)
+{
+    EXPECT_EQ(T::GetTransformName(T::Log), "Log");
+    EXPECT_EQ(T::GetTransformName(static_cast<T::Transform>(0)), "None");
+    EXPECT_STREQ(T::GetFormula(T::Power), "y = (C1*x + C2)^C3");
+    EXPECT_EQ(TransformStruct(T::Log, 2, 0.5f).ToString(true), "Log (C1=2, C2=0.5)");
+    EXPECT_EQ(TransformStruct(T::Power, 1, 0, 0.1f).ToString(true), "Power (C1=1, C2=0, C3=0.1)");
+    EXPECT_EQ(TransformStruct(T::Power, 1, 0, 0.1f).ToString(false), "Power");
+
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    std::vector<TransformStruct> list = {TransformStruct(T::Log, nan), TransformStruct(T::Log, 1, 2),
+                                         TransformStruct(T::Linear, 5), TransformStruct(T::Log, -0.0f, 2),
+                                         TransformStruct(T::Log, nan), TransformStruct(T::Log, 0.0f, 2)};
+    std::sort(list.begin(), list.end());
+    EXPECT_EQ(list[0].GetTransform(), T::Linear);
+    EXPECT_EQ(list[1], list[2]); // 0 and -0
+    EXPECT_EQ(list[4], list[5]); // NaN last, NaNs equal
+    EXPECT_TRUE(std::isnan(list[5].GetConstant(1)));
+    EXPECT_TRUE(list[1] < list[3] && !(list[3] < list[1]) && list[3] != list[4]);
+
+    ConfigSection section("Column 1");
+    const TransformStruct odd(static_cast<T::Transform>(-7), nan, std::numeric_limits<float>::infinity(), 0.1f);
+    odd.Save(section);
+    TransformStruct read;
+    read.Load(ConfigSection::FromText(section.ToText()));
+    EXPECT_EQ(read, odd);
+    section.SetValue("Constants", "1 2");
+    EXPECT_THROW(read.Load(section), NCError);
+    section.RemoveKey("Constants");
+    EXPECT_THROW(read.Load(section), NCError);
+    EXPECT_EQ(read, odd);
+}
+
+std::string Write(const QvStreamBase& object)
+{
+    std::ostringstream out;
+    EXPECT_TRUE(object.QvStreamableStartWrite(out));
+    object.QvStreamableReset();
+    return out.str();
+}
+
+bool Read(const std::string& bytes, QvStreamBase& object)
+{
+    std::istringstream in(bytes);
+    const bool ok = object.QvStreamableStartRead(in);
+    object.QvStreamableReset();
+    return ok;
+}
+
+// `record` reads back into `fresh`; every truncation and every record in
+// `refused` is refused and leaves `other` as it was.
+template <class O>
+void ExpectRecord(const O& value, std::vector<std::string> refused, O other)
+{
+    const std::string record = Write(value);
+    for (std::size_t n = 0; n < record.size(); ++n)
+        refused.push_back(record.substr(0, n));
+    const O before = other;
+    for (const std::string& bad : refused)
+        ASSERT_TRUE(!Read(bad, other) && other == before) << bad.size();
+    EXPECT_TRUE(Read(record, other) && other == value);
+}
+
+TEST(Transform, RecordsRoundTripAndRefuseOtherVersions)
+{
+    const TransformStruct ts(T::Logit, 0.25f, -3, 1e-30f);
+    const std::string record = Write(ts);
+    // Header 02 "TS" 01 00; two entries: the type, then the constants.
+    const std::string golden = std::string("\x02TS\x01\x00\x02\x00\x00\x00\x04", 10) + std::string(7, '\0') +
+                               std::string("\x05\x00\x00\x00\x01\x00\x0c", 7) + std::string(7, '\0');
+    ASSERT_EQ(record.size(), 45u);
+    EXPECT_EQ(record.substr(0, golden.size()), golden);
+    EXPECT_EQ(record.substr(43), "\xff\xff");
+    std::string v2 = record, v0 = record;
+    v2[3] = 2, v0[3] = 0;
+    ExpectRecord(ts, {v2, v0}, TransformStruct(T::Power, 9, 9, 9));
+
+    NCTransform list(3);
+    list[1] = ts;
+    list[3] = TransformStruct(T::Power, 1, 2, 3);
+    std::string nct = Write(list);
+    EXPECT_EQ(nct.size(), 34u + 3 * 45);
+    std::string n1 = nct, n3 = nct, huge = nct;
+    n1[4] = 1, n3[4] = 3;
+    huge.replace(18, 4, "\xff\xff\xff\x7f");
+    EXPECT_EQ(nct.substr(18, 4), std::string("\x03\x00\x00\x00", 4));
+    ExpectRecord(list, {n1, n3, huge, Write(ts)}, NCTransform(1));
+    ExpectRecord(NCTransform(), {}, NCTransform(2));
+
+    // Written once per save until reset, elements included.
+    std::ostringstream twice;
+    EXPECT_TRUE(list.QvStreamableStartWrite(twice) && list.QvStreamableStartWrite(twice));
+    EXPECT_EQ(twice.str(), nct);
+    list.QvStreamableReset();
+    EXPECT_EQ(Write(list), nct);
+}
+
+} // namespace

@@ -1,0 +1,280 @@
+#include "veltancmat/preprocess/TransformKernel.h"
+
+#include "veltancmat/platform/ExceptionMessage.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <exception>
+
+namespace NCTransformKernel {
+namespace {
+
+using T = TransformE;
+using Error = NCTransformError::Error;
+
+// The matrix is a set of separately allocated rows, so walking down one
+// column touches a new cache line (and often a new page) per cell. The
+// matrix loops therefore take the columns in tiles and the rows in short
+// blocks: all columns of a tile are done on one block of rows while its
+// lines are in the cache. A tile of 32 floats is two cache lines per row.
+constexpr int TileColumns = 32;
+constexpr int RowBlock = 16;
+// Below this many cells a parallel region costs more than it saves.
+constexpr long long ParallelCells = 32768;
+
+template <T::Transform Type, bool Forward>
+void RunCells(const Coefficients& k, float* const* rows, int j, int i0, int i1, std::vector<PendingCell>& pending)
+{
+    for (int i = i0; i < i1; ++i) {
+        float& cell = rows[i][j];
+        if (IsMisVal(cell))
+            continue;
+        const double y = Apply<Type, Forward>(k, cell);
+        if ((Forward && Type == T::Linear) || std::fabs(y) <= FloatLimit) {
+            const float result = static_cast<float>(y);
+            if (!IsMisVal(result)) {
+                cell = result;
+                continue;
+            }
+            pending.push_back({i, j, Error::Success, true});
+        } else {
+            pending.push_back({i, j, Error::OutOfDomain, true});
+        }
+    }
+}
+
+template <bool Forward>
+void RunColumn(const Coefficients& k, float* const* rows, int j, int i0, int i1, std::vector<PendingCell>& pending)
+{
+    switch (k.type) {
+    case T::Linear:
+        if (!Forward && k.c1 == 0.0) {
+            // Deliberately unlike the other failures: the value stays.
+            for (int i = i0; i < i1; ++i)
+                if (!IsMisVal(rows[i][j]))
+                    pending.push_back({i, j, Error::OutOfDomain, false});
+            return;
+        }
+        RunCells<T::Linear, Forward>(k, rows, j, i0, i1, pending);
+        return;
+    case T::Log:
+        RunCells<T::Log, Forward>(k, rows, j, i0, i1, pending);
+        return;
+    case T::NegLog:
+        RunCells<T::NegLog, Forward>(k, rows, j, i0, i1, pending);
+        return;
+    case T::Logit:
+        RunCells<T::Logit, Forward>(k, rows, j, i0, i1, pending);
+        return;
+    case T::Exponential:
+        RunCells<T::Exponential, Forward>(k, rows, j, i0, i1, pending);
+        return;
+    case T::Power:
+        RunCells<T::Power, Forward>(k, rows, j, i0, i1, pending);
+        return;
+    case T::None:
+        return;
+    }
+}
+
+// Runs body(n, thread) for n in [0, count) on the OpenMP threads, statically
+// scheduled. An exception cannot leave a parallel region; the first one is
+// kept and rethrown once all threads are done.
+template <class Body>
+void ParallelFor(int count, bool parallel, Body body)
+{
+    std::exception_ptr failure;
+#pragma omp parallel if (parallel)
+    {
+        const int thread = omp_get_thread_num();
+#pragma omp for schedule(static)
+        for (int n = 0; n < count; ++n) {
+            try {
+                body(n, thread);
+            } catch (...) {
+#pragma omp critical(veltan_transform_failure)
+                if (!failure)
+                    failure = std::current_exception();
+            }
+        }
+    }
+    if (failure)
+        std::rethrow_exception(failure);
+}
+
+// One list per thread that may run, sized before the region opens so that
+// no thread ever has to grow the outer vector.
+std::vector<std::vector<PendingCell>> ThreadLists(bool parallel)
+{
+    return std::vector<std::vector<PendingCell>>(parallel ? static_cast<std::size_t>(omp_get_max_threads()) : 1);
+}
+
+// The threads' lists joined and put in column order, each column top to
+// bottom, whatever the threads' timing was.
+std::vector<PendingCell> Gather(std::vector<std::vector<PendingCell>>& lists)
+{
+    std::vector<PendingCell> all;
+    for (std::vector<PendingCell>& list : lists) {
+        all.insert(all.end(), list.begin(), list.end());
+        list.clear();
+    }
+    std::sort(all.begin(), all.end(), [](const PendingCell& a, const PendingCell& b) {
+        return a.column != b.column ? a.column < b.column : a.row < b.row;
+    });
+    return all;
+}
+
+// Writes the cells the loops left to the element writer and turns the failed
+// ones into records.
+std::unique_ptr<NCTransformErrors> Settle(NCDataMatrix<float>& m, const std::vector<PendingCell>& pending, bool forward)
+{
+    std::unique_ptr<NCTransformErrors> errors;
+    for (const PendingCell& cell : pending) {
+        if (cell.setMissing)
+            m(cell.row, cell.column, fMisVal);
+        if (cell.code != Error::Success) {
+            if (!errors)
+                errors = std::make_unique<NCTransformErrors>();
+            errors->AddError(cell.row, cell.column, cell.code, forward);
+        }
+    }
+    return errors;
+}
+
+bool AnyTransform(const std::vector<Coefficients>& k, int j0, int j1)
+{
+    for (int j = j0; j <= j1; ++j)
+        if (k[j].type != T::None)
+            return true;
+    return false;
+}
+
+// Asks for the tile's cells in rows i0 .. i1-1 ahead of their use: the
+// next block's lines arrive while this block is computed, where the first
+// column of each block would otherwise wait for memory once per row.
+void Prefetch(float* const* rows, int j0, int j1, int i0, int i1)
+{
+    for (int i = i0; i < i1; ++i) {
+        __builtin_prefetch(rows[i] + j0, 1);
+        __builtin_prefetch(rows[i] + std::min(j0 + 16, j1), 1);
+        __builtin_prefetch(rows[i] + j1, 1);
+    }
+}
+
+// Rows i0 .. i1-1 of the tile j0 .. j1, block by block.
+void TransformTile(const std::vector<Coefficients>& k, float* const* rows, int j0, int j1, int i0, int i1,
+                   std::vector<PendingCell>& pending)
+{
+    for (int b = i0; b < i1; b += RowBlock) {
+        const int e = std::min(i1, b + RowBlock);
+        Prefetch(rows, j0, j1, e, std::min(i1, e + RowBlock));
+        for (int j = j0; j <= j1; ++j)
+            RunColumn<true>(k[j], rows, j, b, e, pending);
+    }
+}
+
+} // namespace
+
+NCTransformError::Error TransformValue(const Coefficients& k, bool forward, float* v)
+{
+    // A one-cell matrix whose row 1 starts at the cell: column 0 is the cell.
+    float* const rows[2] = {nullptr, v};
+    std::vector<PendingCell> pending;
+    TransformCells(k, forward, rows, 0, 1, 2, pending);
+    if (pending.empty())
+        return Error::Success;
+    if (pending.front().setMissing)
+        *v = fMisVal;
+    return pending.front().code;
+}
+
+void TransformCells(const Coefficients& k, bool forward, float* const* rows, int j, int i0, int i1,
+                    std::vector<PendingCell>& pending)
+{
+    if (forward)
+        RunColumn<true>(k, rows, j, i0, i1, pending);
+    else
+        RunColumn<false>(k, rows, j, i0, i1, pending);
+}
+
+std::unique_ptr<NCTransformErrors> TransformColumn(const Coefficients& k, NCDataMatrix<float>& m, int j, bool forward)
+{
+    if (k.type == T::None || m.SizeRows() == 0)
+        return nullptr;
+    const std::vector<float*> rows = m.GetMatrixAsPointerPointer();
+    std::vector<PendingCell> pending;
+    TransformCells(k, forward, rows.data(), j, 1, m.SizeRows() + 1, pending);
+    return Settle(m, pending, forward);
+}
+
+std::unique_ptr<NCTransformErrors> TransformMatrixNoBreak(const std::vector<Coefficients>& k, NCDataMatrix<float>& m)
+{
+    const int r = m.SizeRows();
+    const int c = m.SizeColumns();
+    if (r == 0 || !AnyTransform(k, 1, c))
+        return nullptr;
+    const std::vector<float*> rows = m.GetMatrixAsPointerPointer();
+    const int tiles = (c + TileColumns - 1) / TileColumns;
+    const bool parallel = tiles > 1 && static_cast<long long>(r) * c >= ParallelCells;
+    std::vector<std::vector<PendingCell>> lists = ThreadLists(parallel);
+    // Each thread owns whole tiles of columns, so no two threads write the
+    // same cache line of a row, and their failures need no lock.
+    ParallelFor(tiles, parallel, [&](int t, int thread) {
+        const int j0 = 1 + t * TileColumns;
+        TransformTile(k, rows.data(), j0, std::min(c, j0 + TileColumns - 1), 1, r + 1, lists[thread]);
+    });
+    return Settle(m, Gather(lists), true);
+}
+
+void TransformMatrix(const std::vector<Coefficients>& k, NCDataMatrix<float>& m)
+{
+    const int r = m.SizeRows();
+    const int c = m.SizeColumns();
+    if (r == 0 || !AnyTransform(k, 1, c))
+        return;
+    const std::vector<float*> rows = m.GetMatrixAsPointerPointer();
+    const int width = std::min(c, TileColumns);
+    const int blocks = (r + RowBlock - 1) / RowBlock;
+    const bool parallel = blocks > 1 && static_cast<long long>(r) * width >= ParallelCells;
+    std::vector<std::vector<PendingCell>> lists = ThreadLists(parallel);
+    // The tile's cells as they were, row by row, so that the columns after
+    // a failing one can be put back. A column is known to fail only once
+    // the whole tile is done: the blocks run in parallel, and an earlier
+    // column may fail further down than a later one.
+    std::vector<float> saved(static_cast<std::size_t>(r) * static_cast<std::size_t>(width));
+    for (int j0 = 1; j0 <= c; j0 += TileColumns) {
+        const int j1 = std::min(c, j0 + TileColumns - 1);
+        if (!AnyTransform(k, j0, j1))
+            continue;
+        const int w = j1 - j0 + 1;
+        ParallelFor(blocks, parallel, [&](int n, int thread) {
+            const int b = 1 + n * RowBlock;
+            const int e = std::min(r + 1, b + RowBlock);
+            Prefetch(rows.data(), j0, j1, e, std::min(r + 1, e + RowBlock));
+            for (int i = b; i < e; ++i)
+                std::copy(rows[i] + j0, rows[i] + j1 + 1, saved.data() + static_cast<std::size_t>(i - 1) * w);
+            TransformTile(k, rows.data(), j0, j1, b, e, lists[thread]);
+        });
+        std::vector<PendingCell> pending = Gather(lists);
+        const auto failed = std::find_if(pending.begin(), pending.end(),
+                                         [](const PendingCell& cell) { return cell.code != Error::Success; });
+        if (failed == pending.end()) {
+            Settle(m, pending, true);
+            continue;
+        }
+        const int f = failed->column;
+        if (f < j1) {
+            for (int i = 1; i <= r; ++i) {
+                const float* from = saved.data() + static_cast<std::size_t>(i - 1) * w + (f + 1 - j0);
+                std::copy(from, from + (j1 - f), rows[i] + f + 1);
+            }
+        }
+        pending.erase(std::find_if(pending.begin(), pending.end(), [f](const PendingCell& cell) { return cell.column > f; }),
+                      pending.end());
+        throw Settle(m, pending, true)->GetTransformError();
+    }
+}
+
+} // namespace NCTransformKernel
