@@ -352,11 +352,12 @@ TEST(Transform, RecordsRoundTripAndRefuseOtherVersions)
     list[3] = TransformStruct(T::Power, 1, 2, 3);
     std::string nct = Write(list);
     EXPECT_EQ(nct.size(), 34u + 3 * 45);
-    std::string n1 = nct, n3 = nct, huge = nct;
+    std::string n1 = nct, n3 = nct, huge = nct, negative = nct;
     n1[4] = 1, n3[4] = 3;
     huge.replace(18, 4, "\xff\xff\xff\x7f");
+    negative.replace(18, 4, "\xff\xff\xff\xff");
     EXPECT_EQ(nct.substr(18, 4), std::string("\x03\x00\x00\x00", 4));
-    ExpectRecord(list, {n1, n3, huge, Write(ts)}, NCTransform(1));
+    ExpectRecord(list, {n1, n3, huge, negative, Write(ts)}, NCTransform(1));
     ExpectRecord(NCTransform(), {}, NCTransform(2));
 
     // Written once per save until reset, elements included.

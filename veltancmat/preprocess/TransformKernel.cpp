@@ -252,7 +252,6 @@ void TransformMatrix(const std::vector<Coefficients>& k, NCDataMatrix<float>& m)
         ParallelFor(blocks, parallel, [&](int n, int thread) {
             const int b = 1 + n * RowBlock;
             const int e = std::min(r + 1, b + RowBlock);
-            Prefetch(rows.data(), j0, j1, e, std::min(r + 1, e + RowBlock));
             for (int i = b; i < e; ++i)
                 std::copy(rows[i] + j0, rows[i] + j1 + 1, saved.data() + static_cast<std::size_t>(i - 1) * w);
             TransformTile(k, rows.data(), j0, j1, b, e, lists[thread]);
