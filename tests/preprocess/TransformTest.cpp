@@ -232,6 +232,12 @@ TEST(Transform, ListEditing)
     EXPECT_THROW(list[4], NCInternalError);
     EXPECT_THROW(list.RemoveValues(3, 2), NCInternalError);
     EXPECT_THROW(list[1].GetConstant(4), NCInternalError);
+    list.Reduce(NCIntegralVector<int, -99>{2, 2, 1}); // 4 4 1
+    ASSERT_EQ(list.Size(), 3);
+    EXPECT_EQ(list[2].GetConstant(1), 4.0f);
+    EXPECT_EQ(list[3].GetConstant(1), 1.0f);
+    EXPECT_THROW(list.Reduce(NCIntegralVector<int, -99>{4}), NCInternalError);
+    EXPECT_EQ(list.Size(), 3);
 }
 
 TEST(Transform, ErrorListAndItsMessage)

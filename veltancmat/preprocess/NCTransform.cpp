@@ -78,6 +78,18 @@ void NCTransform::Remove(const IndexList& columns)
     m_transforms = std::move(kept);
 }
 
+void NCTransform::Reduce(const IndexList& columns)
+{
+    std::vector<TransformStruct> kept;
+    kept.reserve(static_cast<std::size_t>(columns.Size()));
+    for (const int col : columns) {
+        if (col < 1 || col > Size())
+            throw NCInternalError("NCTransform::Reduce", ExceptionMessage::translate("Index out of range."));
+        kept.push_back(m_transforms[static_cast<std::size_t>(col - 1)]);
+    }
+    m_transforms = std::move(kept);
+}
+
 void NCTransform::CheckMatrix(const NCDataMatrix<float>* m, const char* member) const
 {
     if (!m)

@@ -46,6 +46,8 @@ public:
     // Keeps, in order, the columns whose positions are not listed; entries
     // naming no column are ignored, duplicates are harmless.
     void Remove(const IndexList& columns);
+    // Keeps the listed columns, in list order (a column may be listed twice).
+    void Reduce(const IndexList& columns);
 
     // Transforms every column of m with its transform, in column order, and
     // stops at the first column with a cell that cannot be transformed: that
