@@ -6,6 +6,8 @@
 #include "veltancmat/preprocess/NCScale.h"
 #include "veltancmat/preprocess/NCTransform.h"
 
+#include "MatrixPass.h"
+
 #include <benchmark/benchmark.h>
 #include <omp.h>
 
@@ -42,37 +44,16 @@ NCScale UnitVariance()
     return s;
 }
 
-// A fixed team: the library's dynamic adjustment would shrink it whenever
-// the machine is busy, and the thread counts would mean nothing.
-void Threads(const benchmark::State& state)
-{
-    omp_set_dynamic(0);
-    omp_set_num_threads(static_cast<int>(state.range(0)));
-}
+using BenchMatrix::Threads;
 
 void Finish(benchmark::State& state)
 {
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * Rows * Cols * int64_t(sizeof(float)));
+    BenchMatrix::Finish(state, Rows, Cols);
 }
 
 void BM_PlainPass(benchmark::State& state)
 {
-    Threads(state);
-    const NCDataMatrix<float>& m = Data();
-    for (auto _ : state) {
-        double total = 0.0;
-#pragma omp parallel for schedule(static) reduction(+ : total)
-        for (int i = 1; i <= Rows; ++i) {
-            const float* p = m[i].begin();
-            float s[8] = {};
-            for (int j = 0; j + 8 <= Cols; j += 8)
-                for (int k = 0; k < 8; ++k)
-                    s[k] += p[j + k];
-            total += s[0] + s[1] + s[2] + s[3] + s[4] + s[5] + s[6] + s[7];
-        }
-        benchmark::DoNotOptimize(total);
-    }
-    Finish(state);
+    BenchMatrix::PlainPass(state, Data());
 }
 
 void BM_ScaleNewModel(benchmark::State& state)

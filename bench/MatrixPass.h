@@ -1,0 +1,51 @@
+#pragma once
+
+// Pieces the matrix benchmarks share: a fixed thread team, the matrix bytes
+// each call covers, and the yardstick they are all compared with.
+#include "veltancmat/containers/NCDataMatrix.h"
+
+#include <benchmark/benchmark.h>
+#include <omp.h>
+
+#include <cstdint>
+
+namespace BenchMatrix {
+
+// A fixed team of state.range(0) threads: the library's dynamic adjustment
+// would shrink it whenever the machine is busy, and the thread counts would
+// mean nothing.
+inline void Threads(const benchmark::State& state)
+{
+    omp_set_dynamic(0);
+    omp_set_num_threads(static_cast<int>(state.range(0)));
+}
+
+// Reports the bytes of a rows x cols float matrix once per iteration.
+inline void Finish(benchmark::State& state, int rows, int cols)
+{
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * rows * cols * int64_t(sizeof(float)));
+}
+
+// The yardstick: the simplest float sum over every row of m, split over the
+// threads like the kernels it is compared with.
+inline void PlainPass(benchmark::State& state, const NCDataMatrix<float>& m)
+{
+    Threads(state);
+    const int rows = m.SizeRows(), cols = m.SizeColumns();
+    for (auto _ : state) {
+        double total = 0.0;
+#pragma omp parallel for schedule(static) reduction(+ : total)
+        for (int i = 1; i <= rows; ++i) {
+            const float* p = m[i].begin();
+            float s[8] = {};
+            for (int j = 0; j + 8 <= cols; j += 8)
+                for (int k = 0; k < 8; ++k)
+                    s[k] += p[j + k];
+            total += s[0] + s[1] + s[2] + s[3] + s[4] + s[5] + s[6] + s[7];
+        }
+        benchmark::DoNotOptimize(total);
+    }
+    Finish(state, rows, cols);
+}
+
+} // namespace BenchMatrix
