@@ -7,6 +7,8 @@
 #include "containers/fixtures/MatrixAlgebraReference.inc"
 
 #include <gmock/gmock.h>
+#include "containers/MatrixChecks.h"
+
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -57,20 +59,6 @@ void ExpectNear(const NCDataMatrix<T>& m, const double (&a)[R][C], double tol)
     for (int i = 1; i <= R; ++i)
         for (int j = 1; j <= C; ++j)
             EXPECT_NEAR(m[i][j], a[i - 1][j - 1], tol) << i << "," << j;
-}
-
-template <class T>
-void ExpectCountsExact(const NCDataMatrix<T>& m)
-{
-    const auto missing = [](const NCDataVector<T>& v) { return int(std::count(v.begin(), v.end(), T(-99))); };
-    int total = 0;
-    for (int i = 1; i <= m.SizeRows(); ++i) {
-        EXPECT_EQ(m[i].GetNumMisVal(), missing(m[i])) << "row " << i;
-        total += missing(m[i]);
-    }
-    for (int j = 1; j <= m.SizeColumns(); ++j)
-        EXPECT_EQ(m.GetColumnMisVal(j), missing(m.GetColumn(j))) << "column " << j;
-    EXPECT_EQ(m.GetNumMisVal(), total);
 }
 
 // op(A) * op(B) over the complete pairs, in double; -99 without a pair.

@@ -1,6 +1,8 @@
 #include "veltancmat/containers/NCDataMatrix.h"
 #include "veltancmat/platform/NCError.h"
 
+#include "containers/MatrixChecks.h"
+
 #include <gtest/gtest.h>
 
 #include <random>
@@ -13,27 +15,6 @@ using Vector = NCDataVector<float>;
 using IndexList = NCIntegralVector<int, -99>;
 constexpr float M = -99.0f;
 
-// Every count recomputed from the cells: rows', columns', total.
-template <class T>
-void ExpectCountsExact(const NCDataMatrix<T>& m)
-{
-    int total = 0;
-    for (int j = 1; j <= m.SizeColumns(); ++j) {
-        int column = 0;
-        for (int i = 1; i <= m.SizeRows(); ++i)
-            column += IsMisVal(m[i][j]) ? 1 : 0;
-        ASSERT_EQ(m.GetColumnMisVal(j), column) << "column " << j;
-        total += column;
-    }
-    for (int i = 1; i <= m.SizeRows(); ++i) {
-        int row = 0;
-        for (int j = 1; j <= m.SizeColumns(); ++j)
-            row += IsMisVal(m[i][j]) ? 1 : 0;
-        ASSERT_EQ(m[i].GetNumMisVal(), row) << "row " << i;
-        ASSERT_EQ(m[i].Size(), m.SizeColumns());
-    }
-    ASSERT_EQ(m.GetNumMisVal(), total);
-}
 
 Matrix FromRows(std::initializer_list<std::initializer_list<float>> rows)
 {

@@ -3,6 +3,8 @@
 #include "veltancmat/platform/ExceptionMessage.h"
 #include "veltancmat/platform/QvStream.h"
 
+#include "containers/MatrixChecks.h"
+
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -35,35 +37,7 @@ NCScale Typed(std::initializer_list<NCScale::Scaling> types)
     return s;
 }
 
-// The stored counts against a recount of the cells.
-void ExpectCountsExact(const Matrix& m)
-{
-    int total = 0;
-    for (int j = 1; j <= m.SizeColumns(); ++j) {
-        int column = 0;
-        for (int i = 1; i <= m.SizeRows(); ++i)
-            column += m[i][j] == M ? 1 : 0;
-        EXPECT_EQ(m.GetColumnMisVal(j), column) << "column " << j;
-        total += column;
-    }
-    for (int i = 1; i <= m.SizeRows(); ++i) {
-        int row = 0;
-        for (int j = 1; j <= m.SizeColumns(); ++j)
-            row += m[i][j] == M ? 1 : 0;
-        EXPECT_EQ(m[i].GetNumMisVal(), row) << "row " << i;
-    }
-    EXPECT_EQ(m.GetNumMisVal(), total);
-}
 
-bool Same(const Matrix& a, const Matrix& b)
-{
-    if (a.SizeRows() != b.SizeRows() || a.SizeColumns() != b.SizeColumns())
-        return false;
-    for (int i = 1; i <= a.SizeRows(); ++i)
-        if (!(a[i] == b[i]))
-            return false;
-    return true;
-}
 
 template <class F>
 NCScaleError CatchScaleError(F f)
@@ -121,7 +95,7 @@ TEST(NCScale, AgreesWithNumpyAndReappliesExactly)
         omp_set_num_threads(threads);
         Matrix again = original;
         s.ScaleMatrix(&again, false);
-        EXPECT_TRUE(Same(again, fitted)) << threads << " threads";
+        EXPECT_TRUE(SameCells(again, fitted)) << threads << " threads";
         ExpectCountsExact(again);
     }
 }
@@ -149,7 +123,7 @@ TEST(NCScale, FailedFitLeavesDocumentedState)
     EXPECT_EQ(s.GetScaleVector()[2], oldSecond);
     EXPECT_EQ(s.GetScaleVector()[3], oldThird);
     const Matrix centred = FromColumns({{-2, 0, 2}, {0, M, M}, {-20, -10, 30}});
-    EXPECT_TRUE(Same(bad, centred));
+    EXPECT_TRUE(SameCells(bad, centred));
     ExpectCountsExact(bad);
 
     const std::unique_ptr<NCScaleError> copy(e.Clone());
@@ -218,7 +192,7 @@ TEST(NCScale, CurrentModelChecksTheWidthAndLeavesTheMatrix)
     EXPECT_EQ(e.GetColumn(), 0);
     EXPECT_EQ(e.GetError(), NCScaleError::WrongColumnCount);
     EXPECT_STREQ(e.what(), "Could not scale matrix. The matrix has the wrong number of columns.");
-    EXPECT_TRUE(Same(wide, before));
+    EXPECT_TRUE(SameCells(wide, before));
     // Fitting a model to a matrix of another width is refused as well.
     EXPECT_EQ(CatchScaleError([&] { s.ScaleMatrix(&wide, true); }).GetError(), NCScaleError::WrongColumnCount);
     EXPECT_THROW(s.ScaleMatrix(nullptr, true), InvalidArgument);

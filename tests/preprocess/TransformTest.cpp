@@ -2,6 +2,8 @@
 #include "veltancmat/platform/ConfigSection.h"
 #include "veltancmat/preprocess/NCTransform.h"
 
+#include "containers/MatrixChecks.h"
+
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -20,20 +22,6 @@ using Error = NCTransformError::Error;
 using Matrix = NCDataMatrix<float>;
 constexpr float M = -99.0f;
 
-void ExpectCountsExact(const Matrix& m)
-{
-    int total = 0;
-    for (int j = 1; j <= m.SizeColumns(); ++j) {
-        int column = 0;
-        for (int i = 1; i <= m.SizeRows(); ++i)
-            column += IsMisVal(m[i][j]);
-        ASSERT_EQ(m.GetColumnMisVal(j), column) << "column " << j;
-        total += column;
-    }
-    for (int i = 1; i <= m.SizeRows(); ++i)
-        ASSERT_EQ(m[i].GetNumMisVal(), static_cast<int>(std::count(m[i].begin(), m[i].end(), M))) << "row " << i;
-    ASSERT_EQ(m.GetNumMisVal(), total);
-}
 
 // An r x c matrix of uniform values in [lo, hi] with every seventh cell missing.
 Matrix Random(int r, int c, float lo, float hi, unsigned seed)
