@@ -5,6 +5,8 @@
 #include "veltancmat/platform/Export.h"
 #include "veltancmat/platform/NCProgress.h"
 
+#include <boost/format.hpp>
+
 #include <string>
 
 // Helpers that let a long computation drive an optional NCProgress without
@@ -161,3 +163,17 @@ private:
     NCProgress* m_progress = nullptr;
     bool m_spun = false;
 };
+
+// A progress caption with "%1%" placeholders, translated before it is
+// formatted. A translation with more or fewer placeholders than arguments
+// still yields a caption rather than an exception.
+template <class... Args>
+std::string ProgressCaption(const char* context, const char* text, const Args&... args)
+{
+    const std::string translated =
+        context ? ExceptionMessage::translate(context, text).str() : ExceptionMessage::translate(text).str();
+    boost::format format(translated);
+    format.exceptions(boost::io::all_error_bits ^ (boost::io::too_many_args_bit | boost::io::too_few_args_bit));
+    (format % ... % args);
+    return format.str();
+}
