@@ -63,6 +63,13 @@ NCPCA::NCPCA(const NCDataMatrix<float>* x, int maxIterations)
     m_tprim = std::make_unique<NCDataMatrix<float>>(0, m_residuals->SizeRows());
 }
 
+NCPCA::NCPCA(NCDataMatrix<float>&& x, int maxIterations)
+    : m_residuals(std::make_unique<NCDataMatrix<float>>(std::move(x))), m_maxIterations(maxIterations)
+{
+    m_pprim = std::make_unique<NCDataMatrix<float>>(0, m_residuals->SizeColumns());
+    m_tprim = std::make_unique<NCDataMatrix<float>>(0, m_residuals->SizeRows());
+}
+
 NCPCA::NCPCA(const NCDataMatrix<float>* residuals, const NCDataMatrix<float>* pprim,
              const NCDataMatrix<float>* tprim, int maxIterations)
     : m_pprim(CopyOf(pprim)), m_tprim(CopyOf(tprim)), m_residuals(CopyOf(residuals)),

@@ -31,6 +31,8 @@ public:
     NCPCA();
     // E starts as a copy of x; maxIterations bounds every component's NIPALS loop.
     NCPCA(const NCDataMatrix<float>* x, int maxIterations);
+    // The same, adopting x as E instead of copying it.
+    NCPCA(NCDataMatrix<float>&& x, int maxIterations);
     // Rebuilds a model from its residuals, loadings and scores.
     NCPCA(const NCDataMatrix<float>* residuals, const NCDataMatrix<float>* pprim,
           const NCDataMatrix<float>* tprim, int maxIterations);

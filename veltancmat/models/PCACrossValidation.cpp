@@ -89,6 +89,7 @@ void PCACrossValidation::NextComponent(const NCDataVector<float>& loading, NCPro
         e.SizeColumns() != m_varGroups.Size())
         throw NCInternalError("PCACrossValidation::NextComponent");
     ProgressRange(progress, 0.0f, 2.0f * m_groups);
+    m_roundCells = 0;
     ObservationRounds(e, loading, progress);
     VariableRounds(e, loading, progress);
     Predict(e, component <= 1);
@@ -113,10 +114,11 @@ void PCACrossValidation::ObservationRounds(const NCDataMatrix<float>& e, const N
             if (m_obsGroups[i] != label)
                 kept.push_back(i);
         const IndexList rows(kept.data(), static_cast<int>(kept.size()));
-        const NCDataMatrix<float> rest = e.GetRowSubMatrix(rows);
+        NCPCA round(e.GetRowSubMatrix(rows), m_model->GetMaxIterations());
+        const NCDataMatrix<float>& rest = *round.GetResiduals();
         const NCDataVector<float> start = rest.SpecialNipalsRegressRowsFix(loading);
-        NCPCA round(&rest, m_model->GetMaxIterations());
         round.NextComponent(progress, nullptr, 0, &start);
+        m_roundCells += static_cast<long long>(round.GetIterations()) * rest.SizeRows() * k;
         NCDataVector<float> p = round.GetPprim()->back();
         AlignSign(p, loading);
         m_pset.SetRow(r, p);
@@ -148,6 +150,7 @@ void PCACrossValidation::VariableRounds(const NCDataMatrix<float>& e, const NCDa
             continue;
         const NCDataVector<float> start = e.SpecialNipalsRegressRowsFix(loading, &m_varGroups, label);
         rounds.NextComponent(progress, &m_varGroups, label, &start);
+        m_roundCells += static_cast<long long>(rounds.GetIterations()) * n * k;
         NCDataVector<float> p = rounds.GetPprim()->back();
         NCDataVector<float> t = rounds.GetTprim()->back();
         AlignSign(p, loading, &t);

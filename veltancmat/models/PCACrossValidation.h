@@ -62,6 +62,10 @@ public:
     static float GetQ2Lim(int a, bool centred, int observations, int variables);
 
     int GetGroups() const { return m_groups; }
+    // Cells the rounds' NIPALS iterations of the last call went through:
+    // the sum over the rounds of iterations x rows x columns (each iteration
+    // reads them twice). For throughput figures.
+    long long GetRoundCells() const { return m_roundCells; }
 
 private:
     void Init(const IndexList* observationGroups, const IndexList* variableGroups);
@@ -84,4 +88,5 @@ private:
     NCDataMatrix<float> m_predResiduals;
     NCDataMatrix<float> m_pset;
     NCDataMatrix<float> m_tset;
+    long long m_roundCells = 0;
 };

@@ -1,0 +1,134 @@
+// PCA fits and their cross-validation, timed whole, with the throughput of
+// their NIPALS iterations beside a plain read-only pass over the same matrix
+// in the same binary.
+//
+//   BM_PCA         5 components of 20000 x 500, complete and with 5 % missing
+//   BM_PCA_CV      7-group cross-validation of 3 components of 2000 x 200
+//   BM_PlainPass*  the read bandwidth the iterations are compared with
+//
+// Counter nipals_bytes_per_second: every NIPALS iteration reads the matrix
+// twice (loadings from scores, scores from loadings), so it is
+// 2 x iterations x matrix bytes over the whole call's time, which also
+// pays for the copy of the data, the deflations and the convergence tests.
+#include "veltancmat/models/NCPCA.h"
+#include "veltancmat/models/PCACrossValidation.h"
+
+#include "MatrixPass.h"
+
+#include <benchmark/benchmark.h>
+
+#include <random>
+#include <vector>
+
+namespace {
+
+// Ten latent directions of falling weight under noise: components converge
+// in a realistic number of iterations, as they do on real data.
+NCDataMatrix<float> MakeTable(int rows, int cols, bool withMissing)
+{
+    constexpr int Rank = 10;
+    std::mt19937 rng(7);
+    std::normal_distribution<float> normal;
+    std::bernoulli_distribution missing(0.05);
+    std::vector<float> loadings(static_cast<std::size_t>(Rank) * cols);
+    for (float& p : loadings)
+        p = normal(rng);
+    NCDataMatrix<float> m(rows, cols);
+    std::vector<float*> cells = m.GetMatrixAsPointerPointer();
+    std::vector<float> scores(Rank);
+    for (int i = 1; i <= rows; ++i) {
+        for (int a = 0; a < Rank; ++a)
+            scores[a] = normal(rng) * static_cast<float>(Rank - a);
+        for (int j = 1; j <= cols; ++j) {
+            float v = normal(rng);
+            for (int a = 0; a < Rank; ++a)
+                v += scores[a] * loadings[static_cast<std::size_t>(a) * cols + j - 1];
+            cells[i][j] = withMissing && missing(rng) ? -99.0f : v;
+        }
+    }
+    m.RecountMissing();
+    return m;
+}
+
+const NCDataMatrix<float>& Large(bool withMissing)
+{
+    static const NCDataMatrix<float> complete = MakeTable(20000, 500, false);
+    static const NCDataMatrix<float> gappy = MakeTable(20000, 500, true);
+    return withMissing ? gappy : complete;
+}
+
+const NCDataMatrix<float>& Small()
+{
+    static const NCDataMatrix<float> m = MakeTable(2000, 200, false);
+    return m;
+}
+
+void NipalsRate(benchmark::State& state, double cellsPerCall)
+{
+    state.counters["nipals_bytes_per_second"] = benchmark::Counter(
+        2.0 * cellsPerCall * sizeof(float) * static_cast<double>(state.iterations()), benchmark::Counter::kIsRate);
+}
+
+void BM_PlainPassLarge(benchmark::State& state)
+{
+    BenchMatrix::PlainPass(state, Large(false));
+}
+
+void BM_PlainPassSmall(benchmark::State& state)
+{
+    BenchMatrix::PlainPass(state, Small());
+}
+
+void BM_PCA(benchmark::State& state)
+{
+    BenchMatrix::Threads(state);
+    const NCDataMatrix<float>& x = Large(state.range(1) != 0);
+    double cells = 0.0;
+    int iterations = 0;
+    for (auto _ : state) {
+        NCPCA pca(&x, 500);
+        iterations = 0;
+        for (int a = 1; a <= 5; ++a) {
+            pca.NextComponent(nullptr, nullptr, 0, nullptr);
+            pca.CalculateResiduals();
+            iterations += pca.GetIterations();
+        }
+        cells = static_cast<double>(iterations) * x.SizeRows() * x.SizeColumns();
+        benchmark::DoNotOptimize(pca.GetTprim());
+    }
+    state.counters["nipals_iterations"] = iterations;
+    NipalsRate(state, cells);
+}
+
+void BM_PCA_CV(benchmark::State& state)
+{
+    BenchMatrix::Threads(state);
+    const NCDataMatrix<float>& x = Small();
+    double cells = 0.0;
+    for (auto _ : state) {
+        NCPCA pca(&x, 500);
+        PCACrossValidation cv(&pca, 7, nullptr, nullptr);
+        cells = 0.0;
+        for (int a = 1; a <= 3; ++a) {
+            pca.NextComponent(nullptr, nullptr, 0, nullptr);
+            cells += static_cast<double>(pca.GetIterations()) * x.SizeRows() * x.SizeColumns();
+            cv.NextComponent((*pca.GetPprim())[a], nullptr, a);
+            cells += static_cast<double>(cv.GetRoundCells());
+            pca.CalculateResiduals();
+        }
+        benchmark::DoNotOptimize(cv.GetQ2TotCum());
+    }
+    NipalsRate(state, cells);
+}
+
+} // namespace
+
+BENCHMARK(BM_PlainPassLarge)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PCA)
+    ->ArgNames({"threads", "missing"})
+    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Unit(benchmark::kSecond)
+    ->UseRealTime();
+BENCHMARK(BM_PlainPassSmall)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PCA_CV)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kSecond)->UseRealTime();
+BENCHMARK_MAIN();
