@@ -1,4 +1,5 @@
 #include "veltancmat/containers/NCSVD.h"
+#include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/models/NCComponentValidator.h"
 #include "veltancmat/models/NCPCA.h"
 #include "veltancmat/models/NCPCAPred.h"
@@ -346,4 +347,21 @@ TEST(PCAValidator, TurnsInvalidOnceOnePercentIsLeft)
     } catch (const NCError& e) {
         EXPECT_EQ(ErrorText(e), "Infinite value encountered, try changing the transformation or trim the dataset.");
     }
+}
+
+TEST(PCAModel, MessagesAndCaptionsAreTranslated)
+{
+    MessageCatalog::SetLanguage("de_DE.UTF-8", VELTAN_TEST_LOCALE_DIR);
+    NCDataMatrix<float> x(3, 2, -99.0f);
+    NCPCA pca(&x, 10);
+    std::string text;
+    try {
+        pca.NextComponent(nullptr, nullptr, 0, nullptr);
+    } catch (const NCError& e) {
+        text = e.what();
+    }
+    const std::string caption = ProgressCaption("CV = Cross-validation", "CV round %1% of %2% (rows)", 2, 7);
+    MessageCatalog::SetLanguage("C");
+    EXPECT_EQ(text, "Die PCA-Komponente konnte nicht berechnet werden.");
+    EXPECT_EQ(caption, "KV-Runde 2 von 7 (Zeilen)");
 }
