@@ -1,4 +1,5 @@
-// Placeholder so the core library is never empty while the tool grows.
+#include "cli/Version.h"
+
 namespace veltan_cli {
 const char* Version() { return "0.1.0"; }
-}
+} // namespace veltan_cli

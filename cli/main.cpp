@@ -1,7 +1,8 @@
-#include <cstdio>
+#include "cli/Cli.h"
 
-int main()
+#include <iostream>
+
+int main(int argc, char** argv)
 {
-    std::fputs("veltan: no command yet\n", stderr);
-    return 2;
+    return veltan_cli::RunVeltan(argc, argv, VELTAN_DATA_DIR "/wine.csv", std::cout, std::cerr);
 }

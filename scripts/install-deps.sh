@@ -8,7 +8,7 @@ packages=(
   libboost-dev libboost-locale-dev libboost-math-dev
   libeigen3-dev libomp-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  libcli11-dev libcsv-dev
+  libcli11-dev libcsv-dev nlohmann-json3-dev
   clang libclang-rt-dev
 )
 

@@ -1,0 +1,124 @@
+#include "cli/Cli.h"
+
+#include "cli/PcaCommand.h"
+#include "cli/PredictCommand.h"
+#include "cli/ToolError.h"
+#include "cli/Version.h"
+
+#include "veltancmat/platform/Exception.h"
+#include "veltancmat/platform/NCError.h"
+
+#include <CLI/CLI.hpp>
+
+#include <map>
+#include <new>
+
+namespace veltan_cli {
+
+namespace {
+
+const std::map<std::string, NCScale::Scaling> ScaleNames{{"uv", NCScale::ScaleUnitVariance},
+                                                         {"pareto", NCScale::ScalePareto},
+                                                         {"center", NCScale::ScaleCenter},
+                                                         {"none", NCScale::ScaleNone}};
+const std::map<std::string, NamesColumn> NamesModes{
+    {"auto", NamesColumn::Auto}, {"first", NamesColumn::First}, {"none", NamesColumn::None}};
+
+const char* const NamesHelp = "Whether column 1 holds observation names: auto (when its header cell is empty or "
+                              "its first value is text), first, none";
+
+} // namespace
+
+int RunVeltan(int argc, const char* const* argv, const std::string& bundledData, std::ostream& out, std::ostream& err)
+{
+    CLI::App app{"veltan: principal component analysis of CSV tables with cross-validation", "veltan"};
+    app.set_version_flag("--version", std::string("veltan ") + Version());
+    app.require_subcommand(1);
+
+    PcaOptions pca;
+    std::string scaleName = "uv";
+    std::string pcaNames = "auto";
+    CLI::App* pcaCommand = app.add_subcommand(
+        "pca", "Fit a PCA model, one cross-validated component at a time, and print its component table. "
+               "Without DATA, the bundled wine data set is analysed.");
+    pcaCommand->add_option("data", pca.data, "CSV table: a header row of variable names, an optional first column "
+                                             "of observation names; empty cells, NA and -99 are missing");
+    pcaCommand->add_option("-c,--components", pca.components,
+                           "Fit exactly N components instead of stopping at the first that is not significant")
+        ->check(CLI::PositiveNumber);
+    pcaCommand->add_option("-g,--cv-groups", pca.cvGroups,
+                           "Number of cross-validation groups (default 7, or one per observation when fewer)")
+        ->check(CLI::Range(2, 1000000));
+    pcaCommand->add_option("--scale", scaleName, "Column scaling: uv (unit variance), pareto, center, none")
+        ->check(CLI::IsMember({"uv", "pareto", "center", "none"}))
+        ->capture_default_str();
+    pcaCommand->add_option("--log", pca.logVariables, "Take log10 of variable VAR before scaling (repeat for more)")
+        ->type_name("VAR")
+        ->allow_extra_args(false);
+    pcaCommand->add_option("--names", pcaNames, NamesHelp)
+        ->check(CLI::IsMember({"auto", "first", "none"}))
+        ->capture_default_str();
+    pcaCommand->add_option("--scores", pca.scoresPath, "Write the scores (observations x components) as CSV")
+        ->type_name("FILE");
+    pcaCommand->add_option("--loadings", pca.loadingsPath, "Write the loadings (variables x components) as CSV")
+        ->type_name("FILE");
+    pcaCommand->add_option("--save", pca.savePath, "Save the model with its scaling and transforms for predict")
+        ->type_name("MODEL");
+    pcaCommand->add_flag("--json", pca.json, "Print one JSON document instead of the table");
+    pcaCommand->add_flag("--progress", pca.progress, "Draw the progress bar even when stderr is not a terminal");
+
+    PredictOptions predict;
+    std::string predictNames = "auto";
+    CLI::App* predictCommand =
+        app.add_subcommand("predict", "Scores of new observations under a model saved by pca --save");
+    predictCommand->add_option("model", predict.model, "Model file written by pca --save")->required();
+    predictCommand->add_option("data", predict.data, "CSV table with the model's variables, in its order")
+        ->required();
+    predictCommand->add_option("--names", predictNames, NamesHelp)
+        ->check(CLI::IsMember({"auto", "first", "none"}))
+        ->capture_default_str();
+    predictCommand->add_option("--scores", predict.scoresPath, "Write the scores as CSV instead of printing them")
+        ->type_name("FILE");
+    predictCommand->add_flag("--json", predict.json, "Print one JSON document");
+
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        const int code = app.exit(e, out, err);
+        return code == 0 ? ExitOk : ExitUsage;
+    }
+
+    std::string context;
+    try {
+        if (pcaCommand->parsed()) {
+            if (pca.data.empty()) {
+                pca.data = bundledData;
+                pca.bundled = true;
+            }
+            pca.scale = ScaleNames.at(scaleName);
+            pca.names = NamesModes.at(pcaNames);
+            context = pca.data;
+            return RunPca(pca, out);
+        }
+        predict.names = NamesModes.at(predictNames);
+        context = predict.data;
+        return RunPredict(predict, out);
+    } catch (const ToolError& e) {
+        err << "veltan: " << e.what() << "\n";
+        return e.Code();
+    } catch (const CancelException& e) {
+        err << "veltan: " << e.what() << "\n";
+        return ExitCancelled;
+    } catch (const NCError& e) {
+        err << "veltan: " << context << ": " << e.what() << "\n";
+        return ExitDataError;
+    } catch (const std::bad_alloc&) {
+        err << "veltan: " << context << ": out of memory\n";
+        return ExitDataError;
+    } catch (const std::exception& e) {
+        err << "veltan: " << context << ": " << e.what() << "\n";
+        return ExitDataError;
+    }
+}
+
+} // namespace veltan_cli

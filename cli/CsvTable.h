@@ -1,0 +1,54 @@
+#pragma once
+
+#include "veltancmat/containers/NCDataMatrix.h"
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace veltan_cli {
+
+// Whether the first column of a table holds observation names.
+enum class NamesColumn {
+    Auto,  // yes when its header cell is empty or its first data cell is text
+    First, // always
+    None,  // never: every column is a variable
+};
+
+// A numeric table read from CSV: a header row of variable names, then one
+// row per observation. Rows and columns in messages are counted as a
+// spreadsheet shows the file: the header is row 1, the first cell column 1.
+struct DataTable {
+    std::string source;                    // the file name, for messages
+    bool hasNames = false;                 // the file's first column held names
+    std::string namesHeader;               // its header cell ("" when none)
+    std::vector<std::string> variables;    // K names
+    std::vector<std::string> observations; // N names (row numbers when the file had none)
+    std::vector<int> fileRows;             // file row of each observation
+    NCDataMatrix<float> values;            // N x K, missing cells -99
+
+    int Observations() const { return values.SizeRows(); }
+    int Variables() const { return values.SizeColumns(); }
+    // File column of variable j (1-based).
+    int FileColumn(int variable) const { return variable + (hasNames ? 1 : 0); }
+    // `<source>: row R, column C ("name")` for observation i, variable j
+    // (either may be 0 to leave it out).
+    std::string Where(int observation, int variable) const;
+};
+
+// Parses CSV text: comma-separated, fields optionally in double quotes, CR,
+// LF or CRLF line ends, an optional UTF-8 byte-order mark, blank lines
+// ignored. Empty cells, "NA" and any value equal to -99 are missing. Throws
+// ToolError naming the source, row and column for a ragged row, a cell
+// that is not a number, a value beyond the float range or an empty table.
+DataTable ParseCsvTable(std::string_view text, const std::string& source, NamesColumn names = NamesColumn::Auto);
+
+// Reads and parses a file; a file that cannot be opened or read throws
+// ToolError with the system's reason.
+DataTable ReadCsvTable(const std::string& path, NamesColumn names = NamesColumn::Auto);
+
+// The value of one cell, or false when it is not a finite number; missing
+// markers give -99.
+bool ParseCell(std::string_view cell, float& value);
+
+} // namespace veltan_cli

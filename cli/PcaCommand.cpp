@@ -1,0 +1,247 @@
+#include "cli/PcaCommand.h"
+
+#include "cli/CsvWriter.h"
+#include "cli/JsonOutput.h"
+#include "cli/Preprocess.h"
+#include "cli/ProgressBar.h"
+#include "cli/ToolError.h"
+
+#include "veltancmat/platform/Exception.h"
+#include "veltancmat/platform/NCError.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+
+namespace veltan_cli {
+
+namespace {
+
+std::string Plural(int n, const char* word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }
+
+// Fixed three decimals, or "-" where the library has no value.
+std::string Cell(float v, int width)
+{
+    char buffer[48];
+    if (v == -99.0f)
+        std::snprintf(buffer, sizeof buffer, "%*s", width, "-");
+    else
+        std::snprintf(buffer, sizeof buffer, "%*.3f", width, static_cast<double>(v));
+    return buffer;
+}
+
+std::string ScalingPhrase(NCScale::Scaling s)
+{
+    switch (s) {
+    case NCScale::ScaleUnitVariance: return "scaled to unit variance";
+    case NCScale::ScalePareto: return "Pareto scaled";
+    case NCScale::ScaleCenter: return "centred, not scaled";
+    default: return "neither centred nor scaled";
+    }
+}
+
+std::vector<std::string> Numbered(const char* prefix, int n)
+{
+    std::vector<std::string> names;
+    for (int a = 1; a <= n; ++a)
+        names.push_back(prefix + std::to_string(a));
+    return names;
+}
+
+void PrintTable(std::ostream& out, const DataTable& table, const PcaOptions& options, const PcaFit& fit)
+{
+    out << "PCA of " << (options.bundled ? "the bundled wine data set" : table.source) << ": "
+        << Plural(table.Observations(), "observation") << ", " << Plural(table.Variables(), "variable") << ", "
+        << ScalingPhrase(options.scale);
+    if (!options.logVariables.empty())
+        out << ", log10 of " << Plural(static_cast<int>(options.logVariables.size()), "variable");
+    out << ", " << fit.cvGroups << " cross-validation groups\n\n";
+    out << "Component     R2X  R2X(cum)  Eigenvalue      Q2  Q2(cum)  Q2 limit  Significance\n";
+    for (std::size_t r = 0; r < fit.records.size(); ++r) {
+        const PCA_CrossValidated::Component& c = fit.records[r];
+        char number[16];
+        std::snprintf(number, sizeof number, "%9d", static_cast<int>(r) + 1);
+        out << number << Cell(c.r2, 8) << Cell(c.r2Cum, 10) << Cell(c.eigenvalue, 12) << Cell(c.q2, 8)
+            << Cell(c.q2Cum, 9) << Cell(c.q2Limit, 10) << "  " << SignificanceE::GetSignificance(c.significance)
+            << "\n";
+    }
+    out << "\n";
+    if (fit.fixed)
+        out << Plural(fit.kept, "component") << " fitted, as asked.\n";
+    else
+        out << Plural(fit.kept, "component") << " kept" << (fit.stopReason.empty() ? "" : "; " + fit.stopReason)
+            << ".\n";
+}
+
+} // namespace
+
+std::string DescribeSignificance(SignificanceE::Significance s)
+{
+    switch (s) {
+    case SignificanceE::R1: return "R1 (its Q2 is above the limit)";
+    case SignificanceE::R2: return "R2 (enough variables have a Q2 above the limit)";
+    case SignificanceE::R5: return "R5 (undecided, confirmed by the next component)";
+    case SignificanceE::NS: return "NS (not significant)";
+    case SignificanceE::N3: return "N3 (too many components for the size of the data)";
+    case SignificanceE::N4: return "N4 (too little variance explained)";
+    case SignificanceE::U: return "U (undecided)";
+    default: return SignificanceE::GetSignificance(s);
+    }
+}
+
+std::string ScaleOptionName(NCScale::Scaling s)
+{
+    switch (s) {
+    case NCScale::ScaleUnitVariance: return "uv";
+    case NCScale::ScalePareto: return "pareto";
+    case NCScale::ScaleCenter: return "center";
+    default: return "none";
+    }
+}
+
+PcaFit FitPca(const DataTable& table, const PcaOptions& options, NCProgress& progress)
+{
+    const int n = table.Observations();
+    const int k = table.Variables();
+    if (n < 2)
+        throw ToolError(table.source + ": " + Plural(n, "observation") + "; a PCA needs at least 2");
+    if (k < 2)
+        throw ToolError(table.source + ": " + Plural(k, "variable") + "; a PCA needs at least 2");
+    const int groups = options.cvGroups > 0 ? options.cvGroups : std::min(DefaultCvGroups, n);
+    if (groups < 2 || groups > n)
+        throw ToolError("--cv-groups " + std::to_string(groups) + ": more groups than the " + std::to_string(n) +
+                            " observations of " + table.source,
+                        ExitUsage);
+    const bool centred = options.scale != NCScale::ScaleNone;
+    // Beyond this the residuals are zero and no further direction exists.
+    const int capacity = std::min(n - (centred ? 1 : 0), k);
+    if (options.components > capacity)
+        throw ToolError("--components " + std::to_string(options.components) + ": " + table.source + " can take at most " +
+                            std::to_string(capacity) + " (" + Plural(n, "observation") + ", " + Plural(k, "variable") +
+                            (centred ? ", centred" : "") + ")",
+                        ExitUsage);
+
+    PcaFit fit;
+    fit.fixed = options.components > 0;
+    fit.model = std::make_unique<PcaModelFile>();
+    PcaModelFile& model = *fit.model;
+    model.variables = table.variables;
+    model.observations = n;
+    model.transform = MakeLogTransform(table, options.logVariables);
+
+    NCDataMatrix<float> x = table.values;
+    if (model.transform)
+        ApplyTransform(*model.transform, table, x);
+    model.scale.SetSize(k);
+    for (int j = 1; j <= k; ++j)
+        model.scale.SetType(j, options.scale);
+    FitScaling(model.scale, table, x);
+
+    fit.cvGroups = groups;
+    PCA_CrossValidated cv(x, nullptr, groups, nullptr, model.scale.GetCenterVector(), EigenvalueTolerance, 0);
+    cv.KeepEveryComponent(fit.fixed);
+    NCDataMatrix<float> residuals, predResiduals;
+    const int limit = fit.fixed ? options.components : capacity;
+    // A fixed count gives the bar its whole length; an open-ended fit cannot
+    // know it, so there the bar runs once per component.
+    progress.SetRangeInternal(0.0f, fit.fixed ? static_cast<float>(limit) : 1.0f);
+    for (int a = 1; a <= limit; ++a) {
+        if (progress.IsBreakPressed())
+            throw CancelException();
+        progress.SetText("PCA component " + std::to_string(a) + (fit.fixed ? " of " + std::to_string(limit) : ""));
+        const float from = fit.fixed ? static_cast<float>(a - 1) : 0.0f;
+        progress.PushSubRangeInternal(from, from + 1.0f, {});
+        SignificanceE::Significance s = SignificanceE::NA;
+        try {
+            s = cv.NextComponent(residuals, predResiduals, progress);
+        } catch (const CancelException&) {
+            throw;
+        } catch (const NCError& e) {
+            // A component that cannot be computed ends an open-ended fit;
+            // the ones before it stand. A count the user asked for cannot be met.
+            if (fit.fixed || a == 1)
+                throw ToolError(table.source + ": component " + std::to_string(a) + ": " + e.what());
+            fit.stopReason = "component " + std::to_string(a) + " could not be computed (" + e.what() + ")";
+            progress.PopSubRange();
+            break;
+        }
+        progress.PopSubRange();
+        if (!fit.fixed && s != SignificanceE::U && !SignificanceE::IsSignificant(s))
+            break;
+    }
+    progress.Refresh();
+
+    fit.records = cv.GetRecords();
+    fit.kept = cv.GetComponents();
+    if (!fit.fixed && fit.stopReason.empty() && fit.kept < static_cast<int>(fit.records.size()))
+        fit.stopReason = "component " + std::to_string(fit.kept + 1) + " is " +
+                         DescribeSignificance(fit.records[static_cast<std::size_t>(fit.kept)].significance);
+
+    // The saved model holds the kept components only, with the residuals
+    // they leave, so that it reads as a model of exactly that size.
+    const NCDataMatrix<float>& pAll = *cv.GetModel().GetPprim();
+    const NCDataMatrix<float>& tAll = *cv.GetModel().GetTprim();
+    NCDataMatrix<float> pKept(fit.kept, k), tKept(fit.kept, n);
+    NCDataMatrix<float> e = x;
+    for (int a = 1; a <= fit.kept; ++a) {
+        pKept.SetRow(a, pAll[a]);
+        tKept.SetRow(a, tAll[a]);
+        e.AddVprimV(tAll[a], pAll[a], -1.0);
+    }
+    model.pca = NCPCA(&e, &pKept, &tKept, cv.GetModel().GetMaxIterations());
+    model.components = fit.kept;
+    fit.scores = std::move(tKept);
+    return fit;
+}
+
+int RunPca(const PcaOptions& options, std::ostream& out)
+{
+    const DataTable table = ReadCsvTable(options.data, options.names);
+
+    NCProgress progress("Fitting PCA", 0.0f, 1.0f, false, true, false, table.source);
+    // The guard stays until the files are in place, so that a Ctrl-C while
+    // they are written still removes the temporary files on its way out.
+    InterruptGuard interrupt(progress);
+    PcaFit fit;
+    {
+        ProgressBar bar(progress, options.progress || ProgressBar::StderrIsTerminal());
+        fit = FitPca(table, options, progress);
+    }
+
+    // Every file is complete in its temporary form before any is renamed,
+    // so a failure leaves either all requested files or none of them new.
+    std::vector<std::unique_ptr<AtomicFile>> files;
+    if (!options.scoresPath.empty()) {
+        files.push_back(std::make_unique<AtomicFile>(options.scoresPath));
+        WriteTransposedCsv(files.back()->Stream(), ObservationHeader(table), table.observations,
+                           Numbered("t", fit.kept), fit.scores);
+    }
+    if (!options.loadingsPath.empty()) {
+        files.push_back(std::make_unique<AtomicFile>(options.loadingsPath));
+        WriteTransposedCsv(files.back()->Stream(), "variable", table.variables, Numbered("p", fit.kept),
+                           *fit.model->pca.GetPprim());
+    }
+    if (!options.savePath.empty()) {
+        files.push_back(std::make_unique<AtomicFile>(options.savePath));
+        WriteModel(*fit.model, files.back()->Stream(), options.savePath);
+    }
+    if (InterruptGuard::Interrupted())
+        throw CancelException();
+    for (auto& file : files)
+        file->Commit();
+
+    if (options.json) {
+        out << PcaJson(table, options, fit) << "\n";
+        return ExitOk;
+    }
+    PrintTable(out, table, options, fit);
+    if (!options.scoresPath.empty())
+        out << "Scores written to " << options.scoresPath << "\n";
+    if (!options.loadingsPath.empty())
+        out << "Loadings written to " << options.loadingsPath << "\n";
+    if (!options.savePath.empty())
+        out << "Model saved to " << options.savePath << "\n";
+    return ExitOk;
+}
+
+} // namespace veltan_cli

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "cli/CsvTable.h"
+
+#include "veltancmat/preprocess/NCScale.h"
+#include "veltancmat/preprocess/NCTransform.h"
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace veltan_cli {
+
+// The preprocessing steps of a fit or a prediction, with the library's
+// errors turned into one-line messages naming the file, row, column and
+// variable concerned.
+
+// log10 of the named variables, the others untransformed; null when no name
+// is given. An unknown name throws ToolError (usage).
+std::unique_ptr<NCTransform> MakeLogTransform(const DataTable& table, const std::vector<std::string>& names);
+
+// x is `table`'s values (or a copy of them). Throws ToolError at the first
+// cell that cannot be transformed, quoting its value from the table.
+void ApplyTransform(const NCTransform& transform, const DataTable& table, NCDataMatrix<float>& x);
+
+// Fits `scale` (sized and typed already) to x and scales it.
+void FitScaling(NCScale& scale, const DataTable& table, NCDataMatrix<float>& x);
+// Scales x with the fitted model.
+void ApplyScaling(NCScale& scale, const DataTable& table, NCDataMatrix<float>& x);
+
+// The header of the name column of a score table: the input's own, or
+// "observation".
+std::string ObservationHeader(const DataTable& table);
+
+} // namespace veltan_cli
