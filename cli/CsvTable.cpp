@@ -199,21 +199,35 @@ bool ParseCell(std::string_view cell, float& value)
     // from_chars takes no leading plus sign; a spreadsheet may write one.
     if (cell.front() == '+' && cell.size() > 1 && cell[1] != '-' && cell[1] != '+')
         cell.remove_prefix(1);
-    double parsed = 0.0;
+    // Parsed as float directly: the shortest text of the largest float
+    // reads as a double just above it.
+    float parsed = 0.0f;
     const char* end = cell.data() + cell.size();
     const auto [ptr, ec] = std::from_chars(cell.data(), end, parsed);
-    if (ptr != end || (ec != std::errc() && ec != std::errc::result_out_of_range) || !std::isfinite(parsed))
+    if (ptr != end || (ec != std::errc() && ec != std::errc::result_out_of_range))
         return false;
     if (ec == std::errc::result_out_of_range) {
         // Underflow reads as zero; overflow is left for the caller to name.
-        value = (std::fabs(parsed) < 1.0) ? 0.0f : std::numeric_limits<float>::infinity();
+        double wide = 0.0;
+        bool tiny = false;
+        if (std::from_chars(cell.data(), end, wide).ec == std::errc()) {
+            tiny = std::fabs(wide) < 1.0;
+        } else {
+            // Beyond a double too: small when its exponent is negative or it
+            // has no integer digit but zero.
+            const std::size_t e = cell.find_first_of("eE");
+            const std::string_view mantissa = cell.substr(0, e);
+            const std::size_t digit = mantissa.find_first_of("123456789");
+            const std::size_t point = mantissa.find('.');
+            tiny = (e != std::string_view::npos && e + 1 < cell.size() && cell[e + 1] == '-') ||
+                   (point != std::string_view::npos && (digit == std::string_view::npos || digit > point));
+        }
+        value = tiny ? 0.0f : std::numeric_limits<float>::infinity();
         return true;
     }
-    if (std::fabs(parsed) > static_cast<double>(std::numeric_limits<float>::max())) {
-        value = std::numeric_limits<float>::infinity();
-        return true;
-    }
-    value = static_cast<float>(parsed);
+    if (!std::isfinite(parsed))
+        return false;
+    value = parsed;
     return true;
 }
 
