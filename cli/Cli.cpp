@@ -42,7 +42,8 @@ int RunVeltan(int argc, const char* const* argv, const std::string& bundledData,
         "pca", "Fit a PCA model, one cross-validated component at a time, and print its component table. "
                "Without DATA, the bundled wine data set is analysed.");
     pcaCommand->add_option("data", pca.data, "CSV table: a header row of variable names, an optional first column "
-                                             "of observation names; empty cells, NA and -99 are missing");
+                                             "of observation names; empty cells, NA and -99 are missing")
+        ->type_name("DATA");
     pcaCommand->add_option("-c,--components", pca.components,
                            "Fit exactly N components instead of stopping at the first that is not significant")
         ->check(CLI::PositiveNumber);
@@ -71,8 +72,11 @@ int RunVeltan(int argc, const char* const* argv, const std::string& bundledData,
     std::string predictNames = "auto";
     CLI::App* predictCommand =
         app.add_subcommand("predict", "Scores of new observations under a model saved by pca --save");
-    predictCommand->add_option("model", predict.model, "Model file written by pca --save")->required();
+    predictCommand->add_option("model", predict.model, "Model file written by pca --save")
+        ->type_name("MODEL")
+        ->required();
     predictCommand->add_option("data", predict.data, "CSV table with the model's variables, in its order")
+        ->type_name("DATA")
         ->required();
     predictCommand->add_option("--names", predictNames, NamesHelp)
         ->check(CLI::IsMember({"auto", "first", "none"}))
