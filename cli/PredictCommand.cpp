@@ -3,10 +3,12 @@
 #include "cli/CsvWriter.h"
 #include "cli/JsonOutput.h"
 #include "cli/Preprocess.h"
+#include "cli/ProgressBar.h"
 #include "cli/ToolError.h"
 
 #include "veltancmat/models/NCPCAPred.h"
 #include "veltancmat/models/ScoreEstimator.h"
+#include "veltancmat/platform/Exception.h"
 
 #include <memory>
 #include <vector>
@@ -66,9 +68,15 @@ NCDataMatrix<float> PredictScores(PcaModelFile& model, const std::string& modelP
 
 int RunPredict(const PredictOptions& options, std::ostream& out)
 {
+    // Scoring cannot be stopped halfway, but a Ctrl-C meanwhile must still
+    // keep a temporary file from being left behind.
+    NCProgress progress;
+    InterruptGuard interrupt(progress);
     std::unique_ptr<PcaModelFile> model = LoadModel(options.model);
     const DataTable table = ReadCsvTable(options.data, options.names);
     const NCDataMatrix<float> scores = PredictScores(*model, options.model, table);
+    if (InterruptGuard::Interrupted())
+        throw CancelException();
     std::vector<std::string> columns;
     for (int a = 1; a <= scores.SizeRows(); ++a)
         columns.push_back("t" + std::to_string(a));
@@ -76,6 +84,8 @@ int RunPredict(const PredictOptions& options, std::ostream& out)
     if (!options.scoresPath.empty()) {
         AtomicFile file(options.scoresPath);
         WriteTransposedCsv(file.Stream(), ObservationHeader(table), table.observations, columns, scores);
+        if (InterruptGuard::Interrupted())
+            throw CancelException();
         file.Commit();
     }
     if (options.json) {
