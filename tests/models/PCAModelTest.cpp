@@ -304,17 +304,36 @@ TEST(PCAPrediction, SparseRowsGetMissingScores)
     EXPECT_THROW(NCPCAPred(&wide, pca.GetPprim(), 100, 0.5f), NCInternalError);
 }
 
-// The gap-tolerant route needs the PLS model; until it is there such rows
-// are refused before any score is written.
-TEST(PCAPrediction, RowsWithGapsAreRefusedWithoutThePLSRoute)
+// Rows with gaps are fitted by a PLS regression of their present values on
+// the loadings. That fit adds components only while the y-loading stays
+// below 2, so the table is scaled to scores of order one, where every
+// component is used and the gapped rows land near their complete versions.
+TEST(PCAPrediction, RowsWithGapsScoreCloseToTheirCompleteVersion)
 {
-    if (ScoreEstimator::CanEstimateWithMisVal())
-        GTEST_SKIP() << "the PLS route is available";
-    const NCDataMatrix<float> x = LowRankTable(10, 4, 2, 0.2);
-    const NCPCA pca = FitComponents(x, 2);
-    NCDataMatrix<float> fresh = x.SubMat(1, 3, 1, 4);
-    fresh(3, 4, -99.0f);
-    EXPECT_THROW(NCPCAPred(&fresh, pca.GetPprim(), 100, 0.5f), NCError);
+    ASSERT_TRUE(ScoreEstimator::CanEstimateWithMisVal());
+    NCDataMatrix<float> x = LowRankTable(40, 40, 3, 0.05);
+    for (int j = 1; j <= 40; ++j)
+        x.MultiplyColumn(j, 0.02);
+    const NCPCA pca = FitComponents(x, 3, 2000);
+    NCDataMatrix<float> fresh = x.SubMat(1, 6, 1, 40);
+    for (int i = 1; i <= 5; ++i) // row 6 stays complete
+        for (int g = 0; g < i % 3 + 1; ++g)
+            fresh(i, 1 + (i * 7 + g * 5) % 40, -99.0f);
+    const NCPCAPred complete(&x, pca.GetPprim(), 100, 0.5f);
+    const NCPCAPred gapped(&fresh, pca.GetPprim(), 100, 0.5f);
+    for (int a = 1; a <= 3; ++a) {
+        const float spread = std::sqrt(static_cast<float>((*pca.GetTprim())[a].GetSS() / 40.0));
+        for (int i = 1; i <= 5; ++i)
+            EXPECT_NEAR(gapped.GetTPredPrim()[a][i], complete.GetTPredPrim()[a][i], 0.05f * spread)
+                << "row " << i << ", component " << a;
+        EXPECT_EQ(gapped.GetTPredPrim()[a][6], complete.GetTPredPrim()[a][6]);
+    }
+
+    // Nothing left to regress on: no component, and the scores are zero.
+    const ScoreEstimator estimator(*pca.GetPprim(), 100);
+    NCDataVector<float> t;
+    estimator.GetT(t, NCDataVector<float>(40, -99.0f));
+    EXPECT_EQ(t, NCDataVector<float>(3, 0.0f));
 }
 
 TEST(PCAValidator, TurnsInvalidOnceOnePercentIsLeft)

@@ -3,6 +3,7 @@
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/containers/frame/StreamRecord.h"
+#include "veltancmat/models/NipalsStart.h"
 #include "veltancmat/platform/BinaryIO.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -20,30 +21,6 @@ namespace {
 std::unique_ptr<NCDataMatrix<float>> CopyOf(const NCDataMatrix<float>* m)
 {
     return std::make_unique<NCDataMatrix<float>>(m ? *m : NCDataMatrix<float>());
-}
-
-// The start score vector: the column with the largest sum of squares, its
-// gaps filled with +m, -m, +m, ... (m a hundredth of its largest absolute
-// value), so that the fill adds size but no net direction.
-NCDataVector<float> StartScores(const NCDataMatrix<float>& e)
-{
-    NCDataVector<float> t = e.GetNIPALSStartColumn();
-    const int missing = t.GetNumMisVal();
-    if (missing == 0 || missing == t.Size())
-        return t;
-    float largest = 0.0f;
-    for (int i = 1; i <= t.Size(); ++i)
-        if (!IsMisVal(t[i]))
-            largest = std::max(largest, std::fabs(t[i]));
-    const float m = largest / 100.0f;
-    float sign = 1.0f;
-    for (int i = 1; i <= t.Size(); ++i) {
-        if (IsMisVal(t[i])) {
-            t(i, sign * m);
-            sign = -sign;
-        }
-    }
-    return t;
 }
 
 } // namespace
@@ -136,7 +113,7 @@ void NCPCA::Iterate(NCProgress* progress, const IndexList* groups, int group, co
                     NCDataVector<float>& p, NCDataVector<float>& t)
 {
     const NCDataMatrix<float>& e = *m_residuals;
-    t = start ? *start : StartScores(e);
+    t = start ? *start : NCNipals::FilledStartColumn(e);
 
     // Without a progress object of the caller's the component reports to one
     // of its own, so that a host observing new progress objects still sees it.

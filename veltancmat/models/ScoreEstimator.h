@@ -19,9 +19,9 @@ public:
     void EstimateWithoutMisVal(NCDataVector<float>& t, const NCDataVector<float>& x) const;
     void EstimateWithMisVal(NCDataVector<float>& t, const NCDataVector<float>& x) const;
 
-    // Whether EstimateWithMisVal can run in this build; until the PLS model
-    // exists it throws NCError, and callers that meet missing values check
-    // this first instead of failing halfway through a batch.
+    // Whether EstimateWithMisVal can run in this build (it can). Callers
+    // that meet missing values may check it first instead of failing
+    // halfway through a batch.
     static bool CanEstimateWithMisVal();
 
     int Components() const { return m_pprim.SizeRows(); }

@@ -1,0 +1,383 @@
+#include "veltancmat/models/NCPLS.h"
+
+#include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/containers/frame/ProgressScope.h"
+#include "veltancmat/containers/frame/StreamRecord.h"
+#include "veltancmat/models/NipalsStart.h"
+#include "veltancmat/platform/BinaryIO.h"
+#include "veltancmat/platform/NCError.h"
+
+#include <cmath>
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace {
+
+std::unique_ptr<NCDataMatrix<float>> CopyOf(const NCDataMatrix<float>* m)
+{
+    return std::make_unique<NCDataMatrix<float>>(m ? *m : NCDataMatrix<float>());
+}
+
+NCDataMatrix<float> ColumnMatrix(const NCDataVector<float>* y)
+{
+    if (!y)
+        return NCDataMatrix<float>();
+    NCDataMatrix<float> m(y->Size(), 1);
+    m.SetColumn(1, *y);
+    return m;
+}
+
+// Sum of squares of the present cells; 0 when there are none, so that an
+// empty vector fails the correlation guard instead of taking a root of -99.
+double PresentSS(const NCDataVector<float>& v)
+{
+    return v.HasValidValues() ? v.GetSS() : 0.0;
+}
+
+} // namespace
+
+QvStreamableData NCPLS::MyStreamableData(2, "NCPLS");
+
+NCPLS::NCPLS()
+    : m_cprim(std::make_unique<NCDataMatrix<float>>()), m_pprim(std::make_unique<NCDataMatrix<float>>()),
+      m_wprim(std::make_unique<NCDataMatrix<float>>()), m_uprim(std::make_unique<NCDataMatrix<float>>()),
+      m_tprim(std::make_unique<NCDataMatrix<float>>()), m_e(std::make_unique<NCDataMatrix<float>>()),
+      m_f(std::make_unique<NCDataMatrix<float>>())
+{
+}
+
+NCPLS::NCPLS(const NCDataMatrix<float>* x, const NCDataMatrix<float>* y, int maxIterations)
+    : m_e(CopyOf(x)), m_f(CopyOf(y)), m_maxIterations(maxIterations)
+{
+    EmptyComponents();
+}
+
+NCPLS::NCPLS(const NCDataMatrix<float>* x, const NCDataVector<float>* y, int maxIterations)
+    : m_e(CopyOf(x)), m_f(std::make_unique<NCDataMatrix<float>>(ColumnMatrix(y))), m_maxIterations(maxIterations)
+{
+    EmptyComponents();
+}
+
+NCPLS::NCPLS(NCDataMatrix<float>&& x, NCDataMatrix<float>&& y, int maxIterations)
+    : m_e(std::make_unique<NCDataMatrix<float>>(std::move(x))),
+      m_f(std::make_unique<NCDataMatrix<float>>(std::move(y))), m_maxIterations(maxIterations)
+{
+    EmptyComponents();
+}
+
+NCPLS::NCPLS(const NCDataMatrix<float>* e, const NCDataMatrix<float>* f, const NCDataMatrix<float>* cprim,
+             const NCDataMatrix<float>* pprim, const NCDataMatrix<float>* wprim, const NCDataMatrix<float>* uprim,
+             const NCDataMatrix<float>* tprim, int maxIterations)
+    : m_cprim(CopyOf(cprim)), m_pprim(CopyOf(pprim)), m_wprim(CopyOf(wprim)), m_uprim(CopyOf(uprim)),
+      m_tprim(CopyOf(tprim)), m_e(CopyOf(e)), m_f(CopyOf(f)), m_components(m_pprim->SizeRows()),
+      m_maxIterations(maxIterations)
+{
+}
+
+NCPLS::NCPLS(const NCPLS& other)
+    : QvStreamBase(other), m_cprim(CopyOf(other.m_cprim.get())), m_pprim(CopyOf(other.m_pprim.get())),
+      m_wprim(CopyOf(other.m_wprim.get())), m_uprim(CopyOf(other.m_uprim.get())),
+      m_tprim(CopyOf(other.m_tprim.get())), m_e(CopyOf(other.m_e.get())), m_f(CopyOf(other.m_f.get())),
+      m_components(other.m_components), m_maxIterations(other.m_maxIterations), m_iterations(other.m_iterations)
+{
+}
+
+NCPLS& NCPLS::operator=(const NCPLS& other)
+{
+    if (this != &other) {
+        NCPLS copy(other);
+        std::swap(m_cprim, copy.m_cprim);
+        std::swap(m_pprim, copy.m_pprim);
+        std::swap(m_wprim, copy.m_wprim);
+        std::swap(m_uprim, copy.m_uprim);
+        std::swap(m_tprim, copy.m_tprim);
+        std::swap(m_e, copy.m_e);
+        std::swap(m_f, copy.m_f);
+        m_components = other.m_components;
+        m_maxIterations = other.m_maxIterations;
+        m_iterations = other.m_iterations;
+    }
+    return *this;
+}
+
+NCPLS::~NCPLS() = default;
+
+// The component matrices start without rows but with their widths, so that
+// a model without components still answers for K, M and N.
+void NCPLS::EmptyComponents()
+{
+    if (m_e->SizeRows() != m_f->SizeRows())
+        throw NCInternalError("NCPLS::NCPLS");
+    const int n = m_e->SizeRows(), k = m_e->SizeColumns(), m = m_f->SizeColumns();
+    m_cprim = std::make_unique<NCDataMatrix<float>>(0, m);
+    m_pprim = std::make_unique<NCDataMatrix<float>>(0, k);
+    m_wprim = std::make_unique<NCDataMatrix<float>>(0, k);
+    m_uprim = std::make_unique<NCDataMatrix<float>>(0, n);
+    m_tprim = std::make_unique<NCDataMatrix<float>>(0, n);
+}
+
+// The first Y-score vector. A start weight vector only helps with several
+// responses: with one, the response itself is already the best start.
+NCDataVector<float> NCPLS::StartScores(const NCDataVector<float>* start) const
+{
+    if (start && m_f->SizeColumns() > 1) {
+        NCDataVector<float> t, c, u;
+        m_e->Result(&t).SpecialNipalsRegressRowsFix(*start);
+        m_f->Result(&c).SpecialNipalsRegressColumnsFix(t);
+        m_f->Result(&u).SpecialNipalsRegressRowsFix(c);
+        return u;
+    }
+    return NCNipals::FilledStartColumn(*m_f);
+}
+
+bool NCPLS::NextComponent(NCProgress* progress, const NCDataVector<float>* start, bool quiet, bool strict)
+{
+    const NCDataMatrix<float>& e = *m_e;
+    const NCDataMatrix<float>& f = *m_f;
+    if (e.empty() || f.empty() || e.SizeRows() != f.SizeRows())
+        throw NCInternalError("NCPLS::NextComponent");
+    if (start && start->Size() != e.SizeColumns())
+        throw NCInternalError("NCPLS::NextComponent");
+
+    const int component = m_components + 1;
+    const bool singleResponse = f.SizeColumns() == 1;
+    const double ssX = e.GetSS();
+    const double normX = IsMisVal(ssX) ? 0.0 : std::sqrt(ssX);
+    // Below this correlation the weights are noise: X carries no information about Y.
+    const double minCorrelation = 1e-6 / std::sqrt(static_cast<double>(e.SizeColumns()));
+    const CancelText aborted("Calculation of", "PLS component aborted.");
+
+    NCDataVector<float> u = StartScores(start);
+    NCDataVector<float> w, t, c, previous;
+    std::unique_ptr<NCProgress> own;
+    int iteration = 1;
+    for (;; ++iteration) {
+        previous = u;
+        e.Result(&w).SpecialNipalsRegressColumnsFix(u);
+
+        const double r = std::sqrt(PresentSS(u)) * std::sqrt(PresentSS(w)) / normX;
+        if (strict && !(std::isnormal(r) && r >= minCorrelation))
+            throw NCError(ExceptionMessage::translate(
+                              "The correlation between X and Y is zero or almost zero.\nComponent {1} cannot be computed.") %
+                              std::to_string(component),
+                          NCError::Warning);
+
+        w.Normalize();
+        e.Result(&t).SpecialNipalsRegressRowsFix(w);
+        f.Result(&c).SpecialNipalsRegressColumnsFix(t);
+        f.Result(&u).SpecialNipalsRegressRowsFix(c);
+
+        float v = 0.0f;
+        if (!singleResponse) {
+            const double x = u.Difference(previous);
+            v = x >= 1e-30 ? static_cast<float>((std::log10(x) + 10.0) * 10.0) : -1.0f;
+        }
+
+        if (!quiet) {
+            if (iteration == 1) {
+                if (!progress) {
+                    own = std::make_unique<NCProgress>(ProgressCaption(nullptr, "PLS Component %1%", component));
+                    progress = own.get();
+                }
+                progress->SetRangeInternal(v == 0.0f ? 1.0f : -v, 0.0f);
+            }
+            if (strict)
+                CheckedSetValue(progress, -v, aborted);
+        }
+        if (v <= 0.0f || iteration >= m_maxIterations)
+            break;
+    }
+    if (strict)
+        CheckBreak(progress, aborted);
+
+    NCDataVector<float> p;
+    e.Result(&p).SpecialNipalsRegressColumnsFix(t);
+    m_wprim->push_back(w);
+    m_pprim->push_back(p);
+    m_tprim->push_back(t);
+    m_uprim->push_back(u);
+    m_cprim->push_back(c);
+    m_components = component;
+    m_iterations = iteration;
+    return true;
+}
+
+void NCPLS::CalculateResiduals()
+{
+    const int a = m_components;
+    if (a < 1 || m_tprim->SizeRows() < a || m_pprim->SizeRows() < a || m_cprim->SizeRows() < a)
+        throw NCInternalError("NCPLS::CalculateResiduals");
+    const NCDataVector<float>& t = (*m_tprim)[a];
+    m_e->AddVprimV(t, (*m_pprim)[a], -1.0);
+    m_f->AddVprimV(t, (*m_cprim)[a], -1.0);
+}
+
+NCDataMatrix<float> NCPLS::GetWStarPrim(const NCDataMatrix<float>& wprim, const NCDataMatrix<float>& pprim)
+{
+    if (wprim.SizeRows() != pprim.SizeRows() || wprim.SizeColumns() != pprim.SizeColumns())
+        throw NCInternalError("NCPLS::GetWStarPrim");
+    const int a = wprim.SizeRows(), k = wprim.SizeColumns();
+    if (a == 0)
+        return NCDataMatrix<float>(0, k);
+    // P'W is A x A with (P'W)_ab = p_a . w_b; it is upper triangular with a
+    // unit diagonal on complete data, so an inverse fails only on damaged
+    // components, which give missing weights rather than made-up ones.
+    NCDataMatrix<float> ptw = pprim.MultiplyTransposeOther(wprim);
+    if (ptw.HasMissingValues() || !ptw.TransformToInverse())
+        return NCDataMatrix<float>(a, k, NCDataMatrix<float>::MisVal);
+    // W*' = (W (P'W)^-1)' = ((P'W)^-1)' W'.
+    return ptw.MultiplyTransposeThis(wprim);
+}
+
+NCDataMatrix<float> NCPLS::GetWStarPrim() const
+{
+    return GetWStarPrim(*m_wprim, *m_pprim);
+}
+
+NCDataMatrix<float> NCPLS::GetRegressionCoefficients(const NCDataMatrix<float>& wprim,
+                                                     const NCDataMatrix<float>& pprim,
+                                                     const NCDataMatrix<float>& cprim)
+{
+    if (cprim.SizeRows() != wprim.SizeRows())
+        throw NCInternalError("NCPLS::GetRegressionCoefficients");
+    const NCDataMatrix<float> wstarPrim = GetWStarPrim(wprim, pprim);
+    // Without components nothing of Y is explained: B = 0.
+    if (wstarPrim.SizeRows() == 0)
+        return NCDataMatrix<float>(wprim.SizeColumns(), cprim.SizeColumns(), 0.0f);
+    // B_jm = sum_a w*_ja c_am.
+    return wstarPrim.MultiplyTransposeThis(cprim);
+}
+
+NCDataMatrix<float> NCPLS::GetRegressionCoefficients(int components) const
+{
+    if (components == -1)
+        components = m_components;
+    if (components < 0 || components > m_components || components > m_pprim->SizeRows())
+        throw NCInternalError("NCPLS::GetRegressionCoefficients");
+    if (components == m_pprim->SizeRows())
+        return GetRegressionCoefficients(*m_wprim, *m_pprim, *m_cprim);
+    const int k = m_wprim->SizeColumns(), m = m_cprim->SizeColumns();
+    return GetRegressionCoefficients(m_wprim->SubMat(1, components, 1, k), m_pprim->SubMat(1, components, 1, k),
+                                     m_cprim->SubMat(1, components, 1, m));
+}
+
+void NCPLS::FlipComponent(int a)
+{
+    if (a < 1 || a > m_tprim->SizeRows() || a > m_uprim->SizeRows() || a > m_wprim->SizeRows() ||
+        a > m_pprim->SizeRows() || a > m_cprim->SizeRows())
+        throw NCInternalError("NCPLS::FlipComponent");
+    for (NCDataMatrix<float>* m : {m_tprim.get(), m_uprim.get(), m_wprim.get(), m_pprim.get(), m_cprim.get()})
+        m->MultiplyRow(a, -1.0);
+}
+
+void NCPLS::ShuffleYResiduals(const int* permutation)
+{
+    const int n = m_f->SizeRows();
+    if (m_components > 0 || m_f->empty())
+        throw NCError(ExceptionMessage::translate("Unable to permutate PLS model."), NCError::Error);
+    if (!permutation)
+        throw NCInternalError("NCPLS::ShuffleYResiduals");
+    // Every row exactly once; anything else would duplicate responses.
+    std::vector<bool> seen(static_cast<std::size_t>(n) + 1, false);
+    NCDataMatrix<float>::IndexList order(n);
+    for (int i = 1; i <= n; ++i) {
+        const int from = permutation[i];
+        if (from < 1 || from > n || seen[from])
+            throw NCInternalError("NCPLS::ShuffleYResiduals");
+        seen[from] = true;
+        order(i) = from;
+    }
+    *m_f = m_f->GetRowSubMatrix(order);
+}
+
+// ------------------------------------------------------------ streaming
+
+bool NCPLS::QvStreamableStartWrite(std::ostream& out) const
+{
+    return NCStreamRecord::StartWrite(
+        out, m_streaming, MyStreamableData, [&] { return QvStreamableWriteBases(out); },
+        [&] { return QvStreamableWrite(out); });
+}
+
+bool NCPLS::QvStreamableWriteBases(std::ostream& out) const
+{
+    return QvStreamBase::QvStreamableStartWrite(out);
+}
+
+bool NCPLS::QvStreamableWrite(std::ostream& out) const
+{
+    OutputStreamDirectory directory(out, 9);
+    const NCDataMatrix<float>* matrices[] = {m_cprim.get(), m_pprim.get(), m_wprim.get(), m_uprim.get(),
+                                             m_tprim.get(), m_e.get(),     m_f.get()};
+    bool ok = true;
+    for (int entry = 0; entry < 7 && ok; ++entry)
+        ok = (directory.GetOutput(entry) << *matrices[entry]).good();
+    const std::int32_t maxIterations = m_maxIterations, iterations = m_iterations;
+    ok = ok && WriteFourBytes(&maxIterations, 1, directory.GetOutput(7));
+    ok = ok && WriteFourBytes(&iterations, 1, directory.GetOutput(8));
+    return directory.Close() && ok && out.good();
+}
+
+bool NCPLS::QvStreamableStartRead(std::istream& in)
+{
+    return NCStreamRecord::StartRead(
+        in, m_streaming, MyStreamableData, 2, [&] { return QvStreamableReadBases(in); },
+        [&] { return QvStreamableRead(in); });
+}
+
+bool NCPLS::QvStreamableReadBases(std::istream& in)
+{
+    return QvStreamBase::QvStreamableStartRead(in);
+}
+
+bool NCPLS::QvStreamableRead(std::istream& in)
+{
+    InputStreamDirectory directory(in);
+    const bool ok = ReadStreamDirectory(directory);
+    return directory.Close() && ok && in.good();
+}
+
+// Reads into fresh objects, so a damaged record leaves the model as it was.
+// The component count is deliberately not touched: the record does not
+// carry it, and callers take the row count of P' instead.
+bool NCPLS::ReadStreamDirectory(InputStreamDirectory& directory)
+{
+    try {
+        std::unique_ptr<NCDataMatrix<float>> read[7];
+        for (int entry = 0; entry < 7; ++entry) {
+            read[entry] = std::make_unique<NCDataMatrix<float>>();
+            if (!(directory.GetRequiredInput(entry) >> *read[entry]))
+                return false;
+        }
+        const int a = read[1]->SizeRows();
+        for (int entry = 0; entry < 5; ++entry)
+            if (read[entry]->SizeRows() != a)
+                return false;
+        std::int32_t maxIterations = 0, iterations = 0;
+        directory.ReadRequired(7, &maxIterations, 1, 4);
+        directory.ReadRequired(8, &iterations, 1, 4);
+        m_cprim = std::move(read[0]);
+        m_pprim = std::move(read[1]);
+        m_wprim = std::move(read[2]);
+        m_uprim = std::move(read[3]);
+        m_tprim = std::move(read[4]);
+        m_e = std::move(read[5]);
+        m_f = std::move(read[6]);
+        m_maxIterations = maxIterations;
+        m_iterations = iterations;
+        return true;
+    } catch (const QvStreamError&) {
+        return false;
+    }
+}
+
+void NCPLS::QvStreamableReset() const
+{
+    m_streaming = false;
+    for (const NCDataMatrix<float>* m :
+         {m_cprim.get(), m_pprim.get(), m_wprim.get(), m_uprim.get(), m_tprim.get(), m_e.get(), m_f.get()})
+        m->QvStreamableReset();
+    QvStreamBase::QvStreamableReset();
+}
