@@ -116,9 +116,9 @@ PcaFit FitPca(const DataTable& table, const PcaOptions& options, NCProgress& pro
     // Beyond this the residuals are zero and no further direction exists.
     const int capacity = std::min(n - (centred ? 1 : 0), k);
     if (options.components > capacity)
-        throw ToolError("--components " + std::to_string(options.components) + ": " + table.source + " can take at most " +
-                            std::to_string(capacity) + " (" + Plural(n, "observation") + ", " + Plural(k, "variable") +
-                            (centred ? ", centred" : "") + ")",
+        throw ToolError("--components " + std::to_string(options.components) + ": " + table.source +
+                            " can take at most " + std::to_string(capacity) + " (" + Plural(n, "observation") + ", " +
+                            Plural(k, "variable") + (centred ? ", centred" : "") + ")",
                         ExitUsage);
 
     PcaFit fit;

@@ -145,8 +145,8 @@ std::unique_ptr<PcaModelFile> LoadModel(const std::string& path)
     if (found < 0)
         throw ToolError(path + ": not a veltan PCA model file");
     if (found != FileVersion)
-        throw ToolError(path + ": model file version " + std::to_string(found) + " is not supported (this veltan reads version " +
-                        std::to_string(FileVersion) + ")");
+        throw ToolError(path + ": model file version " + std::to_string(found) +
+                        " is not supported (this veltan reads version " + std::to_string(FileVersion) + ")");
     throw ToolError(path + ": the model file is damaged or incomplete");
 }
 

@@ -91,7 +91,8 @@ TEST(CsvTable, QuotesBomAndLineEnds)
     EXPECT_EQ(t.observations, (std::vector<std::string>{"r1", "r2"}));
     EXPECT_EQ(t.fileRows, (std::vector<int>{2, 4}));
     EXPECT_EQ(t.values[2][2], 4.0f);
-    EXPECT_EQ(ParseError("name,a,b\r\nr1,1,2\r\n\r\nr2,3,x\r\n"), "t.csv: row 4, column 3 (\"b\"): \"x\" is not a number");
+    EXPECT_EQ(ParseError("name,a,b\r\nr1,1,2\r\n\r\nr2,3,x\r\n"),
+              "t.csv: row 4, column 3 (\"b\"): \"x\" is not a number");
     EXPECT_EQ(ParseError("name,a\nr1,1\n\n\"r2\"x,2\n"), "t.csv: row 4, column 1: a quote is misplaced (a quoted "
                                                          "field must end at a comma or a line end, and quotes "
                                                          "inside it are doubled)");
