@@ -7,7 +7,6 @@
 #include "cli/ToolError.h"
 
 #include "veltancmat/models/NCPCAPred.h"
-#include "veltancmat/models/ScoreEstimator.h"
 #include "veltancmat/platform/Exception.h"
 
 #include <memory>
@@ -33,31 +32,14 @@ void CheckVariables(const PcaModelFile& model, const std::string& modelPath, con
     }
 }
 
-// Scores around gaps need the PLS route of the score estimator; until the
-// library has it, a row with a gap is refused here rather than failing
-// halfway through the batch.
-void CheckComplete(const NCDataMatrix<float>& x, const DataTable& table, const char* why)
-{
-    if (ScoreEstimator::CanEstimateWithMisVal() || !x.HasMissingValues())
-        return;
-    for (int i = 1; i <= x.SizeRows(); ++i)
-        for (int j = 1; j <= x.SizeColumns(); ++j)
-            if (x[i][j] == -99.0f)
-                throw ToolError(table.Where(i, j) + ": " + why +
-                                "; this build cannot compute scores of observations with missing values");
-}
-
 } // namespace
 
 NCDataMatrix<float> PredictScores(PcaModelFile& model, const std::string& modelPath, const DataTable& table)
 {
     CheckVariables(model, modelPath, table);
     NCDataMatrix<float> x = table.values;
-    CheckComplete(x, table, "missing value");
-    if (model.transform) {
+    if (model.transform)
         ApplyTransform(*model.transform, table, x);
-        CheckComplete(x, table, "missing value after the transform");
-    }
     ApplyScaling(model.scale, table, x);
     const NCDataMatrix<float>& pprim = *model.pca.GetPprim();
     if (pprim.SizeRows() == 0)

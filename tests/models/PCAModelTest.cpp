@@ -310,7 +310,6 @@ TEST(PCAPrediction, SparseRowsGetMissingScores)
 // component is used and the gapped rows land near their complete versions.
 TEST(PCAPrediction, RowsWithGapsScoreCloseToTheirCompleteVersion)
 {
-    ASSERT_TRUE(ScoreEstimator::CanEstimateWithMisVal());
     NCDataMatrix<float> x = LowRankTable(40, 40, 3, 0.05);
     for (int j = 1; j <= 40; ++j)
         x.MultiplyColumn(j, 0.02);

@@ -40,11 +40,6 @@ void ScoreEstimator::EstimateWithoutMisVal(NCDataVector<float>& t, const NCDataV
     }
 }
 
-bool ScoreEstimator::CanEstimateWithMisVal()
-{
-    return true;
-}
-
 // The scores are the coefficients of a PLS regression of the present values
 // on the loadings, with the loadings as predictors (K rows, A columns).
 // PLS skips the gaps by its own rule, and its components stop early where

@@ -19,11 +19,6 @@ public:
     void EstimateWithoutMisVal(NCDataVector<float>& t, const NCDataVector<float>& x) const;
     void EstimateWithMisVal(NCDataVector<float>& t, const NCDataVector<float>& x) const;
 
-    // Whether EstimateWithMisVal can run in this build (it can). Callers
-    // that meet missing values may check it first instead of failing
-    // halfway through a batch.
-    static bool CanEstimateWithMisVal();
-
     int Components() const { return m_pprim.SizeRows(); }
     int Variables() const { return m_pprim.SizeColumns(); }
 
