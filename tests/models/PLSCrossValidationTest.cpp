@@ -1,0 +1,197 @@
+#include "veltancmat/models/PLSCrossValidation.h"
+#include "veltancmat/models/PLSMissingValueEstimator.h"
+#include "veltancmat/platform/Exception.h"
+#include "veltancmat/platform/NCError.h"
+
+#include "containers/MatrixChecks.h"
+#include "models/ModelData.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+
+namespace {
+
+using S = SignificanceE;
+using CV = PLSCrossValidation;
+
+// Three responses driven by the columns of x, with noise of their own.
+NCDataMatrix<float> DependentResponses(const NCDataMatrix<float>& x, float noise)
+{
+    NCDataMatrix<float> y = LowRankTable(x.SizeRows(), 3, 1, 1.0, 5);
+    for (int i = 1; i <= x.SizeRows(); ++i)
+        for (int m = 1; m <= 3; ++m)
+            y(i, m, x[i][m] + 0.5f * x[i][m + 2] + noise * y[i][m] / 3.0f);
+    return y;
+}
+
+void Next(NCPLS& pls, CV& cv, NCProgress* progress = nullptr)
+{
+    pls.NextComponent(nullptr, nullptr, true, false);
+    cv.NextComponent(nullptr, 500, pls.GetTprim()->back(), progress, true);
+    pls.CalculateResiduals();
+}
+
+// Requests a break when the caption `at` appears; keeps the captions and the title.
+struct BreakAt {
+    BreakAt(NCProgress& progress, std::string at)
+    {
+        progress.SetObserver([&progress, at, this](const NCProgressSnapshot& s) {
+            captions += s.caption + "|";
+            title = s.title;
+            if (s.caption == at)
+                progress.RequestBreak();
+        }, std::chrono::milliseconds{0}, std::chrono::milliseconds{0});
+    }
+    std::string captions, title;
+};
+
+// The message of the CancelException that f throws; empty when it throws none.
+template <class F>
+std::string CancelMessage(F f)
+{
+    try {
+        f();
+    } catch (const CancelException& e) {
+        return e.what();
+    }
+    return {};
+}
+
+} // namespace
+
+TEST(PLSCrossValidation, DependentResponsesArePredictedAndNoiseIsNot)
+{
+    const NCDataMatrix<float> x = LowRankTable(60, 8, 2, 0.3), y = DependentResponses(x, 0.3);
+    NCPLS pls(&x, &y, 500);
+    CV cv(&pls, 7, nullptr);
+    Next(pls, cv);
+    const float q2First = cv.GetQ2Tot();
+    EXPECT_GT(q2First, 0.5f);
+    // Q2 again from the prediction residuals: every cell was predicted once.
+    const NCDataMatrix<float>& f = cv.GetYPredResiduals();
+    ASSERT_FALSE(f.HasMissingValues());
+    EXPECT_NEAR(q2First, 1.0 - f.GetSS() / y.GetSS(), 1e-5);
+
+    const double fittedOn = pls.GetYResiduals()->GetColumnSS(2);
+    Next(pls, cv);
+    EXPECT_NEAR(cv.GetSSY()[2], fittedOn, 1e-4 * fittedOn);
+    EXPECT_NEAR(cv.GetQ2TotCum(), 1.0 - (1.0 - q2First) * std::min(1.0 - cv.GetQ2Tot(), 1.1), 1e-5);
+
+    const NCDataMatrix<float> noise = LowRankTable(60, 2, 1, 1.0, 99);
+    NCPLS unrelated(&x, &noise, 500);
+    CV none(&unrelated, 7, nullptr);
+    Next(unrelated, none);
+    EXPECT_LE(none.GetQ2Tot(), none.GetQ2Lim());
+    EXPECT_LE(none.GetQ2YVar()[1], none.GetQ2Lim());
+}
+
+TEST(PLSCrossValidation, Q2LimitAndEachBranchOfTheRule)
+{
+    for (const int n : {100, 101}) {
+        const NCDataMatrix<float> x = LowRankTable(n, 3, 1, 0.1);
+        NCPLS pls(&x, &x, 10);
+        EXPECT_FLOAT_EQ(CV(&pls, 7, nullptr).GetQ2Lim(), n == 100 ? 0.05f : 0.0f);
+    }
+    const NCDataVector<float> r2v(16, 0.2f);
+    // At most min(K, N - 3) components.
+    EXPECT_EQ(CV::GetSignificance(5, 10, 16, 2, 0.5f, r2v, 0.9f, r2v, 0.05f), S::N3);
+    EXPECT_EQ(CV::GetSignificance(5, 10, 16, 1, 0.5f, r2v, 0.9f, r2v, 0.05f), S::R1);
+    // Under 1 % explained and no response above 3 %.
+    NCDataVector<float> small(16, 0.03f);
+    EXPECT_EQ(CV::GetSignificance(100, 10, 16, 0, 0.005f, small, 0.9f, r2v, 0.05f), S::N4);
+    small(9, 0.031f);
+    EXPECT_EQ(CV::GetSignificance(100, 10, 16, 0, 0.005f, small, 0.9f, r2v, 0.05f), S::R1);
+    // Q2 at the limit is not above it; then sqrt(16) = 4 responses must be.
+    NCDataVector<float> q2v(16, 0.0f);
+    for (int j = 1; j <= 4; ++j)
+        q2v(j, 0.2f);
+    EXPECT_EQ(CV::GetSignificance(100, 10, 16, 0, 0.2f, r2v, 0.05f, q2v, 0.05f), S::R2);
+    q2v(4, 0.05f);
+    EXPECT_EQ(CV::GetSignificance(100, 10, 16, 0, 0.2f, r2v, 0.05f, q2v, 0.05f), S::NS);
+    // M = 30 needs a fifth, 6; a missing Q2 does not count.
+    NCDataVector<float> wide(30, 0.0f);
+    for (int j = 1; j <= 6; ++j)
+        wide(j, 0.1f);
+    EXPECT_EQ(CV::GetSignificance(100, 10, 30, 0, 0.2f, wide, 0.0f, wide, 0.05f), S::R2);
+    wide(6, -99.0f);
+    EXPECT_EQ(CV::GetSignificance(100, 10, 30, 0, 0.2f, wide, 0.0f, wide, 0.05f), S::NS);
+    // M = 5: sqrt(5) = 2.24 rounds to 2.
+    const NCDataVector<float> five{0.1f, 0.1f, 0.0f, 0.0f, 0.0f};
+    EXPECT_EQ(CV::GetSignificance(100, 10, 5, 0, 0.2f, five, 0.0f, five, 0.05f), S::R2);
+    EXPECT_THROW(CV::GetSignificance(100, 10, 17, 0, 0.2f, r2v, 0.0f, q2v, 0.05f), NCInternalError);
+}
+
+TEST(PLSCrossValidation, BadSetupIsRefusedAndABreakCancels)
+{
+    const NCDataMatrix<float> x = LowRankTable(30, 6, 2, 0.5), y = DependentResponses(x, 0.5);
+    NCPLS pls(&x, &y, 500);
+    EXPECT_THROW(CV(&pls, 1, nullptr), NCError);
+    CV cv(&pls, 3, nullptr);
+    EXPECT_THROW(cv.NextComponent(nullptr, 100, NCDataVector<float>(29, 1.0f), nullptr, true), NCInternalError);
+
+    NCProgress progress;
+    BreakAt observer(progress, "CV round 2 of 3");
+    EXPECT_EQ(CancelMessage([&] { Next(pls, cv, &progress); }), "PLS component aborted.");
+    EXPECT_NE(observer.captions.find("CV round 1 of 3|"), std::string::npos);
+    EXPECT_EQ(observer.captions.find("CV round 3 of 3|"), std::string::npos);
+}
+
+// Gaps in a Y that X explains are filled close to the values knocked out,
+// then gaps in X from the completed Y; present cells stay as they were.
+TEST(PLSMissingValueEstimator, FillsGapsCloseToTheTruthInBothDirections)
+{
+    const NCDataMatrix<float> truthX = LowRankTable(60, 8, 2, 0.05), truthY = DependentResponses(truthX, 0.05);
+    NCDataMatrix<float> x = truthX, y = truthY;
+    KnockOut(y, 0.15, 3);
+    KnockOut(x, 0.05, 4);
+    const NCDataMatrix<float> gappyY = y, gappyX = x;
+    PLSMissingValueEstimator(x, y, true, nullptr);
+    for (const auto& [filled, gappy, truth] : {std::tie(y, gappyY, truthY), std::tie(x, gappyX, truthX)}) {
+        double error = 0.0, spread = 0.0;
+        for (int i = 1; i <= filled.SizeRows(); ++i)
+            for (int j = 1; j <= filled.SizeColumns(); ++j) {
+                const bool gap = gappy[i][j] == -99.0f;
+                ASSERT_EQ(filled[i][j], gap ? filled[i][j] : gappy[i][j]);
+                error += gap ? std::pow(double(filled[i][j]) - truth[i][j], 2.0) : 0.0;
+                spread += gap ? double(truth[i][j]) * truth[i][j] : 0.0;
+            }
+        EXPECT_FALSE(filled.HasMissingValues());
+        EXPECT_LT(std::sqrt(error / spread), 0.15);
+    }
+}
+
+// y1 = y2 = x1 on a two-level design: after one exact component the next
+// finds no correlation left, which ends the search instead of failing.
+TEST(PLSMissingValueEstimator, LaterCorrelationFailureKeepsTheComponentsFound)
+{
+    NCDataMatrix<float> x(8, 3), y(8, 2);
+    for (int i = 1; i <= 8; ++i) {
+        for (int j = 1; j <= 3; ++j)
+            x(i, j, ((i - 1) >> (j - 1)) & 1 ? 1.0f : -1.0f);
+        y(i, 1, x[i][1]);
+        y(i, 2, i == 3 ? -99.0f : x[i][1]);
+    }
+    PLSMissingValueEstimator(x, y, false, nullptr);
+    EXPECT_NEAR(y[3][2], x[3][1], 1e-5);
+}
+
+TEST(PLSMissingValueEstimator, CancelAndBadInputLeaveTheMatricesAlone)
+{
+    NCDataMatrix<float> x = LowRankTable(40, 6, 2, 0.1), y = DependentResponses(x, 0.1);
+    KnockOut(y, 0.1);
+    const NCDataMatrix<float> before = y;
+    NCProgress progress;
+    BreakAt observer(progress, "CV round 3 of 7");
+    EXPECT_EQ(CancelMessage([&] { PLSMissingValueEstimator(x, y, false, &progress); }),
+              "Computations aborted.");
+    EXPECT_EQ(observer.title, "Estimating missing values.");
+    EXPECT_TRUE(SameCells(y, before));
+
+    NCDataMatrix<float> shortY = y.SubMat(1, 39, 1, 3), empty(40, 2, -99.0f);
+    EXPECT_THROW(PLSMissingValueEstimator(x, shortY, false, nullptr), NCInternalError);
+    EXPECT_THROW(PLSMissingValueEstimator(x, empty, false, nullptr), NCError);
+    EXPECT_TRUE(SameCells(empty, NCDataMatrix<float>(40, 2, -99.0f)));
+}

@@ -1,0 +1,219 @@
+#include "veltancmat/models/PLSCrossValidation.h"
+
+#include "veltancmat/containers/CVGroups.h"
+#include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/containers/frame/ProgressScope.h"
+#include "veltancmat/platform/NCError.h"
+
+#include <algorithm>
+#include <cmath>
+#include <string>
+
+namespace {
+
+// The smallest normal float: below it a sum of squares counts as nothing.
+constexpr double Tiny = 1.1754943508222875e-37;
+constexpr double TinyStart = 1.1754944e-37;
+// One very bad component may not wipe out the cumulative value.
+constexpr double PressCap = 1.1;
+
+const CancelText Aborted("Calculation of", "PLS component aborted.");
+
+double PresentSS(const NCDataVector<float>& v)
+{
+    return v.HasValidValues() ? v.GetSS() : 0.0;
+}
+
+} // namespace
+
+PLSCrossValidation::PLSCrossValidation(NCPLS* model, int groups, const IndexList* observationGroups)
+    : m_model(model), m_groups(groups)
+{
+    Init(observationGroups);
+    m_q2YVarCum = NCDataVector<float>(m_ssYOriginal.Size(), 0.0f);
+}
+
+PLSCrossValidation::PLSCrossValidation(NCPLS* model, float q2Cum, const NCDataVector<float>& q2YVarCum, int groups,
+                                       const IndexList* observationGroups)
+    : m_model(model), m_groups(groups), m_q2Cum(q2Cum)
+{
+    Init(observationGroups);
+    if (q2YVarCum.Size() != m_ssYOriginal.Size())
+        throw NCInternalError("PLSCrossValidation::PLSCrossValidation");
+    m_q2YVarCum = q2YVarCum;
+}
+
+PLSCrossValidation::~PLSCrossValidation() = default;
+
+void PLSCrossValidation::Init(const IndexList* observationGroups)
+{
+    if (!m_model || !m_model->GetXResiduals() || !m_model->GetYResiduals())
+        throw NCInternalError("PLSCrossValidation::PLSCrossValidation");
+    if (m_groups < 2)
+        throw NCError(ExceptionMessage::translate("Cross-validation needs at least two groups."), NCError::Error);
+    const NCDataMatrix<float>& f = *m_model->GetYResiduals();
+    const int n = f.SizeRows(), m = f.SizeColumns();
+    if (m_model->GetXResiduals()->SizeRows() != n)
+        throw NCInternalError("PLSCrossValidation::PLSCrossValidation");
+    m_obsGroups = observationGroups ? *observationGroups : GetDeafultCVGroupsVector(n, m_groups);
+    if (m_obsGroups.Size() != n)
+        throw NCInternalError("PLSCrossValidation::PLSCrossValidation");
+    for (int i = 1; i <= n; ++i)
+        if (m_obsGroups[i] < 0 || m_obsGroups[i] >= m_groups)
+            throw NCError(ExceptionMessage::translate("A cross-validation group label lies outside 0 to {1}.") %
+                              std::to_string(m_groups - 1),
+                          NCError::Error);
+    m_ssYOriginal = NCDataVector<float>(m);
+    for (int j = 1; j <= m; ++j)
+        m_ssYOriginal(j, static_cast<float>(PresentSS(f.GetColumn(j))));
+    m_ssY = m_ssYOriginal;
+    m_q2YVar = NCDataVector<float>(m, 0.0f);
+}
+
+void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int maxIterations,
+                                       const NCDataVector<float>& scores, NCProgress* progress, bool strict)
+{
+    const NCDataMatrix<float>& e = *m_model->GetXResiduals();
+    const NCDataMatrix<float>& f = *m_model->GetYResiduals();
+    const int n = e.SizeRows(), k = e.SizeColumns(), m = f.SizeColumns();
+    if (f.SizeRows() != n || n != m_obsGroups.Size() || scores.Size() != n || m != m_ssYOriginal.Size() ||
+        (start && start->Size() != k))
+        throw NCInternalError("PLSCrossValidation::NextComponent");
+
+    for (int j = 1; j <= m; ++j)
+        m_ssY(j, static_cast<float>(PresentSS(f.GetColumn(j))));
+    m_wset = NCDataMatrix<float>(m_groups, k, NCDataMatrix<float>::MisVal);
+    m_pset = NCDataMatrix<float>(m_groups, k, NCDataMatrix<float>::MisVal);
+    m_cset = NCDataMatrix<float>(m_groups, m, NCDataMatrix<float>::MisVal);
+    m_tset = NCDataMatrix<float>(m_groups, n, NCDataMatrix<float>::MisVal);
+    m_tpred = NCDataVector<float>(n, NCDataMatrix<float>::MisVal);
+    m_yPredResiduals = NCDataMatrix<float>(n, m, NCDataMatrix<float>::MisVal);
+    std::vector<double> ss(static_cast<std::size_t>(m) + 1, 0.0), press(static_cast<std::size_t>(m) + 1, 0.0);
+
+    ProgressRange(progress, 0.0f, static_cast<float>(m_groups));
+    std::vector<int> kept, left;
+    kept.reserve(static_cast<std::size_t>(n));
+    for (int r = 1; r <= m_groups; ++r) {
+        ProgressStep step(progress, static_cast<float>(r - 1), Aborted,
+                          ProgressCaption("CV = Cross-validation", "CV round %1% of %2%", r, m_groups));
+        const int label = r % m_groups;
+        kept.clear();
+        left.clear();
+        for (int i = 1; i <= n; ++i)
+            (m_obsGroups[i] == label ? left : kept).push_back(i);
+        // A group without members predicts nothing; one holding every row
+        // leaves nothing to fit on.
+        if (left.empty() || kept.empty())
+            continue;
+        const IndexList keptRows(kept.data(), static_cast<int>(kept.size()));
+        NCPLS round(e.GetRowSubMatrix(keptRows), f.GetRowSubMatrix(keptRows), maxIterations);
+        // Without a progress object of its own the model would create one
+        // per round; the rounds report into ours or stay quiet.
+        round.NextComponent(progress, start, progress == nullptr, strict);
+        NCDataVector<float> w = round.GetWprim()->back(), p = round.GetPprim()->back();
+        NCDataVector<float> c = round.GetCprim()->back(), t = round.GetTprim()->back();
+
+        // The round's component takes the sign of the model's, so that the
+        // sets can be compared round by round.
+        double dot = 0.0;
+        for (std::size_t s = 0; s < kept.size(); ++s) {
+            const float a = t[static_cast<int>(s) + 1], b = scores[kept[s]];
+            dot += IsMisVal(a) || IsMisVal(b) ? 0.0 : static_cast<double>(a) * b;
+        }
+        if (dot < 0.0) {
+            w *= -1.0;
+            p *= -1.0;
+            c *= -1.0;
+            t *= -1.0;
+        }
+        m_wset.SetRow(r, w);
+        m_pset.SetRow(r, p);
+        m_cset.SetRow(r, c);
+        for (std::size_t s = 0; s < kept.size(); ++s)
+            m_tset(r, kept[s], t[static_cast<int>(s) + 1]);
+
+        // The left-out rows get scores from weights that never saw them,
+        // and their Y residuals are predicted from those scores.
+        const IndexList leftRows(left.data(), static_cast<int>(left.size()));
+        const NCDataVector<float> tl = e.GetRowSubMatrix(leftRows).SpecialNipalsRegressRowsFix(w);
+        for (std::size_t s = 0; s < left.size(); ++s) {
+            const int i = left[s];
+            const float ti = tl[static_cast<int>(s) + 1];
+            m_tpred(i, ti);
+            if (IsMisVal(ti))
+                continue;
+            for (int j = 1; j <= m; ++j) {
+                const float y = f[i][j];
+                if (IsMisVal(y) || IsMisVal(c[j]))
+                    continue;
+                const float residual = y - ti * c[j];
+                m_yPredResiduals(i, j, residual);
+                ss[static_cast<std::size_t>(j)] += static_cast<double>(y) * y;
+                press[static_cast<std::size_t>(j)] += static_cast<double>(residual) * residual;
+            }
+        }
+    }
+    m_tset.RecountMissing();
+    m_yPredResiduals.RecountMissing();
+    Accumulate(ss, press);
+}
+
+void PLSCrossValidation::Accumulate(const std::vector<double>& ss, const std::vector<double>& press)
+{
+    const int m = m_q2YVar.Size();
+    double ssTotal = 0.0, pressTotal = 0.0;
+    for (int j = 1; j <= m; ++j) {
+        const double s = ss[static_cast<std::size_t>(j)], e = press[static_cast<std::size_t>(j)];
+        ssTotal += s;
+        pressTotal += e;
+        if (s >= Tiny) {
+            m_q2YVar(j, static_cast<float>((s - e) / s));
+            const double kept = 1.0 - m_q2YVarCum[j];
+            m_q2YVarCum(j, static_cast<float>(1.0 - kept * std::min(e / s, PressCap)));
+        } else {
+            // Nothing left to predict: a response that had variation to
+            // begin with has been explained completely.
+            m_q2YVar(j, 0.0f);
+            const float startSS = m_ssYOriginal[j];
+            m_q2YVarCum(j, IsMisVal(startSS) || startSS < TinyStart ? 0.0f : 1.0f);
+        }
+    }
+    if (ssTotal >= Tiny) {
+        m_q2 = static_cast<float>((ssTotal - pressTotal) / ssTotal);
+        m_q2Cum = static_cast<float>(1.0 - (1.0 - m_q2Cum) * std::min(pressTotal / ssTotal, PressCap));
+    } else {
+        // The cumulative value stays where it was: nothing more was predicted.
+        m_q2 = 0.0f;
+    }
+}
+
+float PLSCrossValidation::GetQ2Lim() const
+{
+    return m_model->GetXResiduals()->SizeRows() > 100 ? 0.0f : 0.05f;
+}
+
+SignificanceE::Significance PLSCrossValidation::GetSignificance(int observations, int variables, int responses,
+                                                                int earlierComponents, float r2,
+                                                                const NCDataVector<float>& r2Responses, float q2,
+                                                                const NCDataVector<float>& q2Responses,
+                                                                float q2Limit)
+{
+    if (responses > 0 && (r2Responses.Size() < responses || q2Responses.Size() < responses))
+        throw NCInternalError("PLSCrossValidation::GetSignificance");
+    if (std::min(variables, observations - 3) <= earlierComponents)
+        return SignificanceE::N3;
+    if (r2 < 0.01f) {
+        bool explained = false;
+        for (int j = 1; j <= responses && !explained; ++j)
+            explained = !IsMisVal(r2Responses[j]) && r2Responses[j] > 0.03f;
+        if (responses < 1 || !explained)
+            return SignificanceE::N4;
+    }
+    if (q2 > q2Limit)
+        return SignificanceE::R1;
+    int above = 0;
+    for (int j = 1; j <= responses; ++j)
+        above += !IsMisVal(q2Responses[j]) && q2Responses[j] > q2Limit ? 1 : 0;
+    const double h = responses < 25 ? std::sqrt(static_cast<double>(responses)) : 0.2 * responses;
+    return above < static_cast<int>(h + 0.5) ? SignificanceE::NS : SignificanceE::R2;
+}
