@@ -1,5 +1,7 @@
 #include "veltancmat/models/PCACrossValidation.h"
 
+#include "veltancmat/models/CrossValidationQ2.h"
+
 #include "veltancmat/containers/CVGroups.h"
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
@@ -12,22 +14,7 @@
 
 namespace {
 
-// The smallest normal float: below it a sum of squares counts as nothing.
-constexpr double Tiny = 1.1754943508222875e-37;
-constexpr double TinyStart = 1.1754944e-37;
-// One very bad component may not wipe out the cumulative value.
-constexpr double PressCap = 1.1;
-
 const CancelText Aborted("Calculations of", "PC component aborted.");
-
-void CheckLabels(const NCIntegralVector<int, -99>& labels, int groups)
-{
-    for (int i = 1; i <= labels.Size(); ++i)
-        if (labels[i] < 0 || labels[i] >= groups)
-            throw NCError(ExceptionMessage::translate("A cross-validation group label lies outside 0 to {1}.") %
-                              std::to_string(groups - 1),
-                          NCError::Error);
-}
 
 // Flips v (and w, when given) so that v . reference is not negative.
 void AlignSign(NCDataVector<float>& v, const NCDataVector<float>& reference, NCDataVector<float>* w = nullptr)
@@ -47,18 +34,16 @@ PCACrossValidation::PCACrossValidation(NCPCA* model, int groups, const IndexList
     : m_model(model), m_groups(groups)
 {
     Init(observationGroups, variableGroups);
-    m_q2VarCumStart = NCDataVector<float>(m_varGroups.Size(), 0.0f);
-    m_q2VarCum = m_q2VarCumStart;
+    m_q2VarCum = NCDataVector<float>(m_varGroups.Size(), 0.0f);
 }
 
 PCACrossValidation::PCACrossValidation(NCPCA* model, float q2Cum, const NCDataVector<float>& q2VarCum, int groups,
                                        const IndexList* observationGroups, const IndexList* variableGroups)
-    : m_model(model), m_groups(groups), m_q2Cum(q2Cum), m_q2CumStart(q2Cum)
+    : m_model(model), m_groups(groups), m_q2Cum(q2Cum)
 {
     Init(observationGroups, variableGroups);
     if (q2VarCum.Size() != m_varGroups.Size())
         throw NCInternalError("PCACrossValidation::PCACrossValidation");
-    m_q2VarCumStart = q2VarCum;
     m_q2VarCum = q2VarCum;
 }
 
@@ -74,8 +59,8 @@ void PCACrossValidation::Init(const IndexList* observationGroups, const IndexLis
     m_varGroups = variableGroups ? *variableGroups : GetDeafultCVGroupsVector(k, m_groups);
     if (m_obsGroups.Size() != n || m_varGroups.Size() != k)
         throw NCInternalError("PCACrossValidation::PCACrossValidation");
-    CheckLabels(m_obsGroups, m_groups);
-    CheckLabels(m_varGroups, m_groups);
+    NCCrossValidation::CheckGroupLabels(m_obsGroups, m_groups);
+    NCCrossValidation::CheckGroupLabels(m_varGroups, m_groups);
     m_startSS = NCDataVector<float>(k);
     for (int j = 1; j <= k; ++j)
         m_startSS(j, static_cast<float>(e.GetColumnSS(j, 0.0)));
@@ -189,29 +174,7 @@ void PCACrossValidation::Predict(const NCDataMatrix<float>& e, bool restart)
         m_q2Cum = 0.0f;
         m_q2VarCum = NCDataVector<float>(k, 0.0f);
     }
-    double ssTotal = 0.0, pressTotal = 0.0;
-    for (int j = 1; j <= k; ++j) {
-        ssTotal += ss[j];
-        pressTotal += press[j];
-        if (ss[j] >= Tiny) {
-            m_q2Var(j, static_cast<float>((ss[j] - press[j]) / ss[j]));
-            const double kept = 1.0 - m_q2VarCum[j];
-            m_q2VarCum(j, static_cast<float>(1.0 - kept * std::min(press[j] / ss[j], PressCap)));
-        } else {
-            // Nothing left to predict: a variable that had variation to begin
-            // with has been explained completely.
-            m_q2Var(j, 0.0f);
-            const float start = m_startSS[j];
-            m_q2VarCum(j, IsMisVal(start) || start < TinyStart ? 0.0f : 1.0f);
-        }
-    }
-    if (ssTotal >= Tiny) {
-        m_q2 = static_cast<float>((ssTotal - pressTotal) / ssTotal);
-        m_q2Cum = static_cast<float>(1.0 - (1.0 - m_q2Cum) * std::min(pressTotal / ssTotal, PressCap));
-    } else {
-        // The cumulative value stays where it was: nothing more was predicted.
-        m_q2 = 0.0f;
-    }
+    NCCrossValidation::UpdateQ2(ss, press, m_startSS, m_q2Var, m_q2VarCum, m_q2, m_q2Cum);
 }
 
 float PCACrossValidation::GetQ2Lim(int a, bool centred) const

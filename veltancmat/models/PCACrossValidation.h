@@ -80,10 +80,8 @@ private:
     IndexList m_varGroups;
     float m_q2 = 0.0f;
     float m_q2Cum = 0.0f;
-    float m_q2CumStart = 0.0f;
     NCDataVector<float> m_q2Var;
     NCDataVector<float> m_q2VarCum;
-    NCDataVector<float> m_q2VarCumStart;
     NCDataVector<float> m_startSS; // per variable, of the residuals the validation started on
     NCDataMatrix<float> m_predResiduals;
     NCDataMatrix<float> m_pset;

@@ -1,5 +1,7 @@
 #include "veltancmat/models/PLSCrossValidation.h"
 
+#include "veltancmat/models/CrossValidationQ2.h"
+
 #include "veltancmat/containers/CVGroups.h"
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
@@ -10,12 +12,6 @@
 #include <string>
 
 namespace {
-
-// The smallest normal float: below it a sum of squares counts as nothing.
-constexpr double Tiny = 1.1754943508222875e-37;
-constexpr double TinyStart = 1.1754944e-37;
-// One very bad component may not wipe out the cumulative value.
-constexpr double PressCap = 1.1;
 
 const CancelText Aborted("Calculation of", "PLS component aborted.");
 
@@ -58,11 +54,7 @@ void PLSCrossValidation::Init(const IndexList* observationGroups)
     m_obsGroups = observationGroups ? *observationGroups : GetDeafultCVGroupsVector(n, m_groups);
     if (m_obsGroups.Size() != n)
         throw NCInternalError("PLSCrossValidation::PLSCrossValidation");
-    for (int i = 1; i <= n; ++i)
-        if (m_obsGroups[i] < 0 || m_obsGroups[i] >= m_groups)
-            throw NCError(ExceptionMessage::translate("A cross-validation group label lies outside 0 to {1}.") %
-                              std::to_string(m_groups - 1),
-                          NCError::Error);
+    NCCrossValidation::CheckGroupLabels(m_obsGroups, m_groups);
     m_ssYOriginal = NCDataVector<float>(m);
     for (int j = 1; j <= m; ++j)
         m_ssYOriginal(j, static_cast<float>(PresentSS(f.GetColumn(j))));
@@ -155,36 +147,7 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
     }
     m_tset.RecountMissing();
     m_yPredResiduals.RecountMissing();
-    Accumulate(ss, press);
-}
-
-void PLSCrossValidation::Accumulate(const std::vector<double>& ss, const std::vector<double>& press)
-{
-    const int m = m_q2YVar.Size();
-    double ssTotal = 0.0, pressTotal = 0.0;
-    for (int j = 1; j <= m; ++j) {
-        const double s = ss[static_cast<std::size_t>(j)], e = press[static_cast<std::size_t>(j)];
-        ssTotal += s;
-        pressTotal += e;
-        if (s >= Tiny) {
-            m_q2YVar(j, static_cast<float>((s - e) / s));
-            const double kept = 1.0 - m_q2YVarCum[j];
-            m_q2YVarCum(j, static_cast<float>(1.0 - kept * std::min(e / s, PressCap)));
-        } else {
-            // Nothing left to predict: a response that had variation to
-            // begin with has been explained completely.
-            m_q2YVar(j, 0.0f);
-            const float startSS = m_ssYOriginal[j];
-            m_q2YVarCum(j, IsMisVal(startSS) || startSS < TinyStart ? 0.0f : 1.0f);
-        }
-    }
-    if (ssTotal >= Tiny) {
-        m_q2 = static_cast<float>((ssTotal - pressTotal) / ssTotal);
-        m_q2Cum = static_cast<float>(1.0 - (1.0 - m_q2Cum) * std::min(pressTotal / ssTotal, PressCap));
-    } else {
-        // The cumulative value stays where it was: nothing more was predicted.
-        m_q2 = 0.0f;
-    }
+    NCCrossValidation::UpdateQ2(ss, press, m_ssYOriginal, m_q2YVar, m_q2YVarCum, m_q2, m_q2Cum);
 }
 
 float PLSCrossValidation::GetQ2Lim() const

@@ -94,7 +94,6 @@ public:
 
 private:
     void Init(const IndexList* observationGroups);
-    void Accumulate(const std::vector<double>& ss, const std::vector<double>& press);
 
     NCPLS* m_model;
     int m_groups;
