@@ -168,7 +168,11 @@ TEST_P(NipalsRegression, AgreesWithPlainReference)
 INSTANTIATE_TEST_SUITE_P(Shapes, NipalsRegression,
                          ::testing::Values(Case{40, 9, 0.0, 0.0}, Case{40, 9, 0.0, 0.2}, Case{57, 13, 0.1, 0.0},
                                            Case{57, 13, 0.3, 0.1}, Case{5, 300, 0.05, 0.0}, Case{301, 3, 0.5, 0.3},
-                                           Case{66, 261, 0.1, 0.05}, Case{203, 70, 0.02, 0.0}));
+                                           Case{66, 261, 0.1, 0.05}, Case{203, 70, 0.02, 0.0},
+                                           // 15 and 16 columns straddle the scalar short-row path;
+                                           // 400 x 100 is large enough for the thread team.
+                                           Case{120, 15, 0.1, 0.1}, Case{120, 16, 0.1, 0.1},
+                                           Case{400, 100, 0.05, 0.02}));
 
 TEST(MatrixRegression, OneThirdFloorAndDegenerateDenominators)
 {

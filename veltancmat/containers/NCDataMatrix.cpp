@@ -241,10 +241,14 @@ void NCDataMatrix<T>::AddRowToCounts(const Vector& row, int sign)
     const int missing = row.GetNumMisVal();
     if (missing == 0)
         return;
-    int* counts = ColumnCounts();
-    const T* p = row.GetVector();
-    for (int j = 1; j <= m_cols; ++j)
-        counts[j] += IsMisVal(p[j]) ? sign : 0;
+    // Subsets and row edits call this for every row: the count has to
+    // vectorise, which the compiler does only when it knows the counts and
+    // the cells never overlap.
+    int* __restrict counts = ColumnCounts() + 1;
+    const T* __restrict p = row.GetVector() + 1;
+    const int cols = m_cols;
+    for (int j = 0; j < cols; ++j)
+        counts[j] += p[j] == MisVal ? sign : 0;
     m_numMis += sign * missing;
 }
 

@@ -161,6 +161,16 @@ private:
     std::unique_ptr<T, Free> m_block;
 };
 
+// Rows shorter than this (the few responses of a PLS model) are summed by
+// inline scalar loops: a call through the clone dispatcher costs more than
+// such a row's arithmetic, and these projections meet every row once per
+// NIPALS iteration.
+constexpr int ShortRow = 16;
+
+// Matrices with fewer cells than this are projected by one thread: the
+// fork and join of a team cost more than the pass.
+constexpr long long MinParallelCells = 1 << 15;
+
 // Rows are separate blocks, so the hardware prefetcher loses the stream at
 // each row's start; asking for the row two ahead while this one is summed
 // measured a fifth faster with missing cells and no slower without.
@@ -333,7 +343,8 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
     const Vector* rowArray = m_rowArray;
     const int rows = m_rows;
 
-#pragma omp parallel reduction(+ : tt, rowsUsed)
+    const bool parallel = static_cast<long long>(rows) * n >= MinParallelCells;
+#pragma omp parallel if (parallel) reduction(+ : tt, rowsUsed)
     {
         LineAligned<double> my12(n);
         LineAligned<double> mySquares(masked ? n : 0);
@@ -350,10 +361,25 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
             const Vector& row = rowArray[i];
             tt += static_cast<double>(ti * ti);
             ++rowsUsed;
-            if (row.HasNoMissingValues())
-                AccumulateComplete(part12.data(), row.GetVector(), ti, n);
-            else
-                AccumulateMasked(part12.data(), partSquares.data(), row.GetVector(), ti, n);
+            const T* x = row.GetVector();
+            if (n < ShortRow) {
+                T* p12 = part12.data();
+                if (row.HasNoMissingValues()) {
+                    for (int j = 1; j <= n; ++j)
+                        p12[j] += x[j] * ti;
+                } else {
+                    T* squares = partSquares.data();
+                    for (int j = 1; j <= n; ++j) {
+                        const bool gap = IsMisVal(x[j]);
+                        p12[j] += (gap ? T(0) : x[j]) * ti;
+                        squares[j] += gap ? ti * ti : T(0);
+                    }
+                }
+            } else if (row.HasNoMissingValues()) {
+                AccumulateComplete(part12.data(), x, ti, n);
+            } else {
+                AccumulateMasked(part12.data(), partSquares.data(), x, ti, n);
+            }
             if (++pending == FlushEvery) {
                 Flush(my12.data(), part12.data(), n);
                 if (masked)
@@ -458,7 +484,8 @@ void NCDataMatrix<T>::SpecialNipalsRegressRowsFixImpl(const Vector& p, const Ind
     T* out = result->GetVectorForWriting();
     const Vector* rowArray = m_rowArray;
     int missing = 0;
-#pragma omp parallel for schedule(static) reduction(+ : missing)
+    const bool parallel = static_cast<long long>(m_rows) * n >= MinParallelCells;
+#pragma omp parallel for if (parallel) schedule(static) reduction(+ : missing)
     for (int i = 1; i <= m_rows; ++i) {
         if (i + PrefetchAhead <= m_rows)
             PrefetchRow(rowArray[i + PrefetchAhead].GetVector(), n);
@@ -466,7 +493,18 @@ void NCDataMatrix<T>::SpecialNipalsRegressRowsFixImpl(const Vector& p, const Ind
         const T* x = row.GetVector();
         double sum = 0.0, d = pp;
         int pairs = presentInP;
-        if (row.HasNoMissingValues()) {
+        if (n < ShortRow) {
+            double gapSquares = 0.0;
+            int gapPairs = 0;
+            for (int j = 1; j <= n; ++j) {
+                const bool gap = IsMisVal(x[j]);
+                sum += (gap ? T(0) : x[j]) * pv[j];
+                gapSquares += gap ? p2[j] : T(0);
+                gapPairs += gap ? present[j] : 0;
+            }
+            d = std::max(pp / 3.0, pp - gapSquares); // pp itself for a complete row
+            pairs -= gapPairs;
+        } else if (row.HasNoMissingValues()) {
             sum = DotComplete(x, pv.data(), n);
         } else {
             double gapSquares = 0.0;

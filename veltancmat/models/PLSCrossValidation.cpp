@@ -83,6 +83,7 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
     std::vector<double> ss(static_cast<std::size_t>(m) + 1, 0.0), press(static_cast<std::size_t>(m) + 1, 0.0);
 
     ProgressRange(progress, 0.0f, static_cast<float>(m_groups));
+    m_roundCells = 0;
     std::vector<int> kept, left;
     kept.reserve(static_cast<std::size_t>(n));
     for (int r = 1; r <= m_groups; ++r) {
@@ -102,6 +103,8 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
         // Without a progress object of its own the model would create one
         // per round; the rounds report into ours or stay quiet.
         round.NextComponent(progress, start, progress == nullptr, strict);
+        m_roundCells += (2LL * round.GetIterations() + 2) * static_cast<long long>(kept.size()) * k +
+                        static_cast<long long>(left.size()) * k;
         NCDataVector<float> w = round.GetWprim()->back(), p = round.GetPprim()->back();
         NCDataVector<float> c = round.GetCprim()->back(), t = round.GetTprim()->back();
 

@@ -81,6 +81,11 @@ public:
     // observations, where chance Q2 values are small.
     float GetQ2Lim() const;
     int GetGroups() const { return m_groups; }
+    // X cells the rounds of the last call read: per round, its fit's sum of
+    // squares, two passes per NIPALS iteration and the loadings over the
+    // kept rows, and the projection of the left-out rows. For throughput
+    // figures.
+    long long GetRoundCells() const { return m_roundCells; }
 
     // The significance rule of a cross-validated PLS component, arguments
     // in order: observations N, X variables K, responses M (the length of
@@ -110,4 +115,5 @@ private:
     NCDataMatrix<float> m_pset;
     NCDataMatrix<float> m_tset;
     NCDataMatrix<float> m_cset;
+    long long m_roundCells = 0;
 };

@@ -1,0 +1,155 @@
+// PLS fits and their cross-validation, timed whole, with the throughput of
+// their passes over X beside a plain read-only pass over the same matrix in
+// the same binary.
+//
+//   BM_PLS         5 components of 20000 x 500 with 1 and 10 responses, 5 % missing
+//   BM_PLS_CV      7-group cross-validation of 3 components of 2000 x 200, complete
+//   BM_PlainPass*  the read bandwidth the fits are compared with
+//
+// Counter x_bytes_per_second: a component reads X once for its sum of
+// squares (the correlation guard), twice per NIPALS iteration (weights from
+// the Y scores, scores from the weights) and once for the loadings, so it
+// is (2 x iterations + 2) x X bytes over the time spent in NextComponent.
+// The reads of Y (at most 10 columns beside 500) are left out. The reported
+// time is the whole fit, with the copies of the data and the deflations.
+// The cross-validation's rate counts the model's and the rounds' reads
+// (the rounds' reads of the left-out rows too) over its whole time, subset
+// copies and deflations included.
+#include "veltancmat/models/NCPLS.h"
+#include "veltancmat/models/PLSCrossValidation.h"
+
+#include "MatrixPass.h"
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <random>
+#include <vector>
+
+namespace {
+
+struct Table {
+    NCDataMatrix<float> x, y;
+};
+
+// X and Y share ten latent directions of falling weight under noise, so
+// that components and their iteration counts are those of real data.
+Table MakeTable(int rows, int cols, int responses, double missingShare)
+{
+    constexpr int Rank = 10;
+    std::mt19937 rng(11);
+    std::normal_distribution<float> normal;
+    std::bernoulli_distribution missing(missingShare);
+    std::vector<float> p(static_cast<std::size_t>(Rank) * cols), q(static_cast<std::size_t>(Rank) * responses);
+    for (float& v : p)
+        v = normal(rng);
+    for (float& v : q)
+        v = normal(rng);
+    Table t{NCDataMatrix<float>(rows, cols), NCDataMatrix<float>(rows, responses)};
+    std::vector<float> scores(Rank);
+    auto fill = [&](float* row, int width, const std::vector<float>& loadings) {
+        for (int j = 1; j <= width; ++j) {
+            float v = normal(rng);
+            for (int a = 0; a < Rank; ++a)
+                v += scores[a] * loadings[static_cast<std::size_t>(a) * width + j - 1];
+            row[j] = missing(rng) ? -99.0f : v;
+        }
+    };
+    std::vector<float*> xs = t.x.GetMatrixAsPointerPointer(), ys = t.y.GetMatrixAsPointerPointer();
+    for (int i = 1; i <= rows; ++i) {
+        for (int a = 0; a < Rank; ++a)
+            scores[a] = normal(rng) * static_cast<float>(Rank - a);
+        fill(xs[i], cols, p);
+        fill(ys[i], responses, q);
+    }
+    t.x.RecountMissing();
+    t.y.RecountMissing();
+    return t;
+}
+
+const Table& Large(int responses)
+{
+    static const Table one = MakeTable(20000, 500, 1, 0.05);
+    static const Table ten = MakeTable(20000, 500, 10, 0.05);
+    return responses == 1 ? one : ten;
+}
+
+const Table& Small(int responses)
+{
+    static const Table one = MakeTable(2000, 200, 1, 0.0);
+    static const Table ten = MakeTable(2000, 200, 10, 0.0);
+    return responses == 1 ? one : ten;
+}
+
+void BM_PlainPassLarge(benchmark::State& state)
+{
+    BenchMatrix::PlainPass(state, Large(1).x);
+}
+
+void BM_PlainPassSmall(benchmark::State& state)
+{
+    BenchMatrix::PlainPass(state, Small(1).x);
+}
+
+void BM_PLS(benchmark::State& state)
+{
+    using Clock = std::chrono::steady_clock;
+    BenchMatrix::Threads(state);
+    const Table& data = Large(static_cast<int>(state.range(1)));
+    const double xCells = static_cast<double>(data.x.SizeRows()) * data.x.SizeColumns();
+    double cells = 0.0;
+    std::chrono::duration<double> inComponents{0};
+    int iterations = 0;
+    for (auto _ : state) {
+        NCPLS pls(&data.x, &data.y, 500);
+        iterations = 0;
+        for (int a = 1; a <= 5; ++a) {
+            const Clock::time_point start = Clock::now();
+            pls.NextComponent(nullptr, nullptr, true, false);
+            inComponents += Clock::now() - start;
+            pls.CalculateResiduals();
+            iterations += pls.GetIterations();
+            cells += (2.0 * pls.GetIterations() + 2.0) * xCells;
+        }
+        benchmark::DoNotOptimize(pls.GetTprim());
+    }
+    state.counters["nipals_iterations"] = iterations;
+    state.counters["x_bytes_per_second"] = cells * sizeof(float) / inComponents.count();
+}
+
+void BM_PLS_CV(benchmark::State& state)
+{
+    BenchMatrix::Threads(state);
+    const Table& data = Small(static_cast<int>(state.range(1)));
+    const double xCells = static_cast<double>(data.x.SizeRows()) * data.x.SizeColumns();
+    double cells = 0.0;
+    for (auto _ : state) {
+        NCPLS pls(&data.x, &data.y, 500);
+        PLSCrossValidation cv(&pls, 7, nullptr);
+        for (int a = 1; a <= 3; ++a) {
+            pls.NextComponent(nullptr, nullptr, true, false);
+            cells += (2.0 * pls.GetIterations() + 2.0) * xCells;
+            cv.NextComponent(nullptr, 500, (*pls.GetTprim())[a], nullptr, false);
+            cells += static_cast<double>(cv.GetRoundCells());
+            pls.CalculateResiduals();
+        }
+        benchmark::DoNotOptimize(cv.GetQ2TotCum());
+    }
+    state.counters["x_bytes_per_second"] = benchmark::Counter(cells * sizeof(float), benchmark::Counter::kIsRate);
+}
+
+} // namespace
+
+BENCHMARK(BM_PlainPassLarge)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PLS)
+    ->ArgNames({"threads", "responses"})
+    ->ArgsProduct({{1, 2}, {1, 10}})
+    ->Unit(benchmark::kSecond)
+    ->UseRealTime();
+BENCHMARK(BM_PlainPassSmall)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PLS_CV)
+    ->ArgNames({"threads", "responses"})
+    ->ArgsProduct({{1, 2}, {1, 10}})
+    ->Unit(benchmark::kSecond)
+    ->UseRealTime();
+BENCHMARK_MAIN();
