@@ -190,6 +190,34 @@ std::string DataTable::Where(int observation, int variable) const
     return where.str();
 }
 
+int DataTable::Find(const std::string& name) const
+{
+    for (std::size_t j = 0; j < variables.size(); ++j)
+        if (variables[j] == name)
+            return static_cast<int>(j) + 1;
+    return 0;
+}
+
+DataTable SelectVariables(const DataTable& table, const std::vector<int>& variables)
+{
+    DataTable part;
+    part.source = table.source;
+    part.hasNames = table.hasNames;
+    part.namesHeader = table.namesHeader;
+    part.observations = table.observations;
+    part.fileRows = table.fileRows;
+    const int n = table.Observations();
+    part.values = NCDataMatrix<float>(n, static_cast<int>(variables.size()));
+    for (std::size_t c = 0; c < variables.size(); ++c) {
+        const int j = variables[c];
+        part.variables.push_back(table.variables[static_cast<std::size_t>(j - 1)]);
+        part.fileColumns.push_back(table.FileColumn(j));
+        for (int i = 1; i <= n; ++i)
+            part.values(i, static_cast<int>(c) + 1, table.values[i][j]);
+    }
+    return part;
+}
+
 bool ParseCell(std::string_view cell, float& value)
 {
     if (cell.empty() || cell == "NA") {

@@ -25,16 +25,29 @@ struct DataTable {
     std::vector<std::string> variables;    // K names
     std::vector<std::string> observations; // N names (row numbers when the file had none)
     std::vector<int> fileRows;             // file row of each observation
+    // File column of each variable, for a table taken out of a wider one;
+    // empty when the variables follow one another as in the file.
+    std::vector<int> fileColumns;
     NCDataMatrix<float> values;            // N x K, missing cells -99
 
     int Observations() const { return values.SizeRows(); }
     int Variables() const { return values.SizeColumns(); }
     // File column of variable j (1-based).
-    int FileColumn(int variable) const { return variable + (hasNames ? 1 : 0); }
+    int FileColumn(int variable) const
+    {
+        return fileColumns.empty() ? variable + (hasNames ? 1 : 0)
+                                   : fileColumns[static_cast<std::size_t>(variable - 1)];
+    }
+    // Variable number (1-based) of `name`, 0 when the table has none such.
+    int Find(const std::string& name) const;
     // `<source>: row R, column C ("name")` for observation i, variable j
     // (either may be 0 to leave it out).
     std::string Where(int observation, int variable) const;
 };
+
+// The listed variables (1-based, in list order) of `table` as a table of
+// their own that still names the file's columns in its messages.
+DataTable SelectVariables(const DataTable& table, const std::vector<int>& variables);
 
 // Parses CSV text: comma-separated, fields optionally in double quotes, CR,
 // LF or CRLF line ends, an optional UTF-8 byte-order mark, blank lines

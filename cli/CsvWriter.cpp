@@ -73,6 +73,18 @@ void AtomicFile::Commit()
     m_committed = true;
 }
 
+std::ostream& OutputFiles::Add(const std::string& path)
+{
+    m_files.push_back(std::make_unique<AtomicFile>(path));
+    return m_files.back()->Stream();
+}
+
+void OutputFiles::CommitAll()
+{
+    for (auto& file : m_files)
+        file->Commit();
+}
+
 std::string FormatValue(float value)
 {
     if (value == -99.0f)
@@ -117,6 +129,20 @@ void WriteTransposedCsv(std::ostream& out, const std::string& corner, const std:
         fields.push_back(rowNames[r]);
         for (int a = 1; a <= columns; ++a)
             fields.push_back(FormatValue(prim[a][static_cast<int>(r) + 1]));
+        WriteCsvRecord(out, fields);
+    }
+}
+
+void WriteTableCsv(std::ostream& out, const std::string& corner, const std::vector<std::string>& rowNames,
+                   const std::vector<std::string>& columnNames, const NCDataMatrix<float>& values)
+{
+    std::vector<std::string> fields{corner};
+    fields.insert(fields.end(), columnNames.begin(), columnNames.end());
+    WriteCsvRecord(out, fields);
+    for (std::size_t r = 0; r < rowNames.size(); ++r) {
+        fields.assign(1, rowNames[r]);
+        for (std::size_t c = 1; c <= columnNames.size(); ++c)
+            fields.push_back(FormatValue(values[static_cast<int>(r) + 1][static_cast<int>(c)]));
         WriteCsvRecord(out, fields);
     }
 }

@@ -36,6 +36,20 @@ private:
     bool m_committed = false;
 };
 
+// The output files of one command: each is written complete in its
+// temporary form before any is renamed, so a failure leaves either all of
+// them new or none.
+class OutputFiles {
+public:
+    // The stream of a new file (ToolError when it cannot be created).
+    std::ostream& Add(const std::string& path);
+    // Renames every file into place.
+    void CommitAll();
+
+private:
+    std::vector<std::unique_ptr<AtomicFile>> m_files;
+};
+
 // The shortest text that reads back as the same float; "" for missing.
 std::string FormatValue(float value);
 
@@ -48,5 +62,10 @@ void WriteCsvRecord(std::ostream& out, const std::vector<std::string>& fields);
 // of prim), then one record per column of prim led by its row name.
 void WriteTransposedCsv(std::ostream& out, const std::string& corner, const std::vector<std::string>& rowNames,
                         const std::vector<std::string>& columnNames, const NCDataMatrix<float>& prim);
+
+// A table of `values` (one row per row name, one column per column name)
+// under the header `corner` then `columnNames`.
+void WriteTableCsv(std::ostream& out, const std::string& corner, const std::vector<std::string>& rowNames,
+                   const std::vector<std::string>& columnNames, const NCDataMatrix<float>& values);
 
 } // namespace veltan_cli

@@ -17,37 +17,6 @@ namespace veltan_cli {
 
 namespace {
 
-std::string Plural(int n, const char* word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }
-
-// Fixed three decimals, or "-" where the library has no value.
-std::string Cell(float v, int width)
-{
-    char buffer[48];
-    if (v == -99.0f)
-        std::snprintf(buffer, sizeof buffer, "%*s", width, "-");
-    else
-        std::snprintf(buffer, sizeof buffer, "%*.3f", width, static_cast<double>(v));
-    return buffer;
-}
-
-std::string ScalingPhrase(NCScale::Scaling s)
-{
-    switch (s) {
-    case NCScale::ScaleUnitVariance: return "scaled to unit variance";
-    case NCScale::ScalePareto: return "Pareto scaled";
-    case NCScale::ScaleCenter: return "centred, not scaled";
-    default: return "neither centred nor scaled";
-    }
-}
-
-std::vector<std::string> Numbered(const char* prefix, int n)
-{
-    std::vector<std::string> names;
-    for (int a = 1; a <= n; ++a)
-        names.push_back(prefix + std::to_string(a));
-    return names;
-}
-
 void PrintTable(std::ostream& out, const DataTable& table, const PcaOptions& options, const PcaFit& fit)
 {
     out << "PCA of " << (options.bundled ? "the bundled wine data set" : table.source) << ": "
@@ -74,30 +43,6 @@ void PrintTable(std::ostream& out, const DataTable& table, const PcaOptions& opt
 }
 
 } // namespace
-
-std::string DescribeSignificance(SignificanceE::Significance s)
-{
-    switch (s) {
-    case SignificanceE::R1: return "R1 (its Q2 is above the limit)";
-    case SignificanceE::R2: return "R2 (enough variables have a Q2 above the limit)";
-    case SignificanceE::R5: return "R5 (undecided, confirmed by the next component)";
-    case SignificanceE::NS: return "NS (not significant)";
-    case SignificanceE::N3: return "N3 (too many components for the size of the data)";
-    case SignificanceE::N4: return "N4 (too little variance explained)";
-    case SignificanceE::U: return "U (undecided)";
-    default: return SignificanceE::GetSignificance(s);
-    }
-}
-
-std::string ScaleOptionName(NCScale::Scaling s)
-{
-    switch (s) {
-    case NCScale::ScaleUnitVariance: return "uv";
-    case NCScale::ScalePareto: return "pareto";
-    case NCScale::ScaleCenter: return "center";
-    default: return "none";
-    }
-}
 
 PcaFit FitPca(const DataTable& table, const PcaOptions& options, NCProgress& progress)
 {
@@ -127,15 +72,7 @@ PcaFit FitPca(const DataTable& table, const PcaOptions& options, NCProgress& pro
     PcaModelFile& model = *fit.model;
     model.variables = table.variables;
     model.observations = n;
-    model.transform = MakeLogTransform(table, options.logVariables);
-
-    NCDataMatrix<float> x = table.values;
-    if (model.transform)
-        ApplyTransform(*model.transform, table, x);
-    model.scale.SetSize(k);
-    for (int j = 1; j <= k; ++j)
-        model.scale.SetType(j, options.scale);
-    FitScaling(model.scale, table, x);
+    NCDataMatrix<float> x = FitPreprocessing(table, options.logVariables, options.scale, model.transform, model.scale);
 
     fit.cvGroups = groups;
     PCA_CrossValidated cv(x, nullptr, groups, nullptr, model.scale.GetCenterVector(), EigenvalueTolerance, 0);
@@ -208,27 +145,18 @@ int RunPca(const PcaOptions& options, std::ostream& out)
         fit = FitPca(table, options, progress);
     }
 
-    // Every file is complete in its temporary form before any is renamed,
-    // so a failure leaves either all requested files or none of them new.
-    std::vector<std::unique_ptr<AtomicFile>> files;
-    if (!options.scoresPath.empty()) {
-        files.push_back(std::make_unique<AtomicFile>(options.scoresPath));
-        WriteTransposedCsv(files.back()->Stream(), ObservationHeader(table), table.observations,
+    OutputFiles files;
+    if (!options.scoresPath.empty())
+        WriteTransposedCsv(files.Add(options.scoresPath), ObservationHeader(table), table.observations,
                            Numbered("t", fit.kept), fit.scores);
-    }
-    if (!options.loadingsPath.empty()) {
-        files.push_back(std::make_unique<AtomicFile>(options.loadingsPath));
-        WriteTransposedCsv(files.back()->Stream(), "variable", table.variables, Numbered("p", fit.kept),
+    if (!options.loadingsPath.empty())
+        WriteTransposedCsv(files.Add(options.loadingsPath), "variable", table.variables, Numbered("p", fit.kept),
                            *fit.model->pca.GetPprim());
-    }
-    if (!options.savePath.empty()) {
-        files.push_back(std::make_unique<AtomicFile>(options.savePath));
-        WriteModel(*fit.model, files.back()->Stream(), options.savePath);
-    }
+    if (!options.savePath.empty())
+        WriteModel(*fit.model, files.Add(options.savePath), options.savePath);
     if (InterruptGuard::Interrupted())
         throw CancelException();
-    for (auto& file : files)
-        file->Commit();
+    files.CommitAll();
 
     if (options.json) {
         out << PcaJson(table, options, fit) << "\n";

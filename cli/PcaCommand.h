@@ -2,6 +2,7 @@
 
 #include "cli/CsvTable.h"
 #include "cli/PcaModelFile.h"
+#include "cli/Report.h"
 
 #include "veltancmat/models/PCA_CrossValidated.h"
 #include "veltancmat/platform/NCProgress.h"
@@ -55,11 +56,5 @@ PcaFit FitPca(const DataTable& table, const PcaOptions& options, NCProgress& pro
 // and writes the requested files, all or none. Returns the exit code;
 // throws ToolError, CancelException or library errors for the caller to report.
 int RunPca(const PcaOptions& options, std::ostream& out);
-
-// "R1: component Q2 above its limit" and so on, for the summary line.
-std::string DescribeSignificance(SignificanceE::Significance s);
-
-// Text of a scaling type as the options spell it: "uv", "pareto", "center", "none".
-std::string ScaleOptionName(NCScale::Scaling s);
 
 } // namespace veltan_cli

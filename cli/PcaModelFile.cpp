@@ -1,15 +1,11 @@
 #include "cli/PcaModelFile.h"
 
-#include "cli/ToolError.h"
+#include "cli/ModelFile.h"
 
 #include "veltancmat/containers/frame/StreamRecord.h"
 #include "veltancmat/platform/BinaryIO.h"
 
-#include <cerrno>
 #include <cstdint>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 
 namespace veltan_cli {
 
@@ -48,11 +44,7 @@ void PcaModelFile::QvStreamableReset() const
 bool PcaModelFile::Write(std::ostream& out) const
 {
     OutputStreamDirectory directory(out, 6);
-    std::ostream& names = directory.GetOutput(0);
-    const auto count = static_cast<std::uint32_t>(variables.size());
-    bool ok = WriteFourBytes(&count, 1, names);
-    for (const std::string& name : variables)
-        ok = ok && WriteBinaryString(name, names);
+    bool ok = WriteNames(variables, directory.GetOutput(0));
     if (transform)
         directory.GetOutput(1) << *transform;
     directory.GetOutput(2) << scale;
@@ -70,14 +62,9 @@ bool PcaModelFile::Read(std::istream& in)
 {
     try {
         InputStreamDirectory directory(in);
-        std::istream& names = directory.GetRequiredInput(0, 4);
-        std::uint32_t count = 0;
-        if (!ReadFourBytes(&count, 1, names) || !QvStreamHasBytes(names, std::streamsize(count) * 4))
+        std::vector<std::string> readNames;
+        if (!ReadNames(directory.GetRequiredInput(0, 4), readNames))
             return false;
-        std::vector<std::string> readNames(count);
-        for (std::string& name : readNames)
-            if (!ReadBinaryString(name, names))
-                return false;
         std::unique_ptr<NCTransform> readTransform;
         if (std::istream* entry = directory.GetInput(1)) {
             readTransform = std::make_unique<NCTransform>();
@@ -96,7 +83,7 @@ bool PcaModelFile::Read(std::istream& in)
         if (!directory.Close())
             return false;
 
-        const int k = static_cast<int>(count);
+        const int k = static_cast<int>(readNames.size());
         const NCDataMatrix<float>& pprim = *readPca.GetPprim();
         if (readScale.Size() != k || pprim.SizeColumns() != k || (readTransform && readTransform->Size() != k) ||
             kept != pprim.SizeRows() || fitted < 0)
@@ -115,39 +102,14 @@ bool PcaModelFile::Read(std::istream& in)
 
 void WriteModel(const PcaModelFile& model, std::ostream& out, const std::string& path)
 {
-    model.QvStreamableReset();
-    out << model;
-    model.QvStreamableReset();
-    if (!out)
-        throw ToolError(path + ": the model could not be written");
+    WriteModelRecord(model, out, path);
 }
 
 std::unique_ptr<PcaModelFile> LoadModel(const std::string& path)
 {
-    std::error_code ec;
-    if (std::filesystem::is_directory(path, ec))
-        throw ToolError(path + ": is a folder, not a model file");
-    std::ifstream in(path, std::ios::binary);
-    if (!in)
-        throw ToolError(path + ": cannot open: " + std::strerror(errno != 0 ? errno : ENOENT));
     auto model = std::make_unique<PcaModelFile>();
-    bool ok = false;
-    try {
-        ok = static_cast<bool>(in >> *model);
-    } catch (const QvStreamError&) {
-        ok = false;
-    }
-    model->QvStreamableReset();
-    if (ok)
-        return model;
-    // The header check has just run and remembered what it found.
-    const short found = PcaModelFile::MyStreamableData.GetQvStreamVersionNumber();
-    if (found < 0)
-        throw ToolError(path + ": not a veltan PCA model file");
-    if (found != FileVersion)
-        throw ToolError(path + ": model file version " + std::to_string(found) +
-                        " is not supported (this veltan reads version " + std::to_string(FileVersion) + ")");
-    throw ToolError(path + ": the model file is damaged or incomplete");
+    LoadModelRecord(path, *model, PcaModelFile::MyStreamableData, FileVersion, "PCA");
+    return model;
 }
 
 } // namespace veltan_cli

@@ -2,6 +2,7 @@
 
 #include "cli/CsvTable.h"
 #include "cli/PcaModelFile.h"
+#include "cli/PlsModelFile.h"
 
 #include <ostream>
 #include <string>
@@ -12,7 +13,8 @@ struct PredictOptions {
     std::string model;
     std::string data;
     NamesColumn names = NamesColumn::Auto;
-    std::string scoresPath; // empty: the scores go to stdout
+    std::string scoresPath;      // PCA: empty sends the scores to stdout
+    std::string predictionsPath; // PLS: empty sends the predicted responses to stdout
     bool json = false;
 };
 
@@ -27,7 +29,17 @@ constexpr float MaxMissingFraction = 0.5f;
 // missing cell.
 NCDataMatrix<float> PredictScores(PcaModelFile& model, const std::string& modelPath, const DataTable& table);
 
-// `veltan predict`: scores as CSV to the file or stdout, or JSON. Returns
+// The predicted responses (N x M, in the responses' units) of the table's
+// rows under a PLS model, and their scores (A x N). The model's X variables
+// are found by name; besides them the table may hold its responses only. Rows with gaps are
+// scored from their present values; one missing more than
+// MaxMissingFraction of them gets missing scores and predictions.
+void PredictResponses(PlsModelFile& model, const std::string& modelPath, const DataTable& table,
+                      NCDataMatrix<float>& predictions, NCDataMatrix<float>& scores);
+
+// `veltan predict`: for a PCA model scores as CSV to the file or stdout, or JSON;
+// for a PLS model (told apart by the file's magic) predicted responses, and
+// scores on request. Returns
 // the exit code; throws ToolError for the caller to report.
 int RunPredict(const PredictOptions& options, std::ostream& out);
 

@@ -77,6 +77,61 @@ void ApplyScaling(NCScale& scale, const DataTable& table, NCDataMatrix<float>& x
     }
 }
 
+NCDataMatrix<float> FitPreprocessing(const DataTable& table, const std::vector<std::string>& logVariables,
+                                     NCScale::Scaling scaling, std::unique_ptr<NCTransform>& transform,
+                                     NCScale& scale)
+{
+    transform = MakeLogTransform(table, logVariables);
+    NCDataMatrix<float> x = table.values;
+    if (transform)
+        ApplyTransform(*transform, table, x);
+    scale.SetSize(table.Variables());
+    for (int j = 1; j <= table.Variables(); ++j)
+        scale.SetType(j, scaling);
+    FitScaling(scale, table, x);
+    return x;
+}
+
+NCDataMatrix<float> ApplyPreprocessing(const DataTable& table, const NCTransform* transform, NCScale& scale)
+{
+    NCDataMatrix<float> x = table.values;
+    if (transform)
+        ApplyTransform(*transform, table, x);
+    ApplyScaling(scale, table, x);
+    return x;
+}
+
+void UndoPreprocessing(NCDataMatrix<float>& values, const NCTransform* transform, const NCScale& scale)
+{
+    const NCDataVector<float>& centre = scale.GetCenterVector();
+    const NCDataVector<float>& factor = scale.GetScaleVector();
+    for (int j = 1; j <= values.SizeColumns(); ++j) {
+        // A missing centre or factor is a step the scaling skipped.
+        const double c = j <= centre.size() && centre[j] != -99.0f ? centre[j] : 0.0;
+        const double f = j <= factor.size() && factor[j] != -99.0f && factor[j] != 0.0f ? factor[j] : 1.0;
+        for (int i = 1; i <= values.SizeRows(); ++i)
+            if (values[i][j] != -99.0f)
+                values(i, j, static_cast<float>(values[i][j] / f + c));
+        if (transform)
+            (*transform)[j].BackTransformColumn(&values, j);
+    }
+}
+
+void CheckModelVariables(const std::vector<std::string>& expected, const std::string& modelPath,
+                         const DataTable& table)
+{
+    const int k = static_cast<int>(expected.size());
+    if (table.Variables() != k)
+        throw ToolError(table.source + ": " + std::to_string(table.Variables()) + " variables, but the model " +
+                        modelPath + " has " + std::to_string(k));
+    for (int j = 1; j <= k; ++j) {
+        const std::string& name = expected[static_cast<std::size_t>(j - 1)];
+        if (table.variables[static_cast<std::size_t>(j - 1)] != name)
+            throw ToolError(table.Where(0, j) + ": the model " + modelPath + " has \"" + name + "\" as variable " +
+                            std::to_string(j));
+    }
+}
+
 std::string ObservationHeader(const DataTable& table)
 {
     return table.hasNames && !table.namesHeader.empty() ? table.namesHeader : "observation";

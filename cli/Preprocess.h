@@ -28,6 +28,26 @@ void FitScaling(NCScale& scale, const DataTable& table, NCDataMatrix<float>& x);
 // Scales x with the fitted model.
 void ApplyScaling(NCScale& scale, const DataTable& table, NCDataMatrix<float>& x);
 
+// The whole preprocessing of a fit: log10 of the named variables (every
+// name must be one of the table's), then `scaling` on every column, fitted
+// to the table. Returns the preprocessed values; `transform` is null when
+// nothing is transformed.
+NCDataMatrix<float> FitPreprocessing(const DataTable& table, const std::vector<std::string>& logVariables,
+                                     NCScale::Scaling scaling, std::unique_ptr<NCTransform>& transform,
+                                     NCScale& scale);
+// The same with a saved preprocessing (transform may be null).
+NCDataMatrix<float> ApplyPreprocessing(const DataTable& table, const NCTransform* transform, NCScale& scale);
+
+// Values on the scale a model was fitted on back in the table's units:
+// unscaled, then back-transformed. A value that cannot be back-transformed
+// becomes missing.
+void UndoPreprocessing(NCDataMatrix<float>& values, const NCTransform* transform, const NCScale& scale);
+
+// Throws ToolError unless the table's variables are `expected`, in order:
+// the count, or the first name out of place with its column.
+void CheckModelVariables(const std::vector<std::string>& expected, const std::string& modelPath,
+                         const DataTable& table);
+
 // The header of the name column of a score table: the input's own, or
 // "observation".
 std::string ObservationHeader(const DataTable& table);

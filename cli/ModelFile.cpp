@@ -1,0 +1,102 @@
+#include "cli/ModelFile.h"
+
+#include "cli/ToolError.h"
+
+#include "veltancmat/platform/BinaryIO.h"
+
+#include <cctype>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+namespace veltan_cli {
+
+namespace {
+
+std::ifstream OpenModelFile(const std::string& path)
+{
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec))
+        throw ToolError(path + ": is a folder, not a model file");
+    std::ifstream in(path, std::ios::binary);
+    if (!in)
+        throw ToolError(path + ": cannot open: " + std::strerror(errno != 0 ? errno : ENOENT));
+    return in;
+}
+
+} // namespace
+
+bool WriteNames(const std::vector<std::string>& names, std::ostream& out)
+{
+    const auto count = static_cast<std::uint32_t>(names.size());
+    bool ok = WriteFourBytes(&count, 1, out);
+    for (const std::string& name : names)
+        ok = ok && WriteBinaryString(name, out);
+    return ok;
+}
+
+bool ReadNames(std::istream& in, std::vector<std::string>& names)
+{
+    std::uint32_t count = 0;
+    // Every name takes at least its 4-byte length: a damaged count cannot
+    // make us allocate more than the entry could hold.
+    if (!ReadFourBytes(&count, 1, in) || !QvStreamHasBytes(in, std::streamsize(count) * 4))
+        return false;
+    std::vector<std::string> read(count);
+    for (std::string& name : read)
+        if (!ReadBinaryString(name, in))
+            return false;
+    names = std::move(read);
+    return true;
+}
+
+void WriteModelRecord(const QvStreamBase& model, std::ostream& out, const std::string& path)
+{
+    model.QvStreamableReset();
+    out << model;
+    model.QvStreamableReset();
+    if (!out)
+        throw ToolError(path + ": the model could not be written");
+}
+
+void LoadModelRecord(const std::string& path, QvStreamBase& model, const QvStreamableData& data, short version,
+                     const std::string& kind)
+{
+    std::ifstream in = OpenModelFile(path);
+    bool ok = false;
+    try {
+        ok = static_cast<bool>(in >> model);
+    } catch (const QvStreamError&) {
+        ok = false;
+    }
+    model.QvStreamableReset();
+    if (ok)
+        return;
+    // The header check has just run and remembered what it found.
+    const short found = data.GetQvStreamVersionNumber();
+    if (found < 0)
+        throw ToolError(path + ": not a veltan " + kind + " model file");
+    if (found != version)
+        throw ToolError(path + ": model file version " + std::to_string(found) +
+                        " is not supported (this veltan reads version " + std::to_string(version) + ")");
+    throw ToolError(path + ": the model file is damaged or incomplete");
+}
+
+std::string ModelFileMagic(const std::string& path)
+{
+    std::ifstream in = OpenModelFile(path);
+    const int length = in.get();
+    if (length <= 0)
+        return {};
+    std::string magic(static_cast<std::size_t>(length), '\0');
+    if (!in.read(magic.data(), length))
+        return {};
+    for (const char c : magic)
+        if (!std::isprint(static_cast<unsigned char>(c)))
+            return {};
+    return magic;
+}
+
+} // namespace veltan_cli

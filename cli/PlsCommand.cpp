@@ -1,0 +1,509 @@
+#include "cli/PlsCommand.h"
+
+#include "cli/CsvWriter.h"
+#include "cli/JsonOutput.h"
+#include "cli/ModelFile.h"
+#include "cli/Preprocess.h"
+#include "cli/ProgressBar.h"
+#include "cli/ToolError.h"
+
+#include "veltancmat/containers/frame/ProgressScope.h"
+#include "veltancmat/models/PLSCrossValidation.h"
+#include "veltancmat/platform/Exception.h"
+#include "veltancmat/platform/NCError.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <random>
+
+namespace veltan_cli {
+
+namespace {
+
+constexpr int DefaultGroups = 7;
+constexpr int MaxIterations = 200;
+constexpr float Missing = -99.0f;
+
+std::string Quoted(const std::string& s) { return "\"" + s + "\""; }
+
+// Sums of squares of the present cells of each column (slot 0 unused).
+std::vector<double> ColumnSS(const NCDataMatrix<float>& m)
+{
+    std::vector<double> ss(static_cast<std::size_t>(m.SizeColumns()) + 1, 0.0);
+    for (int i = 1; i <= m.SizeRows(); ++i)
+        for (int j = 1; j <= m.SizeColumns(); ++j)
+            if (m[i][j] != Missing)
+                ss[static_cast<std::size_t>(j)] += static_cast<double>(m[i][j]) * m[i][j];
+    return ss;
+}
+
+double Total(const std::vector<double>& ss)
+{
+    double total = 0.0;
+    for (std::size_t j = 1; j < ss.size(); ++j)
+        total += ss[j];
+    return total;
+}
+
+// A share of a sum of squares; undefined (missing) when there is none.
+float Share(double part, double whole) { return whole > 0.0 ? static_cast<float>(part / whole) : Missing; }
+
+std::vector<float> Values(const NCDataVector<float>& v)
+{
+    std::vector<float> out;
+    for (int j = 1; j <= v.size(); ++j)
+        out.push_back(v[j]);
+    return out;
+}
+
+// The variable numbers of `names` in `table`; an unknown or repeated name
+// is a usage error.
+std::vector<int> ResponseColumns(const DataTable& table, const std::vector<std::string>& names)
+{
+    std::vector<int> columns;
+    for (const std::string& name : names) {
+        const int j = table.Find(name);
+        if (j == 0)
+            throw ToolError("--y: " + table.source + " has no variable " + Quoted(name), ExitUsage);
+        if (std::find(columns.begin(), columns.end(), j) != columns.end())
+            throw ToolError("--y: " + Quoted(name) + " is named twice", ExitUsage);
+        columns.push_back(j);
+    }
+    return columns;
+}
+
+void CheckSameObservations(const DataTable& x, const DataTable& y)
+{
+    if (y.Observations() != x.Observations())
+        throw ToolError(y.source + ": " + Plural(y.Observations(), "observation") + ", but " + x.source + " has " +
+                        std::to_string(x.Observations()));
+    if (!x.hasNames || !y.hasNames)
+        return;
+    for (std::size_t i = 0; i < x.observations.size(); ++i)
+        if (x.observations[i] != y.observations[i])
+            throw ToolError(y.source + ": row " + std::to_string(y.fileRows[i]) + ": observation " +
+                            Quoted(y.observations[i]) + ", but " + x.source + " has " + Quoted(x.observations[i]) +
+                            " in row " + std::to_string(x.fileRows[i]));
+}
+
+// --log names a variable of either block; each block gets its own list.
+void SplitLogVariables(const PlsData& data, const std::vector<std::string>& names, std::vector<std::string>& x,
+                       std::vector<std::string>& y)
+{
+    for (const std::string& name : names) {
+        const bool inX = data.x.Find(name) != 0, inY = data.y.Find(name) != 0;
+        if (!inX && !inY) {
+            if (data.x.source == data.y.source)
+                throw ToolError("--log: " + data.x.source + " has no variable " + Quoted(name), ExitUsage);
+            throw ToolError("--log: neither " + data.x.source + " nor " + data.y.source + " has a variable " +
+                                Quoted(name),
+                            ExitUsage);
+        }
+        if (inX)
+            x.push_back(name);
+        if (inY)
+            y.push_back(name);
+    }
+}
+
+// Rows of the first `a` components of a component matrix.
+NCDataMatrix<float> FirstRows(const NCDataMatrix<float>& prim, int a, int columns)
+{
+    NCDataMatrix<float> rows(a, columns);
+    for (int r = 1; r <= a; ++r)
+        rows.SetRow(r, prim[r]);
+    return rows;
+}
+
+// B (K x M) for the transformed but unscaled values, and the intercepts:
+// y = c_y + (x - c_x) f_x B / f_y. Skipped steps of the scaling are
+// missing centres and factors.
+void RawCoefficients(PlsFit& fit)
+{
+    const NCScale& xs = fit.model->scale;
+    const NCScale& ys = fit.model->yScale;
+    auto value = [](const NCDataVector<float>& v, int j, double neutral) {
+        return v[j] == Missing ? neutral : static_cast<double>(v[j]);
+    };
+    const int k = fit.coefficients.SizeRows(), m = fit.coefficients.SizeColumns();
+    fit.rawCoefficients = NCDataMatrix<float>(k, m);
+    fit.intercepts.assign(static_cast<std::size_t>(m), 0.0f);
+    for (int c = 1; c <= m; ++c) {
+        const double fy = value(ys.GetScaleVector(), c, 1.0);
+        double intercept = value(ys.GetCenterVector(), c, 0.0);
+        for (int j = 1; j <= k; ++j) {
+            const double b = fit.coefficients[j][c] * value(xs.GetScaleVector(), j, 1.0) / fy;
+            fit.rawCoefficients(j, c, static_cast<float>(b));
+            intercept -= b * value(xs.GetCenterVector(), j, 0.0);
+        }
+        fit.intercepts[static_cast<std::size_t>(c - 1)] = static_cast<float>(intercept);
+    }
+}
+
+// The kept components as a model of exactly that size, with the residuals
+// they leave, and what the output files show of it.
+void KeepModel(PlsFit& fit, const NCPLS& pls, const NCDataMatrix<float>& cvResiduals)
+{
+    const int a = fit.kept;
+    const int n = fit.x.SizeRows(), k = fit.x.SizeColumns(), m = fit.y.SizeColumns();
+    const NCDataMatrix<float> wprim = FirstRows(*pls.GetWprim(), a, k);
+    const NCDataMatrix<float> pprim = FirstRows(*pls.GetPprim(), a, k);
+    const NCDataMatrix<float> cprim = FirstRows(*pls.GetCprim(), a, m);
+    const NCDataMatrix<float> uprim = FirstRows(*pls.GetUprim(), a, n);
+    NCDataMatrix<float> tprim = FirstRows(*pls.GetTprim(), a, n);
+    NCDataMatrix<float> e = fit.x, f = fit.y;
+    for (int c = 1; c <= a; ++c) {
+        e.AddVprimV(tprim[c], pprim[c], -1.0);
+        f.AddVprimV(tprim[c], cprim[c], -1.0);
+    }
+    fit.model->pls = NCPLS(&e, &f, &cprim, &pprim, &wprim, &uprim, &tprim, MaxIterations);
+    fit.model->components = a;
+
+    // Fitted values T C'; the cross-validated ones take the last component
+    // from the round that left the observation out.
+    fit.fitted = NCDataMatrix<float>(n, m, 0.0f);
+    fit.cvPredicted = NCDataMatrix<float>(n, m, 0.0f);
+    for (int i = 1; i <= n; ++i)
+        for (int j = 1; j <= m; ++j) {
+            double sum = 0.0;
+            bool present = true;
+            for (int c = 1; c <= a; ++c) {
+                present = present && tprim[c][i] != Missing;
+                sum += static_cast<double>(tprim[c][i]) * cprim[c][j];
+            }
+            fit.fitted(i, j, present ? static_cast<float>(sum) : Missing);
+            if (a > 0) {
+                const float y = fit.y[i][j], r = cvResiduals[i][j];
+                fit.cvPredicted(i, j, y == Missing || r == Missing ? Missing : y - r);
+            }
+        }
+    UndoPreprocessing(fit.fitted, fit.model->yTransform.get(), fit.model->yScale);
+    UndoPreprocessing(fit.cvPredicted, fit.model->yTransform.get(), fit.model->yScale);
+
+    fit.coefficients = a > 0 ? NCPLS::GetRegressionCoefficients(wprim, pprim, cprim) : NCDataMatrix<float>(k, m);
+    RawCoefficients(fit);
+    fit.scores = std::move(tprim);
+}
+
+} // namespace
+
+PlsData ReadPlsData(const PlsOptions& options)
+{
+    PlsData data;
+    DataTable first = ReadCsvTable(options.data, options.names);
+    if (options.responsesData.empty()) {
+        if (options.yNames.empty())
+            throw ToolError("pls: name the responses with --y NAME, or give their table with --responses FILE",
+                            ExitUsage);
+        const std::vector<int> ys = ResponseColumns(first, options.yNames);
+        std::vector<int> xs;
+        for (int j = 1; j <= first.Variables(); ++j)
+            if (std::find(ys.begin(), ys.end(), j) == ys.end())
+                xs.push_back(j);
+        if (xs.empty())
+            throw ToolError("--y: every variable of " + first.source + " is a response; none is left for X",
+                            ExitUsage);
+        data.x = SelectVariables(first, xs);
+        data.y = SelectVariables(first, ys);
+    } else {
+        DataTable second = ReadCsvTable(options.responsesData, options.names);
+        if (!options.yNames.empty())
+            second = SelectVariables(second, ResponseColumns(second, options.yNames));
+        CheckSameObservations(first, second);
+        // Output files name the observations as either table does.
+        if (!first.hasNames && second.hasNames) {
+            first.observations = second.observations;
+            first.hasNames = true;
+            first.namesHeader = second.namesHeader;
+        }
+        data.x = std::move(first);
+        data.y = std::move(second);
+    }
+    for (int j = 1; j <= data.y.Variables(); ++j)
+        if (data.y.values.GetColumnMisVal(j) == data.y.Observations())
+            throw ToolError(data.y.Where(0, j) + ": every value of this response is missing");
+    return data;
+}
+
+PlsFit FitPls(const PlsData& data, const PlsOptions& options, NCProgress& progress)
+{
+    const DataTable& xt = data.x;
+    const DataTable& yt = data.y;
+    const int n = xt.Observations(), k = xt.Variables(), m = yt.Variables();
+    if (n < 2)
+        throw ToolError(xt.source + ": " + Plural(n, "observation") + "; a PLS model needs at least 2");
+    const int groups = options.cvGroups > 0 ? options.cvGroups : std::min(DefaultGroups, n);
+    if (groups > n)
+        throw ToolError("--cv-groups " + std::to_string(groups) + ": more groups than the " + std::to_string(n) +
+                            " observations of " + xt.source,
+                        ExitUsage);
+    const bool centred = options.scale != NCScale::ScaleNone;
+    // Beyond this the X residuals are zero and no further component exists.
+    const int capacity = std::min(n - (centred ? 1 : 0), k);
+    if (options.components > capacity)
+        throw ToolError("--components " + std::to_string(options.components) + ": " + xt.source +
+                            " can take at most " + std::to_string(capacity) + " (" + Plural(n, "observation") +
+                            ", " + Plural(k, "X variable") + (centred ? ", centred" : "") + ")",
+                        ExitUsage);
+
+    PlsFit fit;
+    fit.fixed = options.components > 0;
+    fit.cvGroups = groups;
+    fit.model = std::make_unique<PlsModelFile>();
+    PlsModelFile& model = *fit.model;
+    model.variables = xt.variables;
+    model.responses = yt.variables;
+    model.observations = n;
+    std::vector<std::string> xLog, yLog;
+    SplitLogVariables(data, options.logVariables, xLog, yLog);
+    fit.x = FitPreprocessing(xt, xLog, options.scale, model.transform, model.scale);
+    fit.y = FitPreprocessing(yt, yLog, options.yScale, model.yTransform, model.yScale);
+
+    NCPLS pls(&fit.x, &fit.y, MaxIterations);
+    PLSCrossValidation cv(&pls, groups, nullptr);
+    const double ssx0 = Total(ColumnSS(fit.x));
+    const std::vector<double> ssy0 = ColumnSS(fit.y);
+    const double ssy0Total = Total(ssy0);
+    double ssxBefore = ssx0;
+    std::vector<double> ssyBefore = ssy0;
+    NCDataMatrix<float> cvResiduals;
+
+    const CancelText aborted("Calculation of", "PLS component aborted.");
+    // The significance rule ends an open-ended fit at min(K, N - 3) + 1
+    // components at the latest (N3); the bound only guards the loop.
+    const int limit = fit.fixed ? options.components : std::min(n, k) + 1;
+    progress.SetRangeInternal(0.0f, fit.fixed ? static_cast<float>(limit) : 1.0f);
+    for (int a = 1; a <= limit; ++a) {
+        CheckBreak(&progress, aborted);
+        progress.SetText("PLS component " + std::to_string(a) + (fit.fixed ? " of " + std::to_string(limit) : ""));
+        const float from = fit.fixed ? static_cast<float>(a - 1) : 0.0f;
+        try {
+            ProgressSubRange component(&progress, from, from + 1.0f, aborted);
+            {
+                ProgressSubRange extraction(&progress, 0.0f, 0.1f, aborted);
+                pls.NextComponent(&progress, nullptr, false, true);
+            }
+            ProgressSubRange rounds(&progress, 0.1f, 1.0f, aborted);
+            cv.NextComponent(nullptr, MaxIterations, pls.GetTprim()->back(), &progress, true);
+        } catch (const NCError& e) {
+            // No X-Y correlation left: the components before stand. Without
+            // any, or short of a count the user asked for, the fit fails.
+            if (!IsNoCorrelation(e) || fit.fixed || a == 1)
+                throw ToolError(xt.source + ": " + OneLine(e.what()) + (a == 1 ? " (nothing to model)" : ""));
+            fit.stopReason = "component " + std::to_string(a) + " could not be computed (" + OneLine(e.what()) + ")";
+            break;
+        }
+        pls.CalculateResiduals();
+
+        PlsComponent c;
+        const double ssx = Total(ColumnSS(*pls.GetXResiduals()));
+        const std::vector<double> ssy = ColumnSS(*pls.GetYResiduals());
+        c.r2x = Share(ssxBefore - ssx, ssx0);
+        c.r2xCum = Share(ssx0 - ssx, ssx0);
+        c.r2y = Share(Total(ssyBefore) - Total(ssy), ssy0Total);
+        c.r2yCum = Share(ssy0Total - Total(ssy), ssy0Total);
+        NCDataVector<float> r2Responses(m, 0.0f);
+        for (int j = 1; j <= m; ++j) {
+            const auto s = static_cast<std::size_t>(j);
+            r2Responses(j, Share(ssyBefore[s] - ssy[s], ssy0[s]));
+            c.r2yResponses.push_back(r2Responses[j]);
+            c.r2yCumResponses.push_back(Share(ssy0[s] - ssy[s], ssy0[s]));
+        }
+        c.q2 = cv.GetQ2Tot();
+        c.q2Cum = cv.GetQ2TotCum();
+        c.q2Limit = cv.GetQ2Lim();
+        c.q2Responses = Values(cv.GetQ2YVar());
+        c.q2CumResponses = Values(cv.GetQ2YVarCum());
+        // The rule reads the component's own R2 and that of each response.
+        c.significance = PLSCrossValidation::GetSignificance(n, k, m, a - 1, c.r2y, r2Responses, c.q2,
+                                                             cv.GetQ2YVar(), c.q2Limit);
+        fit.records.push_back(c);
+        if (!fit.fixed && !SignificanceE::IsSignificant(c.significance)) {
+            fit.stopReason =
+                "component " + std::to_string(a) + " is " + DescribeSignificance(c.significance, "responses");
+            break;
+        }
+        fit.kept = a;
+        cvResiduals = cv.GetYPredResiduals();
+        ssxBefore = ssx;
+        ssyBefore = ssy;
+    }
+    progress.Refresh();
+    KeepModel(fit, pls, cvResiduals);
+    return fit;
+}
+
+namespace {
+
+void PrintReport(std::ostream& out, const PlsData& data, const PlsOptions& options, const PlsFit& fit,
+                 const PermutationTest* test)
+{
+    const DataTable& x = data.x;
+    const DataTable& y = data.y;
+    out << "PLS of ";
+    if (options.bundled)
+        out << "the bundled wine data set";
+    else if (x.source == y.source)
+        out << x.source;
+    else
+        out << x.source << " with responses from " << y.source;
+    out << ": " << Plural(x.Observations(), "observation") << ", " << Plural(x.Variables(), "X variable") << ", "
+        << Plural(y.Variables(), "response");
+    if (y.Variables() <= 3) {
+        out << " (";
+        for (int j = 1; j <= y.Variables(); ++j)
+            out << (j > 1 ? ", " : "") << y.variables[static_cast<std::size_t>(j - 1)];
+        out << ")";
+    }
+    out << "; X " << ScalingPhrase(options.scale) << ", Y " << ScalingPhrase(options.yScale);
+    if (!options.logVariables.empty())
+        out << ", log10 of " << Plural(static_cast<int>(options.logVariables.size()), "variable");
+    out << ", " << fit.cvGroups << " cross-validation groups\n\n";
+
+    out << "Component     R2X  R2X(cum)     R2Y  R2Y(cum)      Q2  Q2(cum)  Q2 limit  Significance\n";
+    for (std::size_t r = 0; r < fit.records.size(); ++r) {
+        const PlsComponent& c = fit.records[r];
+        char number[16];
+        std::snprintf(number, sizeof number, "%9d", static_cast<int>(r) + 1);
+        out << number << Cell(c.r2x, 8) << Cell(c.r2xCum, 10) << Cell(c.r2y, 8) << Cell(c.r2yCum, 10)
+            << Cell(c.q2, 8) << Cell(c.q2Cum, 9) << Cell(c.q2Limit, 10) << "  "
+            << SignificanceE::GetSignificance(c.significance) << "\n";
+    }
+    out << "\n";
+    if (fit.fixed)
+        out << Plural(fit.kept, "component") << " fitted, as asked.\n";
+    else
+        out << Plural(fit.kept, "component") << " kept" << (fit.stopReason.empty() ? "" : "; " + fit.stopReason)
+            << ".\n";
+
+    if (y.Variables() > 1 && fit.kept > 0) {
+        const PlsComponent& last = fit.records[static_cast<std::size_t>(fit.kept - 1)];
+        std::size_t width = 8;
+        for (const std::string& name : y.variables)
+            width = std::max(width, name.size());
+        out << "\n" << std::string("Response") << std::string(width - 8, ' ') << "  R2Y(cum)  Q2(cum)\n";
+        for (std::size_t j = 0; j < y.variables.size(); ++j)
+            out << y.variables[j] << std::string(width - y.variables[j].size(), ' ')
+                << Cell(last.r2yCumResponses[j], 10) << Cell(last.q2CumResponses[j], 9) << "\n";
+    }
+
+    if (test) {
+        char line[160];
+        out << "\nPermutation test: " << Plural(static_cast<int>(test->rows.size()), "permutation")
+            << " of the responses (seed " << test->seed << "), " << Plural(test->components, "component")
+            << " each\n";
+        std::snprintf(line, sizeof line, "  R2Y(cum) %.3f, intercept %.3f; %d of %d permuted values reach it\n",
+                      static_cast<double>(test->r2y), test->r2yIntercept, test->r2yReached,
+                      static_cast<int>(test->rows.size()));
+        out << line;
+        std::snprintf(line, sizeof line, "  Q2(cum)  %.3f, intercept %.3f; %d of %d permuted values reach it\n",
+                      static_cast<double>(test->q2), test->q2Intercept, test->q2Reached,
+                      static_cast<int>(test->rows.size()));
+        out << line;
+    }
+}
+
+void WriteCoefficients(std::ostream& out, const PlsData& data, const PlsFit& fit)
+{
+    const int k = fit.coefficients.SizeRows(), m = fit.coefficients.SizeColumns();
+    std::vector<std::string> fields{"variable"};
+    for (const std::string& name : data.y.variables)
+        fields.push_back(name);
+    for (const std::string& name : data.y.variables)
+        fields.push_back(name + " (scaled)");
+    WriteCsvRecord(out, fields);
+    for (int j = 1; j <= k; ++j) {
+        fields.assign(1, data.x.variables[static_cast<std::size_t>(j - 1)]);
+        for (int c = 1; c <= m; ++c)
+            fields.push_back(FormatValue(fit.rawCoefficients[j][c]));
+        for (int c = 1; c <= m; ++c)
+            fields.push_back(FormatValue(fit.coefficients[j][c]));
+        WriteCsvRecord(out, fields);
+    }
+    // The preprocessed blocks need none: both are centred, or neither is.
+    fields.assign(1, "(intercept)");
+    for (int c = 1; c <= m; ++c)
+        fields.push_back(FormatValue(fit.intercepts[static_cast<std::size_t>(c - 1)]));
+    for (int c = 1; c <= m; ++c)
+        fields.push_back("0");
+    WriteCsvRecord(out, fields);
+}
+
+void WritePermutations(std::ostream& out, const PermutationTest& test)
+{
+    WriteCsvRecord(out, {"permutation", "correlation", "R2Y(cum)", "Q2(cum)"});
+    for (std::size_t p = 0; p < test.rows.size(); ++p) {
+        const PermutationRow& row = test.rows[p];
+        WriteCsvRecord(out, {std::to_string(p + 1), FormatValue(row.correlation), FormatValue(row.r2y),
+                             FormatValue(row.q2)});
+    }
+}
+
+} // namespace
+
+int RunPls(const PlsOptions& options, std::ostream& out)
+{
+    if (options.permutations == 0 && !options.permutationsPath.empty())
+        throw ToolError("--permutations-out needs --permutations N", ExitUsage);
+    const PlsData data = ReadPlsData(options);
+
+    NCProgress progress("Fitting PLS", 0.0f, 1.0f, false, true, false, data.x.source);
+    // The guard stays until the files are in place, so that a Ctrl-C while
+    // they are written still removes the temporary files on its way out.
+    InterruptGuard interrupt(progress);
+    PlsFit fit;
+    std::unique_ptr<PermutationTest> test;
+    {
+        ProgressBar bar(progress, options.progress || ProgressBar::StderrIsTerminal());
+        fit = FitPls(data, options, progress);
+        if (options.permutations > 0) {
+            // A model without a significant component is tested at one.
+            const int a = std::max(fit.kept, 1);
+            const PlsComponent& real = fit.records[static_cast<std::size_t>(a - 1)];
+            const unsigned seed = options.seed ? *options.seed : std::random_device{}();
+            progress.SetText("Permutation test");
+            test = std::make_unique<PermutationTest>(RunPermutationTest(
+                fit.x, fit.y, a, fit.cvGroups, options.permutations, seed, real.r2yCum, real.q2Cum, progress));
+        }
+    }
+
+    const std::string corner = ObservationHeader(data.x);
+    OutputFiles files;
+    if (!options.coefficientsPath.empty())
+        WriteCoefficients(files.Add(options.coefficientsPath), data, fit);
+    if (!options.fittedPath.empty())
+        WriteTableCsv(files.Add(options.fittedPath), corner, data.x.observations, data.y.variables, fit.fitted);
+    if (!options.cvPredictionsPath.empty())
+        WriteTableCsv(files.Add(options.cvPredictionsPath), corner, data.x.observations, data.y.variables,
+                      fit.cvPredicted);
+    if (!options.scoresPath.empty())
+        WriteTransposedCsv(files.Add(options.scoresPath), corner, data.x.observations, Numbered("t", fit.kept),
+                           fit.scores);
+    if (!options.savePath.empty())
+        WriteModelRecord(*fit.model, files.Add(options.savePath), options.savePath);
+    if (test && !options.permutationsPath.empty())
+        WritePermutations(files.Add(options.permutationsPath), *test);
+    if (InterruptGuard::Interrupted())
+        throw CancelException();
+    files.CommitAll();
+
+    if (options.json) {
+        out << PlsJson(data, options, fit, test.get()) << "\n";
+        return ExitOk;
+    }
+    PrintReport(out, data, options, fit, test.get());
+    const std::pair<const std::string*, const char*> written[] = {
+        {&options.coefficientsPath, "Coefficients"},      {&options.fittedPath, "Fitted values"},
+        {&options.cvPredictionsPath, "Cross-validated predictions"}, {&options.scoresPath, "Scores"},
+        {&options.savePath, "Model"},                     {&options.permutationsPath, "Permutations"}};
+    bool first = true;
+    for (const auto& [path, what] : written)
+        if (!path->empty()) {
+            out << (first ? "\n" : "") << what << (path == &options.savePath ? " saved to " : " written to ") << *path
+                << "\n";
+            first = false;
+        }
+    return ExitOk;
+}
+
+} // namespace veltan_cli

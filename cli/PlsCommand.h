@@ -1,0 +1,93 @@
+#pragma once
+
+#include "cli/CsvTable.h"
+#include "cli/PlsModelFile.h"
+#include "cli/PlsPermutation.h"
+#include "cli/Report.h"
+
+#include "veltancmat/models/SignificanceE.h"
+#include "veltancmat/platform/NCProgress.h"
+#include "veltancmat/preprocess/NCScale.h"
+
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace veltan_cli {
+
+struct PlsOptions {
+    std::string data;              // X, and Y too when responsesData is empty
+    std::string responsesData;     // a second table holding the responses
+    std::vector<std::string> yNames; // response columns (all of responsesData when empty)
+    NamesColumn names = NamesColumn::Auto;
+    int components = 0;            // 0: as many as are significant
+    int cvGroups = 0;              // 0: 7, or one per observation when fewer
+    bool bundled = false;          // data is the bundled data set (for the title)
+    NCScale::Scaling scale = NCScale::ScaleUnitVariance;  // X
+    NCScale::Scaling yScale = NCScale::ScaleUnitVariance; // Y
+    std::vector<std::string> logVariables; // log10 before scaling, X or Y
+    std::string coefficientsPath;
+    std::string fittedPath;
+    std::string cvPredictionsPath;
+    std::string scoresPath;
+    std::string savePath;
+    int permutations = 0;
+    std::optional<unsigned> seed; // none: drawn at random and reported
+    std::string permutationsPath;
+    bool json = false;
+    bool progress = false;
+};
+
+// The predictor and response blocks of a fit, each naming its own file's
+// rows and columns in messages.
+struct PlsData {
+    DataTable x;
+    DataTable y;
+};
+
+// Reads the one table (split by --y) or the two tables of `options`.
+// Throws ToolError for absent or repeated response names (usage), tables
+// of different lengths or with observation names that disagree, and a
+// response without a single value.
+PlsData ReadPlsData(const PlsOptions& options);
+
+// One fitted component. R2 values are shares of the preprocessed blocks'
+// sums of squares; per-response vectors have M entries.
+struct PlsComponent {
+    float r2x = 0.0f, r2xCum = 0.0f;
+    float r2y = 0.0f, r2yCum = 0.0f;
+    float q2 = 0.0f, q2Cum = 0.0f, q2Limit = 0.0f;
+    std::vector<float> r2yResponses, r2yCumResponses; // the component's own, and cumulative
+    std::vector<float> q2Responses, q2CumResponses;
+    SignificanceE::Significance significance = SignificanceE::NA;
+};
+
+struct PlsFit {
+    std::vector<PlsComponent> records; // every component fitted
+    int kept = 0;
+    bool fixed = false;                  // the count was given, not decided
+    int cvGroups = 0;
+    std::string stopReason;              // why an open-ended fit ended
+    std::unique_ptr<PlsModelFile> model; // preprocessing and the kept components only
+    NCDataMatrix<float> x, y;            // the preprocessed blocks
+    NCDataMatrix<float> scores;          // T' of the kept components (kept x N)
+    NCDataMatrix<float> fitted;          // N x M, in the responses' units
+    NCDataMatrix<float> cvPredicted;     // N x M, in the responses' units
+    // Coefficients B (K x M) on the preprocessed scale, and the same for the
+    // transformed but unscaled values with their intercepts (M).
+    NCDataMatrix<float> coefficients;
+    NCDataMatrix<float> rawCoefficients;
+    std::vector<float> intercepts;
+};
+
+// Preprocesses and fits as the options say. Throws ToolError for data the
+// model cannot take, CancelException when `progress` is broken.
+PlsFit FitPls(const PlsData& data, const PlsOptions& options, NCProgress& progress);
+
+// `veltan pls`: reads, fits, optionally runs the permutation test, prints
+// the component table (or JSON) and writes the requested files, all or none.
+int RunPls(const PlsOptions& options, std::ostream& out);
+
+} // namespace veltan_cli

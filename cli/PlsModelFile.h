@@ -1,0 +1,62 @@
+#pragma once
+
+#include "veltancmat/models/NCPLS.h"
+#include "veltancmat/platform/QvStream.h"
+#include "veltancmat/preprocess/NCScale.h"
+#include "veltancmat/preprocess/NCTransform.h"
+
+#include <iosfwd>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace veltan_cli {
+
+// Everything `veltan predict` needs from a PLS fit, saved as one record
+// "VeltanPLSModel" version 1 (layout in docs/cli.md): a directory of
+//   0 the X variable names (u32 count, then one string each),
+//   1 the X transforms as an "NCT" record, left out when none is transformed,
+//   2 the X scaling as an "NCS" record,
+//   3 the response names,
+//   4 the response transforms ("NCT"), left out when none is transformed,
+//   5 the response scaling ("NCS"),
+//   6 the model as an "NCPLS" record holding exactly the kept components,
+//   7 the number of components kept (int32),
+//   8 the number of observations the model was fitted on (int32).
+class PlsModelFile : public virtual QvStreamBase {
+public:
+    PlsModelFile() = default;
+    PlsModelFile(const PlsModelFile&) = delete;
+    PlsModelFile& operator=(const PlsModelFile&) = delete;
+    ~PlsModelFile() override;
+
+    std::vector<std::string> variables;      // X
+    std::unique_ptr<NCTransform> transform;  // X; null: none transformed
+    NCScale scale;                           // X
+    std::vector<std::string> responses;      // Y
+    std::unique_ptr<NCTransform> yTransform; // Y; null: none transformed
+    NCScale yScale;                          // Y
+    NCPLS pls;
+    int components = 0;
+    int observations = 0;
+
+    bool QvStreamableStartWrite(std::ostream& out) const override;
+    // False for another record, another version, or a damaged or
+    // inconsistent record (widths that disagree, a count that is not the
+    // model's).
+    bool QvStreamableStartRead(std::istream& in) override;
+    void QvStreamableReset() const override;
+
+    static QvStreamableData MyStreamableData; // "VeltanPLSModel", 1
+
+private:
+    bool Write(std::ostream& out) const;
+    bool Read(std::istream& in);
+
+    mutable bool m_streaming = false;
+};
+
+// Throws ToolError naming the file, as LoadModel does for PCA models.
+std::unique_ptr<PlsModelFile> LoadPlsModel(const std::string& path);
+
+} // namespace veltan_cli
