@@ -257,7 +257,7 @@ PlsFit FitPls(const PlsData& data, const PlsOptions& options, NCProgress& progre
     std::vector<std::string> xLog, yLog;
     SplitLogVariables(data, options.logVariables, xLog, yLog);
     fit.x = FitPreprocessing(xt, xLog, options.scale, model.transform, model.scale);
-    fit.y = FitPreprocessing(yt, yLog, options.yScale, model.yTransform, model.yScale);
+    fit.y = FitPreprocessing(yt, yLog, options.yScale, model.yTransform, model.yScale, "--y-scale");
 
     NCPLS pls(&fit.x, &fit.y, MaxIterations);
     PLSCrossValidation cv(&pls, groups, nullptr);

@@ -37,8 +37,8 @@ void ApplyTransform(const NCTransform& transform, const DataTable& table, NCData
 
 namespace {
 
-[[noreturn]] void ThrowScaleError(const NCScaleError& e, const DataTable& table,
-                                  const NCDataMatrix<float>& x)
+[[noreturn]] void ThrowScaleError(const NCScaleError& e, const DataTable& table, const NCDataMatrix<float>& x,
+                                  const std::string& option = "--scale")
 {
     const int j = e.GetColumn();
     if (j < 1 || j > table.Variables())
@@ -49,7 +49,7 @@ namespace {
         hint = std::to_string(x.SizeRows() - x.GetColumnMisVal(j)) + " present, at least 2 needed";
         break;
     case NCScaleError::TooLittleVariance:
-        hint = "the column is constant; remove it or scale with --scale center";
+        hint = "the column is constant; remove it or scale with " + option + " center";
         break;
     default:
         break;
@@ -59,12 +59,12 @@ namespace {
 
 } // namespace
 
-void FitScaling(NCScale& scale, const DataTable& table, NCDataMatrix<float>& x)
+void FitScaling(NCScale& scale, const DataTable& table, NCDataMatrix<float>& x, const std::string& option)
 {
     try {
         scale.ScaleMatrix(&x, true);
     } catch (const NCScaleError& e) {
-        ThrowScaleError(e, table, x);
+        ThrowScaleError(e, table, x, option);
     }
 }
 
@@ -79,7 +79,7 @@ void ApplyScaling(NCScale& scale, const DataTable& table, NCDataMatrix<float>& x
 
 NCDataMatrix<float> FitPreprocessing(const DataTable& table, const std::vector<std::string>& logVariables,
                                      NCScale::Scaling scaling, std::unique_ptr<NCTransform>& transform,
-                                     NCScale& scale)
+                                     NCScale& scale, const std::string& option)
 {
     transform = MakeLogTransform(table, logVariables);
     NCDataMatrix<float> x = table.values;
@@ -88,7 +88,7 @@ NCDataMatrix<float> FitPreprocessing(const DataTable& table, const std::vector<s
     scale.SetSize(table.Variables());
     for (int j = 1; j <= table.Variables(); ++j)
         scale.SetType(j, scaling);
-    FitScaling(scale, table, x);
+    FitScaling(scale, table, x, option);
     return x;
 }
 

@@ -23,8 +23,10 @@ std::unique_ptr<NCTransform> MakeLogTransform(const DataTable& table, const std:
 // cell that cannot be transformed, quoting its value from the table.
 void ApplyTransform(const NCTransform& transform, const DataTable& table, NCDataMatrix<float>& x);
 
-// Fits `scale` (sized and typed already) to x and scales it.
-void FitScaling(NCScale& scale, const DataTable& table, NCDataMatrix<float>& x);
+// Fits `scale` (sized and typed already) to x and scales it. `option` is
+// the option that chose the scaling, for the hint of a constant column.
+void FitScaling(NCScale& scale, const DataTable& table, NCDataMatrix<float>& x,
+                const std::string& option = "--scale");
 // Scales x with the fitted model.
 void ApplyScaling(NCScale& scale, const DataTable& table, NCDataMatrix<float>& x);
 
@@ -34,7 +36,7 @@ void ApplyScaling(NCScale& scale, const DataTable& table, NCDataMatrix<float>& x
 // nothing is transformed.
 NCDataMatrix<float> FitPreprocessing(const DataTable& table, const std::vector<std::string>& logVariables,
                                      NCScale::Scaling scaling, std::unique_ptr<NCTransform>& transform,
-                                     NCScale& scale);
+                                     NCScale& scale, const std::string& option = "--scale");
 // The same with a saved preprocessing (transform may be null).
 NCDataMatrix<float> ApplyPreprocessing(const DataTable& table, const NCTransform* transform, NCScale& scale);
 
