@@ -93,7 +93,9 @@ int RunVeltan(int argc, const char* const* argv, const std::string& bundledData,
     plsCommand->add_option("-g,--cv-groups", pls.cvGroups,
                            "Number of cross-validation groups (default 7, or one per observation when fewer)")
         ->check(CLI::Range(2, 1000000));
-    plsCommand->add_option("--scale", plsScale, ScaleHelp)
+    plsCommand->add_option("--scale", plsScale,
+                           "Scaling of the X columns, and of the responses unless --y-scale is given: uv (unit "
+                           "variance), pareto, center, none")
         ->check(CLI::IsMember({"uv", "pareto", "center", "none"}))
         ->capture_default_str();
     plsCommand->add_option("--y-scale", plsYScale, "Scaling of the responses (default: as --scale)")
