@@ -196,6 +196,14 @@ TEST(VeltanPls, StopsAtTheFirstInsignificantComponentInEitherTableForm)
     const Csv f = ParseCsv(ReadFile(dir.File("f.csv")));
     EXPECT_EQ(f.header, (std::vector<std::string>{"obs", "y1", "y2"}));
     EXPECT_EQ(f.rows.size(), 40u);
+
+    // Four observations carry one component at most, however well the
+    // second one predicts.
+    WriteFile(dir.File("n3.csv"), "n,a,b,y\nr1,1,2,1.1\nr2,2,1,2\nr3,3,4,2.9\nr4,4,3,4.1\n");
+    const RunResult small = RunTool(dir, {"pls", dir.File("n3.csv"), "--y", "y"});
+    EXPECT_NE(small.out.find("1 component kept; component 2 is N3 (too many components for the size of the data)."),
+              std::string::npos)
+        << small.out;
 }
 
 TEST(VeltanPls, PermutationInterceptsFallFarBelowARealModelAndRepeatWithTheSeed)
