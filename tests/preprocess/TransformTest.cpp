@@ -205,6 +205,43 @@ TEST(Transform, MatrixStopsAtTheFirstFailingColumnOrTakesAll)
     NCMultiThreading::ThreadingControl::Reset();
 }
 
+// Log, NegLog and untransformed columns only: the row-wise vector path, which
+// must give the one-value form's bits and the same break and records.
+TEST(Transform, LogarithmMatricesAgreeCellForCellWithTheOneValueForm)
+{
+    omp_set_dynamic(0);
+    omp_set_num_threads(3);
+    NCTransform transform(45);
+    for (int j = 1; j <= 45; ++j)
+        transform[j] = j % 5 == 0 ? TransformStruct() : TransformStruct(j % 5 == 1 ? T::NegLog : T::Log, 0.25f * j, 1);
+    Matrix original = Random(1000, 45, 0.001f, 5e4f, 9);
+    original(700, 12, -5); // fails, by column before the next one
+    original(2, 29, -9);   // fails, higher up
+    original(5, 10, -5);   // no transform: stays
+    Matrix broken = original, whole = original;
+
+    try {
+        transform.TransformMatrix(&broken);
+        FAIL() << "no exception";
+    } catch (const NCTransformError& e) {
+        EXPECT_EQ(e.GetRow() * 100 + e.GetColumn(), 70012);
+    }
+    const auto errors = transform.TransformMatrixNoBreak(&whole);
+    ASSERT_TRUE(errors);
+    const std::vector<NCTransformErrors::Record> expected = {{700, 12, Error::OutOfDomain, true},
+                                                             {2, 29, Error::OutOfDomain, true}};
+    EXPECT_EQ(errors->GetErrors(), expected);
+    for (int i = 1; i <= 1000; ++i)
+        for (int j = 1; j <= 45; ++j) {
+            const float want = Transformed(transform[j], original[i][j]);
+            ASSERT_EQ(whole[i][j], want) << i << "," << j;
+            ASSERT_EQ(broken[i][j], j <= 12 ? want : original[i][j]) << i << "," << j;
+        }
+    ExpectCountsExact(whole);
+    ExpectCountsExact(broken);
+    NCMultiThreading::ThreadingControl::Reset();
+}
+
 TEST(Transform, ListEditing)
 {
     NCTransform list(5);

@@ -1,11 +1,14 @@
 #include "veltancmat/preprocess/TransformKernel.h"
 
+#include "veltancmat/containers/frame/Simd.h"
 #include "veltancmat/platform/ExceptionMessage.h"
+#include "veltancmat/platform/NCError.h"
 
 #include <omp.h>
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 #include <exception>
 
 namespace NCTransformKernel {
@@ -175,6 +178,170 @@ void TransformTile(const std::vector<Coefficients>& k, float* const* rows, int j
     }
 }
 
+// ---- matrices whose transforms are all logarithms --------------------
+//
+// The common request, log10 of every variable, is worth a path of its own:
+// whole rows at a time, where the cells are contiguous, with the logarithm
+// in vector lanes. It gives the cell-by-cell path's bits (same Apply
+// arithmetic, same NaturalLog) and leaves it the few cells that need a
+// record or the element writer.
+
+// A run of adjacent columns j0 .. j1 that all take Log (sign 1) or all
+// NegLog (sign -1).
+struct LogRun {
+    int j0;
+    int j1;
+    double sign;
+};
+
+// The runs of columns 1 .. c, or nothing when some column has a transform
+// other than Log, NegLog or None; columns without a transform are skipped.
+bool LogRuns(const std::vector<Coefficients>& k, int c, std::vector<LogRun>& runs)
+{
+    runs.clear();
+    for (int j = 1; j <= c; ++j) {
+        const T::Transform type = k[j].type;
+        if (type == T::None)
+            continue;
+        if (type != T::Log && type != T::NegLog)
+            return false;
+        const double sign = type == T::Log ? 1.0 : -1.0;
+        if (!runs.empty() && runs.back().j1 == j - 1 && runs.back().sign == sign)
+            runs.back().j1 = j;
+        else
+            runs.push_back({j, j, sign});
+    }
+    return true;
+}
+
+// Cells x[0 .. n-1] of one row within a run, results to out[0 .. n-1]:
+// each cell's logarithm where it can be stored in place, the cell itself
+// where not. The present cells of the second kind (an argument outside the
+// normal positive range, or a result that is the missing marker) are
+// flagged for the cell-by-cell path. Returns the number flagged. Writing
+// to a buffer keeps every store unconditional: a select back into x would
+// become a masked store, which is slow on some processors.
+VELTAN_SIMD_CLONES int LogCells(const float* __restrict x, float* __restrict out, const double* __restrict c1,
+                                const double* __restrict c2, double sign, std::int64_t* __restrict flagged, int n)
+{
+    int count = 0;
+    // Every value in the loop as wide as a double: with narrower flags the
+    // compiler packs more lanes than there are registers and spills. Eight
+    // lanes are two vectors of doubles in flight, which hides the latency
+    // of the division and the polynomial.
+#pragma omp simd simdlen(8) reduction(+ : count)
+    for (int j = 0; j < n; ++j) {
+        const float v = x[j];
+        const double a = c1[j] * v + c2[j];
+        const bool present = v != fMisVal;
+        const bool normal = a >= DoubleMin && a <= DoubleMax;
+        const float r = static_cast<float>(sign * (NaturalLog(normal ? a : 1.0) * InvLn10));
+        const bool stored = present && normal && r != fMisVal;
+        out[j] = stored ? r : v;
+        flagged[j] = present && !stored ? 1 : 0;
+        count += static_cast<int>(flagged[j]);
+    }
+    return count;
+}
+
+// Whether a Log or NegLog cell fails: its argument is not in (0, max], so
+// the log would be -inf or NaN.
+inline bool LogFails(float v, double c1, double c2, unsigned char logged)
+{
+    const double a = c1 * v + c2;
+    return logged && v != fMisVal && !(a > 0.0 && a <= DoubleMax);
+}
+
+// The number of failing cells of row x in columns 1 .. limit - 1.
+VELTAN_SIMD_CLONES int CountFailures(const float* __restrict x, const double* __restrict c1,
+                                     const double* __restrict c2, const unsigned char* __restrict logged, int limit)
+{
+    int count = 0;
+#pragma omp simd reduction(+ : count)
+    for (int j = 1; j < limit; ++j)
+        count += LogFails(x[j], c1[j], c2[j], logged[j]) ? 1 : 0;
+    return count;
+}
+
+// The constants of every column as the vector loops read them.
+struct LogConstants {
+    std::vector<double> c1, c2;
+    std::vector<unsigned char> logged; // 1 for Log and NegLog columns
+
+    explicit LogConstants(const std::vector<Coefficients>& k)
+        : c1(k.size(), 0.0), c2(k.size(), 1.0), logged(k.size(), 0)
+    {
+        for (std::size_t j = 1; j < k.size(); ++j) {
+            if (k[j].type != T::Log && k[j].type != T::NegLog)
+                continue;
+            c1[j] = k[j].c1;
+            c2[j] = k[j].c2;
+            logged[j] = 1;
+        }
+    }
+};
+
+// Rows shared out among the threads, each row's runs up to column `last`
+// in one sweep; the flagged cells go through RunColumn one by one.
+std::unique_ptr<NCTransformErrors> TransformLogRows(const std::vector<Coefficients>& k, const LogConstants& lc,
+                                                   const std::vector<LogRun>& runs, NCDataMatrix<float>& m, int last)
+{
+    const int r = m.SizeRows();
+    const std::vector<float*> rows = m.GetMatrixAsPointerPointer();
+    const bool parallel = r > 1 && static_cast<long long>(r) * last >= ParallelCells;
+    std::vector<std::vector<PendingCell>> lists = ThreadLists(parallel);
+    std::vector<std::vector<std::int64_t>> flags(lists.size(),
+                                                 std::vector<std::int64_t>(static_cast<std::size_t>(last) + 1));
+    std::vector<std::vector<float>> buffers(lists.size(), std::vector<float>(static_cast<std::size_t>(last) + 1));
+    const int blocks = (r + RowBlock - 1) / RowBlock;
+    ParallelFor(blocks, parallel, [&](int n, int thread) {
+        std::vector<std::int64_t>& flagged = flags[static_cast<std::size_t>(thread)];
+        float* const buffer = buffers[static_cast<std::size_t>(thread)].data();
+        const int b = 1 + n * RowBlock;
+        const int e = std::min(r + 1, b + RowBlock);
+        for (int i = b; i < e; ++i) {
+            float* row = rows[i];
+            for (const LogRun& run : runs) {
+                if (run.j0 > last)
+                    break;
+                const int j1 = std::min(run.j1, last);
+                const int w = j1 - run.j0 + 1;
+                const int count = LogCells(row + run.j0, buffer, lc.c1.data() + run.j0, lc.c2.data() + run.j0,
+                                           run.sign, flagged.data() + run.j0, w);
+                std::copy(buffer, buffer + w, row + run.j0);
+                if (count == 0)
+                    continue;
+                for (int j = run.j0; j <= j1; ++j)
+                    if (flagged[j])
+                        RunColumn<true>(k[j], rows.data(), j, i, i + 1, lists[thread]);
+            }
+        }
+    });
+    return Settle(m, Gather(lists), true);
+}
+
+// The first column with a failing cell, or c + 1.
+int FirstFailingColumn(const LogConstants& lc, const NCDataMatrix<float>& m)
+{
+    const int r = m.SizeRows(), c = m.SizeColumns();
+    int first = c + 1;
+    const bool parallel = static_cast<long long>(r) * c >= ParallelCells;
+#pragma omp parallel for if (parallel) schedule(static) reduction(min : first)
+    for (int i = 1; i <= r; ++i) {
+        // A row needs looking at only before the earliest failure this thread has seen.
+        const int limit = std::min(first, c + 1);
+        const float* x = m[i].GetVector();
+        if (CountFailures(x, lc.c1.data(), lc.c2.data(), lc.logged.data(), limit) == 0)
+            continue;
+        for (int j = 1; j < limit; ++j)
+            if (LogFails(x[j], lc.c1[j], lc.c2[j], lc.logged[j])) {
+                first = j;
+                break;
+            }
+    }
+    return first;
+}
+
 } // namespace
 
 NCTransformError::Error TransformValue(const Coefficients& k, bool forward, float* v)
@@ -215,6 +382,9 @@ std::unique_ptr<NCTransformErrors> TransformMatrixNoBreak(const std::vector<Coef
     const int c = m.SizeColumns();
     if (r == 0 || !AnyTransform(k, 1, c))
         return nullptr;
+    std::vector<LogRun> runs;
+    if (LogRuns(k, c, runs))
+        return TransformLogRows(k, LogConstants(k), runs, m, c);
     const std::vector<float*> rows = m.GetMatrixAsPointerPointer();
     const int tiles = (c + TileColumns - 1) / TileColumns;
     const bool parallel = tiles > 1 && static_cast<long long>(r) * c >= ParallelCells;
@@ -234,6 +404,21 @@ void TransformMatrix(const std::vector<Coefficients>& k, NCDataMatrix<float>& m)
     const int c = m.SizeColumns();
     if (r == 0 || !AnyTransform(k, 1, c))
         return;
+    std::vector<LogRun> runs;
+    if (LogRuns(k, c, runs)) {
+        // Whether a logarithm fails is known from its argument alone, so a
+        // read-only pass finds the first failing column, and nothing after
+        // it is ever written: no copy to put back.
+        const LogConstants lc(k);
+        const int failing = FirstFailingColumn(lc, m);
+        std::unique_ptr<NCTransformErrors> errors = TransformLogRows(k, lc, runs, m, std::min(failing, c));
+        if (failing <= c) {
+            if (!errors)
+                throw NCInternalError("NCTransformKernel::TransformMatrix");
+            throw errors->GetTransformError();
+        }
+        return;
+    }
     const std::vector<float*> rows = m.GetMatrixAsPointerPointer();
     const int width = std::min(c, TileColumns);
     const int blocks = (r + RowBlock - 1) / RowBlock;

@@ -6,7 +6,9 @@
 #include "veltancmat/preprocess/TransformE.h"
 
 #include <array>
+#include <bit>
 #include <cmath>
+#include <cstdint>
 #include <limits>
 #include <memory>
 #include <vector>
@@ -20,12 +22,54 @@ namespace NCTransformKernel {
 // The largest finite float, as a double. A result beyond it (or NaN, which
 // fails every comparison) cannot be stored.
 inline constexpr double FloatLimit = 3.4028234663852886e38;
-// 1 / ln 10. log10(a) is computed as ln(a) / ln 10: the library's ln is
-// about half again as fast as its log10, and the float result is the same
-// except where the double value lies within an ulp of a float rounding
-// boundary.
+// 1 / ln 10. log10(a) is computed as ln(a) / ln 10, through NaturalLog
+// below; the float result is the correctly rounded one except where the
+// double value lies within an ulp of a float rounding boundary.
 inline constexpr double InvLn10 = 0.434294481903251827651128918916605082;
 inline constexpr double NotStored = std::numeric_limits<double>::quiet_NaN();
+inline constexpr double DoubleMin = std::numeric_limits<double>::min();
+inline constexpr double DoubleMax = std::numeric_limits<double>::max();
+
+// ln(a) for a normal, finite a > 0, within an ulp. The classic reduction:
+// a = 2^k m with m in [sqrt(1/2), sqrt(2)), f = m - 1, s = f / (2 + f) and
+// ln(1 + f) = 2 atanh(s), an odd series whose tail is the published
+// minimax polynomial of the standard double-precision logarithm. It has no
+// branches and no tables, so the same code runs one value at a time and in
+// the vector loops of the matrix transforms and gives the same bits both
+// ways; the library's log would be called once per cell.
+inline double NaturalLog(double a)
+{
+    constexpr std::uint64_t SqrtHalf = 0x3fe6a09e667f3bcdULL; // the bits of sqrt(1/2)
+    constexpr std::uint64_t Mantissa = 0x000fffffffffffffULL;
+    constexpr double Ln2Hi = 6.93147180369123816490e-01; // ln 2 split so that k Ln2Hi is exact
+    constexpr double Ln2Lo = 1.90821492927058770002e-10;
+    constexpr double Lg1 = 6.666666666666735130e-01, Lg2 = 3.999999999940941908e-01,
+                     Lg3 = 2.857142874366239149e-01, Lg4 = 2.222219843214978396e-01,
+                     Lg5 = 1.818357216161805012e-01, Lg6 = 1.531383769920937332e-01,
+                     Lg7 = 1.479819860511658591e-01;
+    // The top 12 bits of u hold k in two's complement; adding 1024 there
+    // makes it k + 1024 in 1 .. 2048, which becomes a double through the
+    // 2^52 trick: 64-bit integer conversions have no vector instruction.
+    const std::uint64_t u = std::bit_cast<std::uint64_t>(a) - SqrtHalf;
+    const std::uint64_t biased = (u + (std::uint64_t{1024} << 52)) >> 52;
+    const double k = std::bit_cast<double>(0x4330000000000000ULL | biased) - (4503599627370496.0 + 1024.0);
+    const double f = std::bit_cast<double>((u & Mantissa) + SqrtHalf) - 1.0;
+    const double s = f / (2.0 + f);
+    const double z = s * s;
+    const double w = z * z;
+    const double r = z * (Lg1 + w * (Lg3 + w * (Lg5 + w * Lg7))) + w * (Lg2 + w * (Lg4 + w * Lg6));
+    const double halfSquare = 0.5 * f * f;
+    return k * Ln2Hi - ((halfSquare - (s * (halfSquare + r) + k * Ln2Lo)) - f);
+}
+
+// log10(a) for any a: outside the normal positive range (0, negative,
+// infinite, NaN, and subnormal values, which a float cell and float
+// constants cannot produce) the library's log gives the -inf or NaN that
+// the callers turn into a domain failure.
+inline double Log10(double a)
+{
+    return a >= DoubleMin && a <= DoubleMax ? NaturalLog(a) * InvLn10 : std::log(a) * InvLn10;
+}
 
 // A column's transform as the loops take it: the type normalised, the
 // constants widened once.
@@ -65,12 +109,12 @@ inline double Apply(const Coefficients& k, double v)
         if constexpr (Type == T::Linear)
             return k.c1 * v + k.c2;
         else if constexpr (Type == T::Log)
-            return std::log(k.c1 * v + k.c2) * InvLn10;
+            return Log10(k.c1 * v + k.c2);
         else if constexpr (Type == T::NegLog)
-            return -(std::log(k.c1 * v + k.c2) * InvLn10);
+            return -Log10(k.c1 * v + k.c2);
         else if constexpr (Type == T::Logit) {
             const double d = k.c2 - v;
-            return d == 0.0 ? NotStored : std::log((v - k.c1) / d) * InvLn10;
+            return d == 0.0 ? NotStored : Log10((v - k.c1) / d);
         } else if constexpr (Type == T::Exponential)
             return std::exp(k.c1 * v + k.c2);
         else
