@@ -1,6 +1,7 @@
 #include "cli/PcaCommand.h"
 
 #include "cli/CsvWriter.h"
+#include "cli/FitLimits.h"
 #include "cli/JsonOutput.h"
 #include "cli/Preprocess.h"
 #include "cli/ProgressBar.h"
@@ -52,19 +53,9 @@ PcaFit FitPca(const DataTable& table, const PcaOptions& options, NCProgress& pro
         throw ToolError(table.source + ": " + Plural(n, "observation") + "; a PCA needs at least 2");
     if (k < 2)
         throw ToolError(table.source + ": " + Plural(k, "variable") + "; a PCA needs at least 2");
-    const int groups = options.cvGroups > 0 ? options.cvGroups : std::min(DefaultCvGroups, n);
-    if (groups < 2 || groups > n)
-        throw ToolError("--cv-groups " + std::to_string(groups) + ": more groups than the " + std::to_string(n) +
-                            " observations of " + table.source,
-                        ExitUsage);
+    const int groups = CrossValidationGroups(options.cvGroups, n, table.source);
     const bool centred = options.scale != NCScale::ScaleNone;
-    // Beyond this the residuals are zero and no further direction exists.
-    const int capacity = std::min(n - (centred ? 1 : 0), k);
-    if (options.components > capacity)
-        throw ToolError("--components " + std::to_string(options.components) + ": " + table.source +
-                            " can take at most " + std::to_string(capacity) + " (" + Plural(n, "observation") + ", " +
-                            Plural(k, "variable") + (centred ? ", centred" : "") + ")",
-                        ExitUsage);
+    const int capacity = CheckComponentCount(options.components, n, k, centred, table.source, "variable");
 
     PcaFit fit;
     fit.fixed = options.components > 0;

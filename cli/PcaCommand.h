@@ -30,8 +30,6 @@ struct PcaOptions {
     bool progress = false; // draw the bar even when stderr is not a terminal
 };
 
-constexpr int DefaultCvGroups = 7;
-
 // The eigenvalue tolerance under which an undecided component is confirmed
 // by the next one (near-equal eigenvalues: the two span one plane).
 constexpr double EigenvalueTolerance = 0.05;

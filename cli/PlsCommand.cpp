@@ -1,6 +1,7 @@
 #include "cli/PlsCommand.h"
 
 #include "cli/CsvWriter.h"
+#include "cli/FitLimits.h"
 #include "cli/JsonOutput.h"
 #include "cli/ModelFile.h"
 #include "cli/Preprocess.h"
@@ -20,7 +21,6 @@ namespace veltan_cli {
 
 namespace {
 
-constexpr int DefaultGroups = 7;
 constexpr int MaxIterations = 200;
 constexpr float Missing = -99.0f;
 
@@ -232,19 +232,8 @@ PlsFit FitPls(const PlsData& data, const PlsOptions& options, NCProgress& progre
     const int n = xt.Observations(), k = xt.Variables(), m = yt.Variables();
     if (n < 2)
         throw ToolError(xt.source + ": " + Plural(n, "observation") + "; a PLS model needs at least 2");
-    const int groups = options.cvGroups > 0 ? options.cvGroups : std::min(DefaultGroups, n);
-    if (groups > n)
-        throw ToolError("--cv-groups " + std::to_string(groups) + ": more groups than the " + std::to_string(n) +
-                            " observations of " + xt.source,
-                        ExitUsage);
-    const bool centred = options.scale != NCScale::ScaleNone;
-    // Beyond this the X residuals are zero and no further component exists.
-    const int capacity = std::min(n - (centred ? 1 : 0), k);
-    if (options.components > capacity)
-        throw ToolError("--components " + std::to_string(options.components) + ": " + xt.source +
-                            " can take at most " + std::to_string(capacity) + " (" + Plural(n, "observation") +
-                            ", " + Plural(k, "X variable") + (centred ? ", centred" : "") + ")",
-                        ExitUsage);
+    const int groups = CrossValidationGroups(options.cvGroups, n, xt.source);
+    CheckComponentCount(options.components, n, k, options.scale != NCScale::ScaleNone, xt.source, "X variable");
 
     PlsFit fit;
     fit.fixed = options.components > 0;
