@@ -36,11 +36,7 @@ void PrintTable(std::ostream& out, const DataTable& table, const PcaOptions& opt
             << "\n";
     }
     out << "\n";
-    if (fit.fixed)
-        out << Plural(fit.kept, "component") << " fitted, as asked.\n";
-    else
-        out << Plural(fit.kept, "component") << " kept" << (fit.stopReason.empty() ? "" : "; " + fit.stopReason)
-            << ".\n";
+    out << FitSummary(fit.kept, fit.fixed, fit.stopReason) << "\n";
 }
 
 } // namespace

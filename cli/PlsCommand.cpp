@@ -359,11 +359,7 @@ void PrintReport(std::ostream& out, const PlsData& data, const PlsOptions& optio
             << SignificanceE::GetSignificance(c.significance) << "\n";
     }
     out << "\n";
-    if (fit.fixed)
-        out << Plural(fit.kept, "component") << " fitted, as asked.\n";
-    else
-        out << Plural(fit.kept, "component") << " kept" << (fit.stopReason.empty() ? "" : "; " + fit.stopReason)
-            << ".\n";
+    out << FitSummary(fit.kept, fit.fixed, fit.stopReason) << "\n";
 
     if (y.Variables() > 1 && fit.kept > 0) {
         const PlsComponent& last = fit.records[static_cast<std::size_t>(fit.kept - 1)];

@@ -66,4 +66,11 @@ std::string OneLine(std::string text)
     return text;
 }
 
+std::string FitSummary(int kept, bool fixed, const std::string& stopReason)
+{
+    if (fixed)
+        return Plural(kept, "component") + " fitted, as asked.";
+    return Plural(kept, "component") + " kept" + (stopReason.empty() ? "" : "; " + stopReason) + ".";
+}
+
 } // namespace veltan_cli

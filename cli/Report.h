@@ -30,6 +30,10 @@ std::string ScaleOptionName(NCScale::Scaling s);
 // names what R2 counts (the variables of a PCA, the responses of a PLS).
 std::string DescribeSignificance(SignificanceE::Significance s, const std::string& items = "variables");
 
+// The line under a component table: "3 components kept; <why it stopped>."
+// or, for a count given by the user, "2 components fitted, as asked."
+std::string FitSummary(int kept, bool fixed, const std::string& stopReason);
+
 // The library's messages may hold line breaks; a report line must not.
 std::string OneLine(std::string text);
 
