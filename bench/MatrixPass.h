@@ -7,6 +7,7 @@
 #include <benchmark/benchmark.h>
 #include <omp.h>
 
+#include <chrono>
 #include <cstdint>
 
 namespace BenchMatrix {
@@ -28,24 +29,58 @@ inline void Finish(benchmark::State& state, int rows, int cols)
 
 // The yardstick: the simplest float sum over every row of m, split over the
 // threads like the kernels it is compared with.
+inline double PlainSum(const NCDataMatrix<float>& m)
+{
+    const int rows = m.SizeRows(), cols = m.SizeColumns();
+    double total = 0.0;
+#pragma omp parallel for schedule(static) reduction(+ : total)
+    for (int i = 1; i <= rows; ++i) {
+        const float* p = m[i].begin();
+        float s[8] = {};
+        for (int j = 0; j + 8 <= cols; j += 8)
+            for (int k = 0; k < 8; ++k)
+                s[k] += p[j + k];
+        total += s[0] + s[1] + s[2] + s[3] + s[4] + s[5] + s[6] + s[7];
+    }
+    return total;
+}
+
 inline void PlainPass(benchmark::State& state, const NCDataMatrix<float>& m)
 {
     Threads(state);
-    const int rows = m.SizeRows(), cols = m.SizeColumns();
+    for (auto _ : state)
+        benchmark::DoNotOptimize(PlainSum(m));
+    Finish(state, m.SizeRows(), m.SizeColumns());
+}
+
+// Times `kernel` (manual time) with a plain pass over the same matrix just
+// before each call, and reports that pass's rate (plain_bytes_per_second) and
+// the kernel's share of it (of_plain). On a shared machine the memory
+// bandwidth drifts by a third within seconds, so comparing two benchmarks
+// run at different moments says little; a pair taken a millisecond apart
+// sees the same machine.
+template <class Kernel>
+void AgainstPlainPass(benchmark::State& state, const NCDataMatrix<float>& m, Kernel&& kernel)
+{
+    using Clock = std::chrono::steady_clock;
+    Threads(state);
+    double plainSeconds = 0.0, kernelSeconds = 0.0;
     for (auto _ : state) {
-        double total = 0.0;
-#pragma omp parallel for schedule(static) reduction(+ : total)
-        for (int i = 1; i <= rows; ++i) {
-            const float* p = m[i].begin();
-            float s[8] = {};
-            for (int j = 0; j + 8 <= cols; j += 8)
-                for (int k = 0; k < 8; ++k)
-                    s[k] += p[j + k];
-            total += s[0] + s[1] + s[2] + s[3] + s[4] + s[5] + s[6] + s[7];
-        }
-        benchmark::DoNotOptimize(total);
+        const auto start = Clock::now();
+        benchmark::DoNotOptimize(PlainSum(m));
+        const auto middle = Clock::now();
+        kernel();
+        const auto end = Clock::now();
+        const double seconds = std::chrono::duration<double>(end - middle).count();
+        plainSeconds += std::chrono::duration<double>(middle - start).count();
+        kernelSeconds += seconds;
+        state.SetIterationTime(seconds);
     }
-    Finish(state, rows, cols);
+    Finish(state, m.SizeRows(), m.SizeColumns());
+    const double bytes = static_cast<double>(state.iterations()) * m.SizeRows() * m.SizeColumns() * sizeof(float);
+    state.counters["plain_bytes_per_second"] = benchmark::Counter(bytes / plainSeconds, benchmark::Counter::kDefaults,
+                                                                  benchmark::Counter::kIs1024);
+    state.counters["of_plain"] = plainSeconds / kernelSeconds;
 }
 
 } // namespace BenchMatrix
