@@ -27,6 +27,12 @@ inline void Finish(benchmark::State& state, int rows, int cols)
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * rows * cols * int64_t(sizeof(float)));
 }
 
+// Reports a rate in the same binary units as bytes_per_second.
+inline void Rate(benchmark::State& state, const char* name, double bytesPerSecond)
+{
+    state.counters[name] = benchmark::Counter(bytesPerSecond, benchmark::Counter::kDefaults, benchmark::Counter::kIs1024);
+}
+
 // The yardstick: the simplest float sum over every row of m, split over the
 // threads like the kernels it is compared with.
 inline double PlainSum(const NCDataMatrix<float>& m)
@@ -78,9 +84,41 @@ void AgainstPlainPass(benchmark::State& state, const NCDataMatrix<float>& m, Ker
     }
     Finish(state, m.SizeRows(), m.SizeColumns());
     const double bytes = static_cast<double>(state.iterations()) * m.SizeRows() * m.SizeColumns() * sizeof(float);
-    state.counters["plain_bytes_per_second"] = benchmark::Counter(bytes / plainSeconds, benchmark::Counter::kDefaults,
-                                                                  benchmark::Counter::kIs1024);
+    Rate(state, "plain_bytes_per_second", bytes / plainSeconds);
     state.counters["of_plain"] = plainSeconds / kernelSeconds;
 }
+
+// Plain passes sampled between the timed pieces of a longer benchmark (a
+// fit, a cross-validation), for the same reason: their rate is measured
+// beside the work it is compared with, not seconds apart.
+class PlainRate
+{
+public:
+    // Times `passes` plain passes over m, back to back, after one untimed
+    // pass: the first pass after the benchmark's own work pays for writing
+    // back what that work left dirty in the caches.
+    void Sample(const NCDataMatrix<float>& m, int passes = 1)
+    {
+        benchmark::DoNotOptimize(PlainSum(m));
+        const auto start = std::chrono::steady_clock::now();
+        for (int k = 0; k < passes; ++k)
+            benchmark::DoNotOptimize(PlainSum(m));
+        m_seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+        m_bytes += static_cast<double>(passes) * m.SizeRows() * m.SizeColumns() * sizeof(float);
+    }
+
+    // Reports the sampled rate and the share of it that `bytesPerSecond`,
+    // the benchmark's own rate, reaches.
+    void Report(benchmark::State& state, double bytesPerSecond) const
+    {
+        const double plain = m_bytes / m_seconds;
+        Rate(state, "plain_bytes_per_second", plain);
+        state.counters["of_plain"] = bytesPerSecond / plain;
+    }
+
+private:
+    double m_seconds = 0.0;
+    double m_bytes = 0.0;
+};
 
 } // namespace BenchMatrix
