@@ -189,6 +189,17 @@ constexpr int ColumnLocality = 1; // prefetcht2
 constexpr int RowAhead = 2;
 constexpr int RowLocality = 3; // prefetcht0
 
+// A matrix this small stays in the second-level caches of a team of two
+// between passes (as in the rounds of a cross-validation), and asking for
+// its rows again only costs instructions.
+constexpr long long PrefetchFromBytes = 2LL << 20;
+
+template <class T>
+bool WorthPrefetching(long long rows, long long cols)
+{
+    return rows * cols * static_cast<long long>(sizeof(T)) >= PrefetchFromBytes;
+}
+
 template <int Locality, class T>
 inline void PrefetchRow(const T* x, int n)
 {
@@ -357,6 +368,7 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
     const int rows = m_rows;
 
     const bool parallel = static_cast<long long>(rows) * n >= MinParallelCells;
+    const bool prefetch = WorthPrefetching<T>(rows, n);
 #pragma omp parallel if (parallel) reduction(+ : tt, rowsUsed)
     {
         LineAligned<double> my12(n);
@@ -366,7 +378,7 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
         int pending = 0;
 #pragma omp for schedule(static) nowait
         for (int i = 1; i <= rows; ++i) {
-            if (i + ColumnAhead <= rows)
+            if (prefetch && i + ColumnAhead <= rows)
                 PrefetchRow<ColumnLocality>(rowArray[i + ColumnAhead].GetVector(), n);
             const T ti = tv[i];
             if (IsMisVal(ti))
@@ -498,9 +510,10 @@ void NCDataMatrix<T>::SpecialNipalsRegressRowsFixImpl(const Vector& p, const Ind
     const Vector* rowArray = m_rowArray;
     int missing = 0;
     const bool parallel = static_cast<long long>(m_rows) * n >= MinParallelCells;
+    const bool prefetch = WorthPrefetching<T>(m_rows, n);
 #pragma omp parallel for if (parallel) schedule(static) reduction(+ : missing)
     for (int i = 1; i <= m_rows; ++i) {
-        if (i + RowAhead <= m_rows)
+        if (prefetch && i + RowAhead <= m_rows)
             PrefetchRow<RowLocality>(rowArray[i + RowAhead].GetVector(), n);
         const Vector& row = rowArray[i];
         const T* x = row.GetVector();
