@@ -25,10 +25,10 @@ namespace {
 // The masked and dot-product kernels are written with explicit 32-byte
 // vectors (GCC vector extensions; the baseline clone splits each into two
 // SSE operations): for loops that select per cell or keep several sums,
-// GCC's own vectorisation produced blends, spills or one serial chain. The helpers are always inlined into the
-// clones, so the vector arguments never cross a call and the ABI warning
-// about passing them is moot.
-#pragma GCC diagnostic push
+// GCC's own vectorisation produced blends, spills or one serial chain. The
+// helpers are always inlined into the clones, so the vector arguments never
+// cross a call and the ABI warning about passing them is moot. It stays off
+// for the whole file: GCC reports it where the translation unit ends.
 #pragma GCC diagnostic ignored "-Wpsabi"
 using FloatVec = float __attribute__((vector_size(32)));
 using DoubleVec = double __attribute__((vector_size(32)));
@@ -61,6 +61,22 @@ inline __attribute__((always_inline)) V LoadVec(const void* p)
     V v;
     std::memcpy(&v, p, sizeof(V));
     return v;
+}
+
+// The lanes of v where mask is set, zero elsewhere. Selecting with bit
+// masks lets one comparison serve both selects of the masked kernels:
+// written as two ?: on the comparison, GCC compares twice.
+using FloatMask = decltype(FloatVec{} == FloatVec{});
+using DoubleMask = decltype(DoubleVec{} == DoubleVec{});
+
+inline __attribute__((always_inline)) FloatVec Keep(FloatVec v, FloatMask mask)
+{
+    return reinterpret_cast<FloatVec>(reinterpret_cast<FloatMask>(v) & mask);
+}
+
+inline __attribute__((always_inline)) DoubleVec Keep(DoubleVec v, DoubleMask mask)
+{
+    return reinterpret_cast<DoubleVec>(reinterpret_cast<DoubleMask>(v) & mask);
 }
 
 inline __attribute__((always_inline)) double SumLanes(const DoubleVec* total, int count)
@@ -105,14 +121,10 @@ VELTAN_SIMD_CLONES void AccumulateMasked(T* __restrict s12, T* __restrict gapSqu
     using M = decltype(missing == missing);
     int j = 1;
     for (; j + W - 1 <= n; j += W) {
-        // One comparison serves both selects, as bit masks: written as two
-        // ?: the compiler compares twice.
         const V xv = LoadVec<V>(x + j);
         const M mx = xv == missing;
-        const V present = reinterpret_cast<V>(reinterpret_cast<M>(xv) & ~mx);
-        const V gap = reinterpret_cast<V>(reinterpret_cast<M>(qv) & mx);
-        StoreVec(s12 + j, LoadVec<V>(s12 + j) + present * tv);
-        StoreVec(gapSquares + j, LoadVec<V>(gapSquares + j) + gap);
+        StoreVec(s12 + j, LoadVec<V>(s12 + j) + Keep(xv, ~mx) * tv);
+        StoreVec(gapSquares + j, LoadVec<V>(gapSquares + j) + Keep(qv, mx));
     }
     for (; j <= n; ++j) {
         const bool mx = IsMisVal(x[j]);
@@ -258,17 +270,18 @@ VELTAN_SIMD_CLONES double DotMasked(const T* __restrict x, const T* __restrict p
     constexpr int W = S::Width;
     constexpr int Wide = 2 * (W / 4);
     const V missing = V{} + NCMisVal<T>;
+    using M = decltype(missing == missing);
     V a = {}, b = {}, ga = {}, gb = {};
     DoubleVec total[Wide] = {}, gapTotal[Wide] = {};
     int j = 1;
     int blocks = 0;
     for (; j + 2 * W - 1 <= n; j += 2 * W) {
         const V xa = LoadVec<V>(x + j), xb = LoadVec<V>(x + j + W);
-        const auto ma = xa == missing, mb = xb == missing;
-        a += (ma ? V{} : xa) * LoadVec<V>(p + j);
-        b += (mb ? V{} : xb) * LoadVec<V>(p + j + W);
-        ga += ma ? LoadVec<V>(p2 + j) : V{};
-        gb += mb ? LoadVec<V>(p2 + j + W) : V{};
+        const M ma = xa == missing, mb = xb == missing;
+        a += Keep(xa, ~ma) * LoadVec<V>(p + j);
+        b += Keep(xb, ~mb) * LoadVec<V>(p + j + W);
+        ga += Keep(LoadVec<V>(p2 + j), ma);
+        gb += Keep(LoadVec<V>(p2 + j + W), mb);
         if (++blocks == FlushEvery) {
             S::Widen(total, a);
             S::Widen(total + Wide / 2, b);
@@ -329,8 +342,6 @@ VELTAN_SIMD_CLONES void AccumulateSquares(double* ss, const T* x, int n)
         ss[j] += v * v;
     }
 }
-
-#pragma GCC diagnostic pop
 
 } // namespace
 
