@@ -4,6 +4,8 @@
 #include "veltancmat/containers/NCIntegralVector.h"
 #include "veltancmat/platform/NCError.h"
 
+#include "VectorChecks.h"
+
 #include "containers/fixtures/VectorReference.inc"
 
 #include <gtest/gtest.h>
@@ -22,15 +24,6 @@ NCDataVector<T> FromArray(const float (&values)[N], int n = static_cast<int>(N))
     NCDataVector<T> v(n);
     for (int i = 1; i <= n; ++i)
         v(i, static_cast<T>(values[i - 1]));
-    return v;
-}
-
-template <class T>
-NCDataVector<T> Vec(std::initializer_list<double> values)
-{
-    NCDataVector<T> v;
-    for (double x : values)
-        v.push_back(static_cast<T>(x));
     return v;
 }
 

@@ -3,6 +3,8 @@
 #include "veltancmat/containers/NCIntegralVector.h"
 #include "veltancmat/platform/NCError.h"
 
+#include "VectorChecks.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -34,15 +36,6 @@ template <class T>
 bool Aligned(const NCDataVector<T>& v)
 {
     return v.empty() || reinterpret_cast<std::uintptr_t>(v.begin()) % 32 == 0;
-}
-
-template <class T>
-NCDataVector<T> Vec(std::initializer_list<double> values)
-{
-    NCDataVector<T> v;
-    for (double x : values)
-        v.push_back(static_cast<T>(x));
-    return v;
 }
 
 // Runs op on a copy of v and returns the resulting values.
