@@ -4,7 +4,7 @@
 #include "veltancmat/containers/NCIntegralVector.h"
 #include "veltancmat/platform/NCError.h"
 
-#include "VectorChecks.h"
+#include "containers/VectorChecks.h"
 
 #include "containers/fixtures/VectorReference.inc"
 

@@ -3,7 +3,7 @@
 #include "veltancmat/containers/NCIntegralVector.h"
 #include "veltancmat/platform/NCError.h"
 
-#include "VectorChecks.h"
+#include "containers/VectorChecks.h"
 
 #include <gtest/gtest.h>
 
