@@ -883,13 +883,18 @@ double NCDataMatrix<T>::GetMean() const
 template <class T>
 double NCDataMatrix<T>::GetSS() const
 {
-    double ss = 0.0;
-    const bool anyValid = m_rows * static_cast<long long>(m_cols) > m_numMis;
+    return SumSquares(AllRows());
+}
+
+template <class T>
+double NCDataMatrix<T>::SumSquares(const NCRowTable<T>& rows)
+{
+    const bool anyValid = rows.count * static_cast<long long>(rows.cols) > rows.missing;
     if (!anyValid)
         return dMisVal;
-    const Vector* rows = m_rowArray;
+    double ss = 0.0;
 #pragma omp parallel for schedule(static) reduction(+ : ss)
-    for (int i = 1; i <= m_rows; ++i)
+    for (int i = 1; i <= rows.count; ++i)
         if (rows[i].HasValidValues())
             ss += rows[i].GetSS();
     return ss;

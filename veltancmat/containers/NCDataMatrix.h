@@ -3,6 +3,7 @@
 #include "veltancmat/containers/NCDataVector.h"
 #include "veltancmat/containers/NCIntegralVector.h"
 #include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/containers/frame/RowTable.h"
 #include "veltancmat/containers/frame/SharedBlock.h"
 #include "veltancmat/platform/Export.h"
 #include "veltancmat/platform/QvStream.h"
@@ -23,6 +24,8 @@ template <class T>
 class NCDataMatrixPrim;
 template <class T>
 class NCMatOpResultProxy;
+template <class T>
+class NCDataMatrixRows;
 
 // The library's data table (T = float or double): observations in rows,
 // variables in columns, both indexed from 1, cells equal to -99 missing.
@@ -311,6 +314,7 @@ protected:
 
 private:
     friend class NCDataMatrixRow<T>;
+    friend class NCDataMatrixRows<T>;
     friend class NCMatOpResultProxy<T>;
     friend class NCVecOpResultProxy<T>;
     friend class NCDataVector<T>;
@@ -348,6 +352,20 @@ private:
                                             Vector* result) const;
     void SpecialNipalsRegressRowsFixImpl(const Vector& p, const IndexList* groups, int group, Vector* result) const;
     void GetColumnCorrelationImpl(NCDataMatrix* result) const;
+
+    // The kernels behind GetSS and the NIPALS members, over every row
+    // (AllRows) or over a selection of rows (NCDataMatrixRows). Sizes are
+    // the caller's to check.
+    NCRowTable<T> AllRows() const
+    {
+        return {m_rowArray, nullptr, m_rows, m_cols, m_colMis ? m_colMis->GetPtr() : nullptr, m_numMis};
+    }
+    static double SumSquares(const NCRowTable<T>& rows);
+    static void StartColumn(const NCRowTable<T>& rows, Vector* result);
+    static void NipalsColumns(const NCRowTable<T>& rows, const Vector& t, const IndexList* groups, int group,
+                              Vector* result);
+    static void NipalsRows(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups, int group,
+                           Vector* result);
     void GetDensityImpl(int j, const Vector& at, double bandwidth, Vector* result) const;
 
     bool IsShared() const { return m_shared && m_shared->refCount.load(std::memory_order_acquire) > 1; }

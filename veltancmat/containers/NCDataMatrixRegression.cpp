@@ -365,18 +365,23 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
         NCMatrixErrors::ThrowSize("SpecialNipalsRegressColumnsFix", "Vectors are of different size.");
     if (groups && groups->Size() != m_cols)
         NCMatrixErrors::ThrowSize("SpecialNipalsRegressColumnsFix", "Vectors are of different size.");
+    NipalsColumns(AllRows(), t, groups, group, result);
+}
 
-    const int n = m_cols;
+template <class T>
+void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>& rowTable, const Vector& t, const IndexList* groups,
+                                    int group, Vector* result)
+{
+    const int n = rowTable.cols;
     const T* tv = t.GetVector();
     const bool tComplete = t.HasNoMissingValues();
     // Rows whose score is missing take no part.
-    const bool masked = m_numMis > 0;
+    const bool masked = rowTable.missing > 0;
     double tt = 0.0; // t't over all present t_i
     int rowsUsed = 0;
     std::vector<double> s12(static_cast<std::size_t>(n) + 1, 0.0);
     std::vector<double> gapSquares(masked ? static_cast<std::size_t>(n) + 1 : 0, 0.0);
-    const Vector* rowArray = m_rowArray;
-    const int rows = m_rows;
+    const int rows = rowTable.count;
 
     const bool parallel = static_cast<long long>(rows) * n >= MinParallelCells;
     const bool prefetch = WorthPrefetching<T>(rows, n);
@@ -390,11 +395,11 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
 #pragma omp for schedule(static) nowait
         for (int i = 1; i <= rows; ++i) {
             if (prefetch && i + ColumnAhead <= rows)
-                PrefetchRow<ColumnLocality>(rowArray[i + ColumnAhead].GetVector(), n);
+                PrefetchRow<ColumnLocality>(rowTable[i + ColumnAhead].GetVector(), n);
             const T ti = tv[i];
             if (IsMisVal(ti))
                 continue;
-            const Vector& row = rowArray[i];
+            const Vector& row = rowTable[i];
             tt += static_cast<double>(ti * ti);
             ++rowsUsed;
             const T* x = row.GetVector();
@@ -440,12 +445,11 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
     // cells in them: its missing count less those in rows left out.
     std::vector<int> gaps;
     if (masked) {
-        const int* columnMissing = m_colMis->GetPtr();
-        gaps.assign(columnMissing, columnMissing + n + 1);
+        gaps.assign(rowTable.columnMissing, rowTable.columnMissing + n + 1);
         if (!tComplete)
             for (int i = 1; i <= rows; ++i)
-                if (IsMisVal(tv[i]) && rowArray[i].HasMissingValues()) {
-                    const T* x = rowArray[i].GetVector();
+                if (IsMisVal(tv[i]) && rowTable[i].HasMissingValues()) {
+                    const T* x = rowTable[i].GetVector();
                     for (int j = 1; j <= n; ++j)
                         gaps[j] -= IsMisVal(x[j]) ? 1 : 0;
                 }
@@ -453,7 +457,7 @@ void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const 
 
     result->SetSize(n);
     T* out = result->GetVectorForWriting();
-    const int* columnMissing = m_colMis ? m_colMis->GetPtr() : nullptr;
+    const int* columnMissing = rowTable.columnMissing;
     const int* labels = groups ? groups->GetPtr() : nullptr;
     int missing = 0;
     for (int j = 1; j <= n; ++j) {
@@ -495,10 +499,17 @@ void NCDataMatrix<T>::SpecialNipalsRegressRowsFixImpl(const Vector& p, const Ind
     NCMatrixErrors::CheckResult(result);
     if (p.Size() != m_cols || (groups && groups->Size() != m_cols))
         NCMatrixErrors::ThrowSize("SpecialNipalsRegressRowsFix", "Vectors are of different size.");
+    NipalsRows(AllRows(), p, groups, group, result);
+}
 
+template <class T>
+void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>& rowTable, const Vector& p, const IndexList* groups, int group,
+                                 Vector* result)
+{
     // The loading as the kernels want it: missing and excluded entries
     // zero, their squares zero, and a presence flag per variable.
-    const int n = m_cols;
+    const int n = rowTable.cols;
+    const int rows = rowTable.count;
     std::vector<T> pv(static_cast<std::size_t>(n) + 1, T(0));
     std::vector<T> p2(static_cast<std::size_t>(n) + 1, T(0));
     std::vector<int> present(static_cast<std::size_t>(n) + 1, 0);
@@ -516,17 +527,16 @@ void NCDataMatrix<T>::SpecialNipalsRegressRowsFixImpl(const Vector& p, const Ind
     }
     const bool pComplete = presentInP == n;
 
-    result->SetSize(m_rows);
+    result->SetSize(rows);
     T* out = result->GetVectorForWriting();
-    const Vector* rowArray = m_rowArray;
     int missing = 0;
-    const bool parallel = static_cast<long long>(m_rows) * n >= MinParallelCells;
-    const bool prefetch = WorthPrefetching<T>(m_rows, n);
+    const bool parallel = static_cast<long long>(rows) * n >= MinParallelCells;
+    const bool prefetch = WorthPrefetching<T>(rows, n);
 #pragma omp parallel for if (parallel) schedule(static) reduction(+ : missing)
-    for (int i = 1; i <= m_rows; ++i) {
-        if (prefetch && i + RowAhead <= m_rows)
-            PrefetchRow<RowLocality>(rowArray[i + RowAhead].GetVector(), n);
-        const Vector& row = rowArray[i];
+    for (int i = 1; i <= rows; ++i) {
+        if (prefetch && i + RowAhead <= rows)
+            PrefetchRow<RowLocality>(rowTable[i + RowAhead].GetVector(), n);
+        const Vector& row = rowTable[i];
         const T* x = row.GetVector();
         double sum = 0.0, d = pp;
         int pairs = presentInP;
@@ -628,24 +638,34 @@ void NCDataMatrix<T>::GetNIPALSStartColumnImpl(Vector* result) const
     NCMatrixErrors::CheckResult(result);
     if (m_cols == 0)
         NCMatrixErrors::ThrowIndex("GetNIPALSStartColumn");
+    StartColumn(AllRows(), result);
+}
+
+template <class T>
+void NCDataMatrix<T>::StartColumn(const NCRowTable<T>& rows, Vector* result)
+{
+    const int n = rows.cols;
     int best = 1;
-    if (m_cols > 1) {
+    if (n > 1) {
         // All column sums of squares in one pass over the rows.
-        std::vector<double> ss(static_cast<std::size_t>(m_cols) + 1, 0.0);
-        for (int i = 1; i <= m_rows; ++i)
-            AccumulateSquares(ss.data(), m_rowArray[i].GetVector(), m_cols);
-        const int* columnMissing = m_colMis->GetPtr();
+        std::vector<double> ss(static_cast<std::size_t>(n) + 1, 0.0);
+        for (int i = 1; i <= rows.count; ++i)
+            AccumulateSquares(ss.data(), rows[i].GetVector(), n);
         double bestSS = 0.0;
-        for (int j = 1; j <= m_cols; ++j) {
+        for (int j = 1; j <= n; ++j) {
             // A wholly missing column has no sum of squares (-99) and never wins.
-            const double s = columnMissing[j] == m_rows ? dMisVal : ss[j];
+            const double s = rows.columnMissing[j] == rows.count ? dMisVal : ss[j];
             if (s > bestSS * 1.000001) {
                 bestSS = s;
                 best = j;
             }
         }
     }
-    GetColumnImpl(best, result);
+    result->SetSize(rows.count);
+    T* out = result->GetVectorForWriting();
+    for (int i = 1; i <= rows.count; ++i)
+        out[i] = rows[i].GetVector()[best];
+    result->m_numMis = rows.columnMissing[best];
 }
 
 // ------------------------------------------------------- rank-one updates
@@ -817,6 +837,10 @@ void NCDataMatrix<T>::SNVImpl(NCDataMatrix* result) const
     template void NCDataMatrix<T>::RegressColumnsImpl(const Vector&, Vector*) const;                                 \
     template void NCDataMatrix<T>::RegressRowsImpl(const Vector&, Vector*) const;                                    \
     template void NCDataMatrix<T>::GetNIPALSStartColumnImpl(Vector*) const;                                          \
+    template void NCDataMatrix<T>::StartColumn(const NCRowTable<T>&, Vector*);                                       \
+    template void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>&, const Vector&, const IndexList*, int,         \
+                                                 Vector*);                                                           \
+    template void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>&, const Vector&, const IndexList*, int, Vector*); \
     template void NCDataMatrix<T>::DotMultiplyVectorImpl(const Vector&, NCDataMatrix*) const;                        \
     template void NCDataMatrix<T>::SNVImpl(NCDataMatrix*) const;
 

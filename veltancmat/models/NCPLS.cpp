@@ -120,28 +120,42 @@ void NCPLS::EmptyComponents()
 
 // The first Y-score vector. A start weight vector only helps with several
 // responses: with one, the response itself is already the best start.
-NCDataVector<float> NCPLS::StartScores(const NCDataVector<float>* start) const
+NCDataVector<float> NCPLS::StartScores(const NCDataMatrixRows<float>& e, const NCDataMatrixRows<float>& f,
+                                       const NCDataVector<float>* start)
 {
-    if (start && m_f->SizeColumns() > 1) {
+    if (start && f.SizeColumns() > 1) {
         NCDataVector<float> t, c, u;
-        m_e->Result(&t).SpecialNipalsRegressRowsFix(*start);
-        m_f->Result(&c).SpecialNipalsRegressColumnsFix(t);
-        m_f->Result(&u).SpecialNipalsRegressRowsFix(c);
+        e.SpecialNipalsRegressRowsFix(*start, &t);
+        f.SpecialNipalsRegressColumnsFix(t, &c);
+        f.SpecialNipalsRegressRowsFix(c, &u);
         return u;
     }
-    return NCNipals::FilledStartColumn(*m_f);
+    return NCNipals::FilledStartColumn(f);
 }
 
 bool NCPLS::NextComponent(NCProgress* progress, const NCDataVector<float>* start, bool quiet, bool strict)
 {
-    const NCDataMatrix<float>& e = *m_e;
-    const NCDataMatrix<float>& f = *m_f;
-    if (e.empty() || f.empty() || e.SizeRows() != f.SizeRows())
+    if (m_e->empty() || m_f->empty() || m_e->SizeRows() != m_f->SizeRows())
         throw NCInternalError("NCPLS::NextComponent");
-    if (start && start->Size() != e.SizeColumns())
+    if (start && start->Size() != m_e->SizeColumns())
         throw NCInternalError("NCPLS::NextComponent");
-
     const int component = m_components + 1;
+    Component fitted = FitComponent(NCDataMatrixRows<float>(*m_e), NCDataMatrixRows<float>(*m_f), component,
+                                    m_maxIterations, progress, start, quiet, strict);
+    m_wprim->push_back(fitted.w);
+    m_pprim->push_back(fitted.p);
+    m_tprim->push_back(fitted.t);
+    m_uprim->push_back(fitted.u);
+    m_cprim->push_back(fitted.c);
+    m_components = component;
+    m_iterations = fitted.iterations;
+    return true;
+}
+
+NCPLS::Component NCPLS::FitComponent(const NCDataMatrixRows<float>& e, const NCDataMatrixRows<float>& f,
+                                     int component, int maxIterations, NCProgress* progress,
+                                     const NCDataVector<float>* start, bool quiet, bool strict)
+{
     const bool singleResponse = f.SizeColumns() == 1;
     const double ssX = e.GetSS();
     const double normX = IsMisVal(ssX) ? 0.0 : std::sqrt(ssX);
@@ -149,13 +163,18 @@ bool NCPLS::NextComponent(NCProgress* progress, const NCDataVector<float>* start
     const double minCorrelation = 1e-6 / std::sqrt(static_cast<double>(e.SizeColumns()));
     const CancelText aborted("Calculation of", "PLS component aborted.");
 
-    NCDataVector<float> u = StartScores(start);
-    NCDataVector<float> w, t, c, previous;
+    Component fit;
+    NCDataVector<float>& w = fit.w;
+    NCDataVector<float>& t = fit.t;
+    NCDataVector<float>& c = fit.c;
+    NCDataVector<float>& u = fit.u;
+    u = StartScores(e, f, start);
+    NCDataVector<float> previous;
     std::unique_ptr<NCProgress> own;
     int iteration = 1;
     for (;; ++iteration) {
         previous = u;
-        e.Result(&w).SpecialNipalsRegressColumnsFix(u);
+        e.SpecialNipalsRegressColumnsFix(u, &w);
 
         const double r = std::sqrt(PresentSS(u)) * std::sqrt(PresentSS(w)) / normX;
         if (strict && !(std::isnormal(r) && r >= minCorrelation))
@@ -165,9 +184,9 @@ bool NCPLS::NextComponent(NCProgress* progress, const NCDataVector<float>* start
                           NCError::Warning);
 
         w.Normalize();
-        e.Result(&t).SpecialNipalsRegressRowsFix(w);
-        f.Result(&c).SpecialNipalsRegressColumnsFix(t);
-        f.Result(&u).SpecialNipalsRegressRowsFix(c);
+        e.SpecialNipalsRegressRowsFix(w, &t);
+        f.SpecialNipalsRegressColumnsFix(t, &c);
+        f.SpecialNipalsRegressRowsFix(c, &u);
 
         float v = 0.0f;
         if (!singleResponse) {
@@ -186,22 +205,15 @@ bool NCPLS::NextComponent(NCProgress* progress, const NCDataVector<float>* start
             if (strict)
                 CheckedSetValue(progress, -v, aborted);
         }
-        if (v <= 0.0f || iteration >= m_maxIterations)
+        if (v <= 0.0f || iteration >= maxIterations)
             break;
     }
     if (strict)
         CheckBreak(progress, aborted);
 
-    NCDataVector<float> p;
-    e.Result(&p).SpecialNipalsRegressColumnsFix(t);
-    m_wprim->push_back(w);
-    m_pprim->push_back(p);
-    m_tprim->push_back(t);
-    m_uprim->push_back(u);
-    m_cprim->push_back(c);
-    m_components = component;
-    m_iterations = iteration;
-    return true;
+    e.SpecialNipalsRegressColumnsFix(t, &fit.p);
+    fit.iterations = iteration;
+    return fit;
 }
 
 void NCPLS::CalculateResiduals()

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "veltancmat/containers/NCDataMatrix.h"
+#include "veltancmat/containers/NCDataMatrixRows.h"
 #include "veltancmat/containers/NCDataVector.h"
 #include "veltancmat/platform/Export.h"
 #include "veltancmat/platform/NCProgress.h"
@@ -103,8 +104,23 @@ public:
     static QvStreamableData MyStreamableData; // "NCPLS", 2
 
 private:
+    // A cross-validation round fits one component on part of the rows of
+    // the model's residuals, through FitComponent on a row selection.
+    friend class PLSCrossValidation;
+
+    // One component as NextComponent appends it.
+    struct Component {
+        NCDataVector<float> w, p, t, u, c;
+        int iterations = 0;
+    };
+    // Fits one component of the rows `e` of X on the rows `f` of Y;
+    // `component` is its number in the correlation error and progress text.
+    static Component FitComponent(const NCDataMatrixRows<float>& e, const NCDataMatrixRows<float>& f, int component,
+                                  int maxIterations, NCProgress* progress, const NCDataVector<float>* start,
+                                  bool quiet, bool strict);
+    static NCDataVector<float> StartScores(const NCDataMatrixRows<float>& e, const NCDataMatrixRows<float>& f,
+                                           const NCDataVector<float>* start);
     void EmptyComponents();
-    NCDataVector<float> StartScores(const NCDataVector<float>* start) const;
 
     std::unique_ptr<NCDataMatrix<float>> m_cprim;
     std::unique_ptr<NCDataMatrix<float>> m_pprim;

@@ -3,6 +3,7 @@
 // Internal to the models: not part of the library's interface.
 
 #include "veltancmat/containers/NCDataMatrix.h"
+#include "veltancmat/containers/NCDataMatrixRows.h"
 #include "veltancmat/containers/frame/MissingValue.h"
 
 #include <algorithm>
@@ -15,9 +16,10 @@ namespace NCNipals {
 // hundredth of its largest absolute value). The alternating sign gives the
 // filled cells some size but no net direction, so the fill cannot pull the
 // first component towards itself. A wholly missing column is returned as it is.
-inline NCDataVector<float> FilledStartColumn(const NCDataMatrix<float>& m)
+inline NCDataVector<float> FilledStartColumn(const NCDataMatrixRows<float>& m)
 {
-    NCDataVector<float> s = m.GetNIPALSStartColumn();
+    NCDataVector<float> s;
+    m.GetNIPALSStartColumn(&s);
     const int missing = s.GetNumMisVal();
     if (missing == 0 || missing == s.Size())
         return s;
@@ -34,6 +36,11 @@ inline NCDataVector<float> FilledStartColumn(const NCDataMatrix<float>& m)
         }
     }
     return s;
+}
+
+inline NCDataVector<float> FilledStartColumn(const NCDataMatrix<float>& m)
+{
+    return FilledStartColumn(NCDataMatrixRows<float>(m));
 }
 
 } // namespace NCNipals

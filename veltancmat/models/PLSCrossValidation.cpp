@@ -3,6 +3,7 @@
 #include "veltancmat/models/CrossValidationQ2.h"
 
 #include "veltancmat/containers/CVGroups.h"
+#include "veltancmat/containers/NCDataMatrixRows.h"
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/platform/NCError.h"
@@ -98,15 +99,20 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
         // leaves nothing to fit on.
         if (left.empty() || kept.empty())
             continue;
+        // The round is the first component of a model on the kept rows,
+        // fitted on them in place rather than on copies.
         const IndexList keptRows(kept.data(), static_cast<int>(kept.size()));
-        NCPLS round(e.GetRowSubMatrix(keptRows), f.GetRowSubMatrix(keptRows), maxIterations);
-        // Without a progress object of its own the model would create one
+        // Without a progress object of its own the fit would create one
         // per round; the rounds report into ours or stay quiet.
-        round.NextComponent(progress, start, progress == nullptr, strict);
-        m_roundCells += (2LL * round.GetIterations() + 2) * static_cast<long long>(kept.size()) * k +
+        NCPLS::Component round =
+            NCPLS::FitComponent(NCDataMatrixRows<float>(e, keptRows), NCDataMatrixRows<float>(f, keptRows), 1,
+                                maxIterations, progress, start, progress == nullptr, strict);
+        m_roundCells += (2LL * round.iterations + 2) * static_cast<long long>(kept.size()) * k +
                         static_cast<long long>(left.size()) * k;
-        NCDataVector<float> w = round.GetWprim()->back(), p = round.GetPprim()->back();
-        NCDataVector<float> c = round.GetCprim()->back(), t = round.GetTprim()->back();
+        NCDataVector<float>& w = round.w;
+        NCDataVector<float>& p = round.p;
+        NCDataVector<float>& c = round.c;
+        NCDataVector<float>& t = round.t;
 
         // The round's component takes the sign of the model's, so that the
         // sets can be compared round by round.
@@ -124,13 +130,18 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
         m_wset.SetRow(r, w);
         m_pset.SetRow(r, p);
         m_cset.SetRow(r, c);
+        NCDataVector<float> scoresOfRound(n, NCDataMatrix<float>::MisVal);
+        float* roundScores = scoresOfRound.GetVectorForWriting();
         for (std::size_t s = 0; s < kept.size(); ++s)
-            m_tset(r, kept[s], t[static_cast<int>(s) + 1]);
+            roundScores[kept[s]] = t[static_cast<int>(s) + 1];
+        scoresOfRound.RecountMissing();
+        m_tset.SetRow(r, scoresOfRound);
 
         // The left-out rows get scores from weights that never saw them,
         // and their Y residuals are predicted from those scores.
         const IndexList leftRows(left.data(), static_cast<int>(left.size()));
-        const NCDataVector<float> tl = e.GetRowSubMatrix(leftRows).SpecialNipalsRegressRowsFix(w);
+        NCDataVector<float> tl;
+        NCDataMatrixRows<float>(e, leftRows).SpecialNipalsRegressRowsFix(w, &tl);
         for (std::size_t s = 0; s < left.size(); ++s) {
             const int i = left[s];
             const float ti = tl[static_cast<int>(s) + 1];
