@@ -886,19 +886,6 @@ double NCDataMatrix<T>::GetSS() const
     return SumSquares(AllRows());
 }
 
-template <class T>
-double NCDataMatrix<T>::SumSquares(const NCRowTable<T>& rows)
-{
-    const bool anyValid = rows.count * static_cast<long long>(rows.cols) > rows.missing;
-    if (!anyValid)
-        return dMisVal;
-    double ss = 0.0;
-#pragma omp parallel for schedule(static) reduction(+ : ss)
-    for (int i = 1; i <= rows.count; ++i)
-        if (rows[i].HasValidValues())
-            ss += rows[i].GetSS();
-    return ss;
-}
 
 template <class T>
 double NCDataMatrix<T>::GetSSAroundColumnMeans() const

@@ -13,11 +13,13 @@
 #include <omp.h>
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -79,12 +81,13 @@ inline __attribute__((always_inline)) DoubleVec Keep(DoubleVec v, DoubleMask mas
     return reinterpret_cast<DoubleVec>(reinterpret_cast<DoubleMask>(v) & mask);
 }
 
+// Adds the lanes of `count` (2 or 4) double vectors pairwise: a running
+// sum over all sixteen lanes was a chain of sixteen dependent additions
+// at the end of every row.
 inline __attribute__((always_inline)) double SumLanes(const DoubleVec* total, int count)
 {
-    double sum = 0.0;
-    for (int k = 0; k < count; ++k)
-        sum += total[k][0] + total[k][1] + total[k][2] + total[k][3];
-    return sum;
+    const DoubleVec v = count == 4 ? (total[0] + total[1]) + (total[2] + total[3]) : total[0] + total[1];
+    return (v[0] + v[1]) + (v[2] + v[3]);
 }
 
 template <class V>
@@ -184,9 +187,17 @@ private:
 // NIPALS iteration.
 constexpr int ShortRow = 16;
 
-// Matrices with fewer cells than this are projected by one thread: the
-// fork and join of a team cost more than the pass.
+// Matrices with less work than this many cells are projected by one
+// thread: the fork and join of a team cost more than the pass. A row costs
+// at least as much as RowCells cells (finding it, its count, its result),
+// so the narrow response matrices of PLS are shared out by their rows.
 constexpr long long MinParallelCells = 1 << 15;
+constexpr long long RowCells = 32;
+
+bool WorthParallel(long long rows, long long cols)
+{
+    return rows * std::max(cols, RowCells) >= MinParallelCells;
+}
 
 // Rows are separate blocks, so the hardware prefetcher loses the stream at
 // each row's start, and the kernels ask for rows ahead themselves. The column
@@ -211,6 +222,60 @@ bool WorthPrefetching(long long rows, long long cols)
 {
     return rows * cols * static_cast<long long>(sizeof(T)) >= PrefetchFromBytes;
 }
+
+// ---- row projection of rows shorter than ShortRow (the responses of PLS)
+//
+// With the width a compile-time constant the cell loop unrolls without a
+// branch per cell, and a complete row skips the gap sums: about twice as
+// fast as the loop over a run-time width. The arithmetic, and so every bit
+// of the results, is that loop's.
+
+template <class T, int N>
+struct ShortRows {
+    // This thread's share of the row projection; returns how many of its
+    // results are missing.
+    static int Rows(const NCRowTable<T>& rows, const T* pv, const T* p2, const int* present, double pp,
+                    int presentInP, T* out)
+    {
+        int missing = 0;
+#pragma omp for schedule(static) nowait
+        for (int i = 1; i <= rows.count; ++i) {
+            const NCDataVector<T>& row = rows[i];
+            const T* x = row.GetVector();
+            double sum = 0.0, d = pp;
+            int pairs = presentInP;
+            if (row.HasNoMissingValues()) {
+                for (int j = 1; j <= N; ++j)
+                    sum += x[j] * pv[j];
+            } else {
+                double gapSquares = 0.0;
+                int gapPairs = 0;
+                for (int j = 1; j <= N; ++j) {
+                    const bool gap = IsMisVal(x[j]);
+                    sum += (gap ? T(0) : x[j]) * pv[j];
+                    gapSquares += gap ? p2[j] : T(0);
+                    gapPairs += gap ? present[j] : 0;
+                }
+                d = std::max(pp / 3.0, pp - gapSquares);
+                pairs -= gapPairs;
+            }
+            const bool defined = pairs > 0 && std::fabs(d) > 1e-30;
+            out[i] = defined ? static_cast<T>(sum / d) : NCMisVal<T>;
+            missing += IsMisVal(out[i]) ? 1 : 0;
+        }
+        return missing;
+    }
+};
+
+// The kernels for every width below ShortRow, indexed by the width.
+template <class T, std::size_t... N>
+constexpr auto MakeShortRows(std::index_sequence<N...>)
+{
+    return std::array{&ShortRows<T, static_cast<int>(N)>::Rows...};
+}
+
+template <class T>
+constexpr auto ShortRowKernels = MakeShortRows<T>(std::make_index_sequence<ShortRow>());
 
 template <int Locality, class T>
 inline void PrefetchRow(const T* x, int n)
@@ -251,6 +316,12 @@ VELTAN_SIMD_CLONES double DotComplete(const T* __restrict x, const T* __restrict
     }
     S::Widen(total, a);
     S::Widen(total + Wide / 2, b);
+    // One more vector where it fits: the scalar remainder is a dependent
+    // chain, as long as the rest of a 200-cell row.
+    if (j + W - 1 <= n) {
+        S::Widen(total, LoadVec<V>(x + j) * LoadVec<V>(p + j));
+        j += W;
+    }
     double sum = SumLanes(total, Wide);
     for (; j <= n; ++j)
         sum += x[j] * p[j];
@@ -295,6 +366,13 @@ VELTAN_SIMD_CLONES double DotMasked(const T* __restrict x, const T* __restrict p
     S::Widen(total + Wide / 2, b);
     S::Widen(gapTotal, ga);
     S::Widen(gapTotal + Wide / 2, gb);
+    if (j + W - 1 <= n) {
+        const V xa = LoadVec<V>(x + j);
+        const M ma = xa == missing;
+        S::Widen(total, Keep(xa, ~ma) * LoadVec<V>(p + j));
+        S::Widen(gapTotal, Keep(LoadVec<V>(p2 + j), ma));
+        j += W;
+    }
     double sum = SumLanes(total, Wide);
     double squares = SumLanes(gapTotal, Wide);
     for (; j <= n; ++j) {
@@ -345,6 +423,30 @@ VELTAN_SIMD_CLONES void AccumulateSquares(double* ss, const T* x, int n)
 
 } // namespace
 
+// ------------------------------------------------------ sum of squares
+
+template <class T>
+double NCDataMatrix<T>::SumSquares(const NCRowTable<T>& rows)
+{
+    const bool anyValid = rows.count * static_cast<long long>(rows.cols) > rows.missing;
+    if (!anyValid)
+        return dMisVal;
+    // A complete row is the dot product of the row with itself, whose
+    // independent partial sums run at the speed of reading the row; the
+    // vector's own sum keeps one chain of double additions.
+    const int n = rows.cols;
+    double ss = 0.0;
+#pragma omp parallel for if (WorthParallel(rows.count, n)) schedule(static) reduction(+ : ss)
+    for (int i = 1; i <= rows.count; ++i) {
+        const Vector& row = rows[i];
+        if (row.HasNoMissingValues())
+            ss += DotComplete(row.GetVector(), row.GetVector(), n);
+        else if (row.HasValidValues())
+            ss += row.GetSS();
+    }
+    return ss;
+}
+
 // ------------------------------------------------------ NIPALS regressions
 
 template <class T>
@@ -383,7 +485,7 @@ void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>& rowTable, const Vector&
     std::vector<double> gapSquares(masked ? static_cast<std::size_t>(n) + 1 : 0, 0.0);
     const int rows = rowTable.count;
 
-    const bool parallel = static_cast<long long>(rows) * n >= MinParallelCells;
+    const bool parallel = WorthParallel(rows, n);
     const bool prefetch = WorthPrefetching<T>(rows, n);
 #pragma omp parallel if (parallel) reduction(+ : tt, rowsUsed)
     {
@@ -530,8 +632,15 @@ void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>& rowTable, const Vector& p,
     result->SetSize(rows);
     T* out = result->GetVectorForWriting();
     int missing = 0;
-    const bool parallel = static_cast<long long>(rows) * n >= MinParallelCells;
+    const bool parallel = WorthParallel(rows, n);
     const bool prefetch = WorthPrefetching<T>(rows, n);
+    if (n < ShortRow) {
+#pragma omp parallel if (parallel) reduction(+ : missing)
+        missing += ShortRowKernels<T>[static_cast<std::size_t>(n)](rowTable, pv.data(), p2.data(), present.data(), pp,
+                                                                   presentInP, out);
+        result->m_numMis = missing;
+        return;
+    }
 #pragma omp parallel for if (parallel) schedule(static) reduction(+ : missing)
     for (int i = 1; i <= rows; ++i) {
         if (prefetch && i + RowAhead <= rows)
@@ -540,18 +649,7 @@ void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>& rowTable, const Vector& p,
         const T* x = row.GetVector();
         double sum = 0.0, d = pp;
         int pairs = presentInP;
-        if (n < ShortRow) {
-            double gapSquares = 0.0;
-            int gapPairs = 0;
-            for (int j = 1; j <= n; ++j) {
-                const bool gap = IsMisVal(x[j]);
-                sum += (gap ? T(0) : x[j]) * pv[j];
-                gapSquares += gap ? p2[j] : T(0);
-                gapPairs += gap ? present[j] : 0;
-            }
-            d = std::max(pp / 3.0, pp - gapSquares); // pp itself for a complete row
-            pairs -= gapPairs;
-        } else if (row.HasNoMissingValues()) {
+        if (row.HasNoMissingValues()) {
             sum = DotComplete(x, pv.data(), n);
         } else {
             double gapSquares = 0.0;
@@ -838,6 +936,7 @@ void NCDataMatrix<T>::SNVImpl(NCDataMatrix* result) const
     template void NCDataMatrix<T>::RegressRowsImpl(const Vector&, Vector*) const;                                    \
     template void NCDataMatrix<T>::GetNIPALSStartColumnImpl(Vector*) const;                                          \
     template void NCDataMatrix<T>::StartColumn(const NCRowTable<T>&, Vector*);                                       \
+    template double NCDataMatrix<T>::SumSquares(const NCRowTable<T>&);                                               \
     template void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>&, const Vector&, const IndexList*, int,         \
                                                  Vector*);                                                           \
     template void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>&, const Vector&, const IndexList*, int, Vector*); \
