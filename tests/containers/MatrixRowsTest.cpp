@@ -100,6 +100,16 @@ TYPED_TEST(MatrixRows, AgreeBitForBitWithTheCopiedRows)
             const NCDataVector<T> p = RandomVector<T>(s.cols, 0.05, 13u + s.cols);
             view.SpecialNipalsRegressRowsFix(p, &got);
             ExpectSameBits(got, copied.SpecialNipalsRegressRowsFix(p), "rows");
+
+            // Variables labelled 2 of 3 groups left out.
+            NCIntegralVector<int, -99> groups(s.cols);
+            for (int j = 1; j <= s.cols; ++j)
+                groups(j) = j % 3;
+            const NCDataVector<T> t = RandomVector<T>(s.picked, 0.0, 17u);
+            view.SpecialNipalsRegressColumnsFix(t, &got, &groups, 2);
+            ExpectSameBits(got, copied.SpecialNipalsRegressColumnsFix(t, &groups, 2), "columns, group left out");
+            view.SpecialNipalsRegressRowsFix(p, &got, &groups, 2);
+            ExpectSameBits(got, copied.SpecialNipalsRegressRowsFix(p, &groups, 2), "rows, group left out");
         }
     }
 }
@@ -189,6 +199,9 @@ TYPED_TEST(MatrixRows, BadInputThrowsNamingTheMember)
     expectInternal([&] { view.SpecialNipalsRegressColumnsFix(NCDataVector<T>(5), &out); },
                    "SpecialNipalsRegressColumnsFix");
     expectInternal([&] { view.SpecialNipalsRegressRowsFix(NCDataVector<T>(2), &out); },
+                   "SpecialNipalsRegressRowsFix");
+    const NCIntegralVector<int, -99> shortGroups{1, 2};
+    expectInternal([&] { view.SpecialNipalsRegressRowsFix(NCDataVector<T>(3), &out, &shortGroups, 1); },
                    "SpecialNipalsRegressRowsFix");
     EXPECT_THROW(view.SpecialNipalsRegressRowsFix(NCDataVector<T>(3), nullptr), NCError);
 }

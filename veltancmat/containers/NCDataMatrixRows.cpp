@@ -63,21 +63,23 @@ void NCDataMatrixRows<T>::GetNIPALSStartColumn(Vector* result) const
 }
 
 template <class T>
-void NCDataMatrixRows<T>::SpecialNipalsRegressColumnsFix(const Vector& t, Vector* result) const
+void NCDataMatrixRows<T>::SpecialNipalsRegressColumnsFix(const Vector& t, Vector* result, const IndexList* groups,
+                                                         int group) const
 {
     NCMatrixErrors::CheckResult(result);
-    if (t.Size() != m_table.count)
+    if (t.Size() != m_table.count || (groups && groups->Size() != m_table.cols))
         ThrowSize("SpecialNipalsRegressColumnsFix", "Vectors are of different size.");
-    NCDataMatrix<T>::NipalsColumns(m_table, t, nullptr, 0, result);
+    NCDataMatrix<T>::NipalsColumns(m_table, t, groups, group, result);
 }
 
 template <class T>
-void NCDataMatrixRows<T>::SpecialNipalsRegressRowsFix(const Vector& p, Vector* result) const
+void NCDataMatrixRows<T>::SpecialNipalsRegressRowsFix(const Vector& p, Vector* result, const IndexList* groups,
+                                                      int group) const
 {
     NCMatrixErrors::CheckResult(result);
-    if (p.Size() != m_table.cols)
+    if (p.Size() != m_table.cols || (groups && groups->Size() != m_table.cols))
         ThrowSize("SpecialNipalsRegressRowsFix", "Vectors are of different size.");
-    NCDataMatrix<T>::NipalsRows(m_table, p, nullptr, 0, result);
+    NCDataMatrix<T>::NipalsRows(m_table, p, groups, group, result);
 }
 
 template <class T>

@@ -35,11 +35,14 @@ public:
     const Vector& operator[](int i) const { return m_table[i]; }
     int GetNumMisVal() const { return m_table.missing; }
 
-    // As the members of NCDataMatrix of the same names, on the selected rows.
+    // As the members of NCDataMatrix of the same names, on the selected rows;
+    // `groups` labels the columns, and those labelled `group` are left out.
     double GetSS() const;
     void GetNIPALSStartColumn(Vector* result) const;
-    void SpecialNipalsRegressColumnsFix(const Vector& t, Vector* result) const;
-    void SpecialNipalsRegressRowsFix(const Vector& p, Vector* result) const;
+    void SpecialNipalsRegressColumnsFix(const Vector& t, Vector* result, const IndexList* groups = nullptr,
+                                        int group = 0) const;
+    void SpecialNipalsRegressRowsFix(const Vector& p, Vector* result, const IndexList* groups = nullptr,
+                                     int group = 0) const;
 
     // The selected rows as a matrix of their own (shared, not copied, rows).
     NCDataMatrix<T> ToMatrix() const;

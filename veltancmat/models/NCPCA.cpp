@@ -89,6 +89,17 @@ bool NCPCA::NextComponent(NCProgress* progress, const IndexList* groups, int gro
         throw NCInternalError("NCPCA::NextComponent");
 
     NCDataVector<float> p, t;
+    m_iterations = FitComponent(NCDataMatrixRows<float>(e), m_components, m_maxIterations, progress, groups, group,
+                                start, p, t);
+    m_pprim->push_back(p);
+    m_tprim->push_back(t);
+    return true;
+}
+
+int NCPCA::FitComponent(const NCDataMatrixRows<float>& e, int component, int maxIterations, NCProgress* progress,
+                        const IndexList* groups, int group, const NCDataVector<float>* start,
+                        NCDataVector<float>& p, NCDataVector<float>& t)
+{
     if (e.SizeRows() == 1) {
         // One observation: its own direction is the component.
         p = e[1];
@@ -100,19 +111,8 @@ bool NCPCA::NextComponent(NCProgress* progress, const IndexList* groups, int gro
         if (!(norm > 0.0))
             ThrowNotComputed();
         t = NCDataVector<float>(1, static_cast<float>(norm));
-        m_iterations = 1;
-    } else {
-        Iterate(progress, groups, group, start, p, t);
+        return 1;
     }
-    m_pprim->push_back(p);
-    m_tprim->push_back(t);
-    return true;
-}
-
-void NCPCA::Iterate(NCProgress* progress, const IndexList* groups, int group, const NCDataVector<float>* start,
-                    NCDataVector<float>& p, NCDataVector<float>& t)
-{
-    const NCDataMatrix<float>& e = *m_residuals;
     t = start ? *start : NCNipals::FilledStartColumn(e);
 
     // Without a progress object of the caller's the component reports to one
@@ -122,9 +122,9 @@ void NCPCA::Iterate(NCProgress* progress, const IndexList* groups, int group, co
     NCDataVector<float> previous;
     for (int iteration = 1;; ++iteration) {
         previous = t;
-        e.Result(&p).SpecialNipalsRegressColumnsFix(t, groups, group);
+        e.SpecialNipalsRegressColumnsFix(t, &p, groups, group);
         p.Normalize();
-        e.Result(&t).SpecialNipalsRegressRowsFix(p, groups, group);
+        e.SpecialNipalsRegressRowsFix(p, &t, groups, group);
 
         const double x = t.Difference(previous);
         if (IsMisVal(x))
@@ -132,17 +132,15 @@ void NCPCA::Iterate(NCProgress* progress, const IndexList* groups, int group, co
         const float v = x > 1e-30 ? static_cast<float>((std::log10(x) + 10.0) * 10.0) : -1.0f;
         if (iteration == 1) {
             if (!progress) {
-                own = std::make_unique<NCProgress>(ProgressCaption(nullptr, "PC Component %1%", m_components));
+                own = std::make_unique<NCProgress>(ProgressCaption(nullptr, "PC Component %1%", component));
                 progress = own.get();
             }
             progress->SetRangeInternal(-v, 0.0f);
         } else {
             CheckedSetValue(progress, -v, aborted);
         }
-        if (v <= 0.0f || iteration >= m_maxIterations) {
-            m_iterations = iteration;
-            return;
-        }
+        if (v <= 0.0f || iteration >= maxIterations)
+            return iteration;
     }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "veltancmat/containers/NCDataMatrix.h"
+#include "veltancmat/containers/NCDataMatrixRows.h"
 #include "veltancmat/containers/NCDataVector.h"
 #include "veltancmat/containers/NCIntegralVector.h"
 #include "veltancmat/models/SignificanceE.h"
@@ -83,8 +84,15 @@ public:
     static QvStreamableData MyStreamableData; // "NCPCA", 2
 
 private:
-    void Iterate(NCProgress* progress, const IndexList* groups, int group, const NCDataVector<float>* start,
-                 NCDataVector<float>& p, NCDataVector<float>& t);
+    // The rounds of a cross-validation fit their component on part of the
+    // rows of the model's residuals, through FitComponent on a row selection.
+    friend class PCACrossValidation;
+
+    // Fits one component of the rows `e` into p and t and returns its
+    // iterations; `component` is its number in the progress text.
+    static int FitComponent(const NCDataMatrixRows<float>& e, int component, int maxIterations, NCProgress* progress,
+                            const IndexList* groups, int group, const NCDataVector<float>* start,
+                            NCDataVector<float>& p, NCDataVector<float>& t);
 
     std::unique_ptr<NCDataMatrix<float>> m_pprim;
     std::unique_ptr<NCDataMatrix<float>> m_tprim;

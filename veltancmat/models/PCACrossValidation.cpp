@@ -3,6 +3,7 @@
 #include "veltancmat/models/CrossValidationQ2.h"
 
 #include "veltancmat/containers/CVGroups.h"
+#include "veltancmat/containers/NCDataMatrixRows.h"
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/platform/NCError.h"
@@ -98,13 +99,17 @@ void PCACrossValidation::ObservationRounds(const NCDataMatrix<float>& e, const N
         for (int i = 1; i <= n; ++i)
             if (m_obsGroups[i] != label)
                 kept.push_back(i);
+        // The round is the first component of a model on the kept rows,
+        // fitted on them in place rather than on copies.
         const IndexList rows(kept.data(), static_cast<int>(kept.size()));
-        NCPCA round(e.GetRowSubMatrix(rows), m_model->GetMaxIterations());
-        const NCDataMatrix<float>& rest = *round.GetResiduals();
-        const NCDataVector<float> start = rest.SpecialNipalsRegressRowsFix(loading);
-        round.NextComponent(progress, nullptr, 0, &start);
-        m_roundCells += static_cast<long long>(round.GetIterations()) * rest.SizeRows() * k;
-        NCDataVector<float> p = round.GetPprim()->back();
+        const NCDataMatrixRows<float> rest(e, rows);
+        if (rest.SizeRows() == 0 || k == 0)
+            throw NCError(ExceptionMessage::translate("PCA component could not be computed."), NCError::Error);
+        NCDataVector<float> start, p, t;
+        rest.SpecialNipalsRegressRowsFix(loading, &start);
+        const int iterations = NCPCA::FitComponent(rest, 1, m_model->GetMaxIterations(), progress, nullptr, 0,
+                                                   &start, p, t);
+        m_roundCells += static_cast<long long>(iterations) * rest.SizeRows() * k;
         AlignSign(p, loading);
         m_pset.SetRow(r, p);
     }
