@@ -100,6 +100,8 @@ int NCPCA::FitComponent(const NCDataMatrixRows<float>& e, int component, int max
                         const IndexList* groups, int group, const NCDataVector<float>* start,
                         NCDataVector<float>& p, NCDataVector<float>& t)
 {
+    if (e.SizeRows() == 0 || e.SizeColumns() == 0)
+        ThrowNotComputed();
     if (e.SizeRows() == 1) {
         // One observation: its own direction is the component.
         p = e[1];

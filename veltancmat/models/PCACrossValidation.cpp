@@ -103,8 +103,6 @@ void PCACrossValidation::ObservationRounds(const NCDataMatrix<float>& e, const N
         // fitted on them in place rather than on copies.
         const IndexList rows(kept.data(), static_cast<int>(kept.size()));
         const NCDataMatrixRows<float> rest(e, rows);
-        if (rest.SizeRows() == 0 || k == 0)
-            throw NCError(ExceptionMessage::translate("PCA component could not be computed."), NCError::Error);
         NCDataVector<float> start, p, t;
         rest.SpecialNipalsRegressRowsFix(loading, &start);
         const int iterations = NCPCA::FitComponent(rest, 1, m_model->GetMaxIterations(), progress, nullptr, 0,

@@ -159,7 +159,6 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
             }
         }
     }
-    m_tset.RecountMissing();
     m_yPredResiduals.RecountMissing();
     NCCrossValidation::UpdateQ2(ss, press, m_ssYOriginal, m_q2YVar, m_q2YVarCum, m_q2, m_q2Cum);
 }
