@@ -242,6 +242,75 @@ TEST(Transform, LogarithmMatricesAgreeCellForCellWithTheOneValueForm)
     NCMultiThreading::ThreadingControl::Reset();
 }
 
+// The logarithm against long double, and the vector path's failure scan at
+// domain ends that no float hits exactly (C1 x + C2 = 0 at x = 1/3).
+TEST(Transform, LogarithmIsCorrectlyRoundedAndItsDomainEndIsExact)
+{
+    const TransformStruct log(T::Log, 1, 0);
+    int mismatches = 0;
+    std::mt19937 generator(4);
+    std::uniform_real_distribution<double> exponent(-37.0, 38.0);
+    std::vector<float> inputs;
+    for (int k = 0; k < 20000; ++k)
+        inputs.push_back(static_cast<float>(std::pow(10.0, exponent(generator))));
+    for (float x = 1.0f, y = 1.0f; inputs.size() < 30000; x = std::nextafter(x, 2.0f), y = std::nextafter(y, 0.0f)) {
+        inputs.push_back(x);
+        inputs.push_back(y);
+    }
+    for (const float x : inputs) {
+        const long double exact = std::log10(static_cast<long double>(x));
+        const float want = static_cast<float>(exact);
+        if (Transformed(log, x) == want)
+            continue;
+        // Only a value within a hair of a rounding boundary may round the other way.
+        const float other = Transformed(log, x);
+        const long double boundary = (static_cast<long double>(want) + other) / 2;
+        EXPECT_LT(std::fabs(exact - boundary), std::fabs(exact) * 1e-14L) << x;
+        ++mismatches;
+    }
+    EXPECT_LE(mismatches, 1);
+
+    omp_set_dynamic(0);
+    omp_set_num_threads(2);
+    NCTransform transform(3);
+    transform[1] = TransformStruct(T::Log, 3, -1);
+    transform[2] = TransformStruct(T::NegLog, -3, 1);
+    transform[3] = TransformStruct(T::Log, 1, 0);
+    Matrix original(64, 3);
+    float third = 1.0f / 3.0f;
+    for (int d = 0; d < 32; ++d)
+        third = std::nextafter(third, 0.0f);
+    for (int i = 1; i <= 64; ++i, third = std::nextafter(third, 1.0f)) {
+        original(i, 1, third);
+        original(i, 2, third);
+        original(i, 3, 1.0f + (i - 32) * 1e-7f);
+    }
+    Matrix whole = original, broken = original;
+    const auto errors = transform.TransformMatrixNoBreak(&whole);
+    int failed = 0;
+    for (int i = 1; i <= 64; ++i)
+        for (int j = 1; j <= 3; ++j) {
+            float v = original[i][j];
+            failed += transform[j].TransformValue(&v) == Error::OutOfDomain;
+            ASSERT_EQ(whole[i][j], v) << i << "," << j;
+        }
+    ASSERT_TRUE(errors);
+    EXPECT_EQ(static_cast<int>(errors->GetErrors().size()), failed);
+    EXPECT_GT(failed, 32);
+    EXPECT_LT(failed, 96);
+    try {
+        transform.TransformMatrix(&broken);
+        FAIL() << "no exception";
+    } catch (const NCTransformError& e) {
+        EXPECT_EQ(e.GetColumn(), 1);
+    }
+    for (int i = 1; i <= 64; ++i) {
+        EXPECT_EQ(broken[i][1], whole[i][1]);
+        EXPECT_EQ(broken[i][2], original[i][2]);
+    }
+    NCMultiThreading::ThreadingControl::Reset();
+}
+
 TEST(Transform, ListEditing)
 {
     NCTransform list(5);

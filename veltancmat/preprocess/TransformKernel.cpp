@@ -11,6 +11,10 @@
 #include <cstdint>
 #include <exception>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 namespace NCTransformKernel {
 namespace {
 
@@ -221,62 +225,276 @@ bool LogRuns(const std::vector<Coefficients>& k, int c, std::vector<LogRun>& run
 // flagged for the cell-by-cell path. Returns the number flagged. Writing
 // to a buffer keeps every store unconditional: a select back into x would
 // become a masked store, which is slow on some processors.
-VELTAN_SIMD_CLONES int LogCells(const float* __restrict x, float* __restrict out, const double* __restrict c1,
-                                const double* __restrict c2, double sign, std::int64_t* __restrict flagged, int n)
+//
+// Three versions give the same bits: one cell at a time, and two vector
+// loops written with intrinsics (GCC does not vectorise NaturalLog's table
+// lookups and fused multiply-adds inside target clones). The vector ones
+// follow NaturalLog operation for operation.
+inline bool LogCell(float v, double c1, double c2, double sign, float& out)
+{
+    const double a = c1 * v + c2;
+    const bool present = v != fMisVal;
+    const bool normal = a >= DoubleMin && a <= DoubleMax;
+    const float r = normal ? static_cast<float>(sign * (NaturalLog(a) * InvLn10)) : 0.0f;
+    const bool stored = present && normal && r != fMisVal;
+    out = stored ? r : v;
+    return present && !stored;
+}
+
+int LogCellsScalar(const float* x, float* out, const double* c1, const double* c2, double sign, std::int64_t* flagged,
+                   int n)
 {
     int count = 0;
-    // Every value in the loop as wide as a double: with narrower flags the
-    // compiler packs more lanes than there are registers and spills. Eight
-    // lanes are two vectors of doubles in flight, which hides the latency
-    // of the division and the polynomial.
-#pragma omp simd simdlen(8) reduction(+ : count)
     for (int j = 0; j < n; ++j) {
-        const float v = x[j];
-        const double a = c1[j] * v + c2[j];
-        const bool present = v != fMisVal;
-        const bool normal = a >= DoubleMin && a <= DoubleMax;
-        const float r = static_cast<float>(sign * (NaturalLog(normal ? a : 1.0) * InvLn10));
-        const bool stored = present && normal && r != fMisVal;
-        out[j] = stored ? r : v;
-        flagged[j] = present && !stored ? 1 : 0;
+        flagged[j] = LogCell(x[j], c1[j], c2[j], sign, out[j]) ? 1 : 0;
         count += static_cast<int>(flagged[j]);
     }
     return count;
 }
 
-// Whether a Log or NegLog cell fails: its argument is not in (0, max], so
-// the log would be -inf or NaN.
-inline bool LogFails(float v, double c1, double c2, unsigned char logged)
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__SANITIZE_THREAD__)
+#define VELTAN_LOG_VECTORS 1
+// GCC 12 takes the undefined upper lanes inside some AVX-512 intrinsics for
+// uninitialised variables.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+
+__attribute__((target("avx512f,avx512dq,avx512vl,avx512bw,fma"))) int
+LogCells512(const float* x, float* out, const double* c1, const double* c2, double sign, std::int64_t* flagged, int n)
 {
-    const double a = c1 * v + c2;
-    return logged && v != fMisVal && !(a > 0.0 && a <= DoubleMax);
+    using namespace LogSteps;
+    const __m512d invLo = _mm512_load_pd(InvC), invHi = _mm512_load_pd(InvC + 8);
+    const __m512d logLo = _mm512_load_pd(LogC), logHi = _mm512_load_pd(LogC + 8);
+    const __m512i offset = _mm512_set1_epi64(static_cast<long long>(Offset));
+    const __m512i mantissa = _mm512_set1_epi64(static_cast<long long>(Mantissa));
+    const __m512i stepMask = _mm512_set1_epi64(static_cast<long long>(StepMask));
+    const __m512i centre = _mm512_set1_epi64(static_cast<long long>(Offset + Half));
+    const __m512i bias = _mm512_set1_epi64(static_cast<long long>(std::uint64_t{1024} << 52));
+    const __m512i magic = _mm512_set1_epi64(0x4330000000000000LL);
+    const __m512d magicValue = _mm512_set1_pd(4503599627370496.0 + 1024.0);
+    const __m512i one = _mm512_set1_epi64(1);
+    const __m256 missing = _mm256_set1_ps(fMisVal);
+    int count = 0;
+    int j = 0;
+    for (; j + 8 <= n; j += 8) {
+        const __m256 v = _mm256_loadu_ps(x + j);
+        const __m512d a = _mm512_add_pd(_mm512_mul_pd(_mm512_loadu_pd(c1 + j), _mm512_cvtps_pd(v)),
+                                        _mm512_loadu_pd(c2 + j));
+        const __m512i tmp = _mm512_sub_epi64(_mm512_castpd_si512(a), offset);
+        const __m512i position = _mm512_and_si512(tmp, mantissa);
+        const __m512i i = _mm512_srli_epi64(position, 48);
+        const __m512i biased = _mm512_srli_epi64(_mm512_add_epi64(tmp, bias), 52);
+        const __m512d k = _mm512_sub_pd(_mm512_castsi512_pd(_mm512_or_si512(magic, biased)), magicValue);
+        const __m512d z = _mm512_castsi512_pd(_mm512_add_epi64(offset, position));
+        const __m512d c = _mm512_castsi512_pd(_mm512_add_epi64(_mm512_and_si512(position, stepMask), centre));
+        const __m512d r = _mm512_mul_pd(_mm512_sub_pd(z, c), _mm512_permutex2var_pd(invLo, i, invHi));
+        __m512d p = _mm512_fmadd_pd(_mm512_set1_pd(P[8]), r, _mm512_set1_pd(P[7]));
+        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[6]));
+        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[5]));
+        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[4]));
+        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[3]));
+        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[2]));
+        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[1]));
+        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[0]));
+        const __m512d tail = _mm512_mul_pd(_mm512_mul_pd(r, r), _mm512_fmadd_pd(r, p, _mm512_set1_pd(-0.5)));
+        const __m512d hi = _mm512_fmadd_pd(k, _mm512_set1_pd(Ln2Hi), _mm512_permutex2var_pd(logLo, i, logHi));
+        const __m512d lo = _mm512_fmadd_pd(k, _mm512_set1_pd(Ln2Lo), tail);
+        const __m512d ln = _mm512_add_pd(hi, _mm512_add_pd(r, lo));
+        const __m256 result =
+            _mm512_cvtpd_ps(_mm512_mul_pd(_mm512_set1_pd(sign), _mm512_mul_pd(ln, _mm512_set1_pd(InvLn10))));
+        const __mmask8 present = _mm256_cmp_ps_mask(v, missing, _CMP_NEQ_UQ);
+        const __mmask8 normal = _mm512_cmp_pd_mask(a, _mm512_set1_pd(DoubleMin), _CMP_GE_OQ) &
+                                _mm512_cmp_pd_mask(a, _mm512_set1_pd(DoubleMax), _CMP_LE_OQ);
+        const __mmask8 stored = present & normal & _mm256_cmp_ps_mask(result, missing, _CMP_NEQ_UQ);
+        const __mmask8 flag = present & static_cast<__mmask8>(~stored);
+        _mm256_storeu_ps(out + j, _mm256_mask_blend_ps(stored, v, result));
+        _mm512_storeu_si512(flagged + j, _mm512_maskz_mov_epi64(flag, one));
+        count += __builtin_popcount(flag);
+    }
+    return count + LogCellsScalar(x + j, out + j, c1 + j, c2 + j, sign, flagged + j, n - j);
 }
 
-// The number of failing cells of row x in columns 1 .. limit - 1.
-VELTAN_SIMD_CLONES int CountFailures(const float* __restrict x, const double* __restrict c1,
-                                     const double* __restrict c2, const unsigned char* __restrict logged, int limit)
+__attribute__((target("avx2,fma"))) int LogCells256(const float* x, float* out, const double* c1, const double* c2,
+                                                     double sign, std::int64_t* flagged, int n)
 {
+    using namespace LogSteps;
+    const __m256i offset = _mm256_set1_epi64x(static_cast<long long>(Offset));
+    const __m256i mantissa = _mm256_set1_epi64x(static_cast<long long>(Mantissa));
+    const __m256i stepMask = _mm256_set1_epi64x(static_cast<long long>(StepMask));
+    const __m256i centre = _mm256_set1_epi64x(static_cast<long long>(Offset + Half));
+    const __m256i bias = _mm256_set1_epi64x(static_cast<long long>(std::uint64_t{1024} << 52));
+    const __m256i magic = _mm256_set1_epi64x(0x4330000000000000LL);
+    const __m256d magicValue = _mm256_set1_pd(4503599627370496.0 + 1024.0);
+    const __m256i one = _mm256_set1_epi64x(1);
+    const __m128 missing = _mm_set1_ps(fMisVal);
     int count = 0;
-#pragma omp simd reduction(+ : count)
-    for (int j = 1; j < limit; ++j)
-        count += LogFails(x[j], c1[j], c2[j], logged[j]) ? 1 : 0;
-    return count;
+    int j = 0;
+    for (; j + 4 <= n; j += 4) {
+        const __m128 v = _mm_loadu_ps(x + j);
+        const __m256d a =
+            _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(c1 + j), _mm256_cvtps_pd(v)), _mm256_loadu_pd(c2 + j));
+        const __m256i tmp = _mm256_sub_epi64(_mm256_castpd_si256(a), offset);
+        const __m256i position = _mm256_and_si256(tmp, mantissa);
+        const __m256i i = _mm256_srli_epi64(position, 48);
+        const __m256i biased = _mm256_srli_epi64(_mm256_add_epi64(tmp, bias), 52);
+        const __m256d k = _mm256_sub_pd(_mm256_castsi256_pd(_mm256_or_si256(magic, biased)), magicValue);
+        const __m256d z = _mm256_castsi256_pd(_mm256_add_epi64(offset, position));
+        const __m256d c = _mm256_castsi256_pd(_mm256_add_epi64(_mm256_and_si256(position, stepMask), centre));
+        const __m256d r = _mm256_mul_pd(_mm256_sub_pd(z, c), _mm256_i64gather_pd(InvC, i, 8));
+        __m256d p = _mm256_fmadd_pd(_mm256_set1_pd(P[8]), r, _mm256_set1_pd(P[7]));
+        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[6]));
+        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[5]));
+        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[4]));
+        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[3]));
+        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[2]));
+        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[1]));
+        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[0]));
+        const __m256d tail = _mm256_mul_pd(_mm256_mul_pd(r, r), _mm256_fmadd_pd(r, p, _mm256_set1_pd(-0.5)));
+        const __m256d hi = _mm256_fmadd_pd(k, _mm256_set1_pd(Ln2Hi), _mm256_i64gather_pd(LogC, i, 8));
+        const __m256d lo = _mm256_fmadd_pd(k, _mm256_set1_pd(Ln2Lo), tail);
+        const __m256d ln = _mm256_add_pd(hi, _mm256_add_pd(r, lo));
+        const __m128 result =
+            _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_set1_pd(sign), _mm256_mul_pd(ln, _mm256_set1_pd(InvLn10))));
+        const __m128 present = _mm_cmp_ps(v, missing, _CMP_NEQ_UQ);
+        const __m256d normalWide = _mm256_and_pd(_mm256_cmp_pd(a, _mm256_set1_pd(DoubleMin), _CMP_GE_OQ),
+                                                 _mm256_cmp_pd(a, _mm256_set1_pd(DoubleMax), _CMP_LE_OQ));
+        const int normalBits = _mm256_movemask_pd(normalWide);
+        const int presentBits = _mm_movemask_ps(present);
+        const int storedBits = presentBits & normalBits & _mm_movemask_ps(_mm_cmp_ps(result, missing, _CMP_NEQ_UQ));
+        const int flagBits = presentBits & ~storedBits;
+        const __m128i storedMask = _mm_set_epi32(-((storedBits >> 3) & 1), -((storedBits >> 2) & 1),
+                                                 -((storedBits >> 1) & 1), -(storedBits & 1));
+        _mm_storeu_ps(out + j, _mm_blendv_ps(v, result, _mm_castsi128_ps(storedMask)));
+        const __m256i flagMask = _mm256_set_epi64x(-((flagBits >> 3) & 1), -((flagBits >> 2) & 1),
+                                                   -((flagBits >> 1) & 1), -(flagBits & 1));
+        _mm256_storeu_si256(reinterpret_cast<__m256i*>(flagged + j), _mm256_and_si256(flagMask, one));
+        count += __builtin_popcount(static_cast<unsigned>(flagBits));
+    }
+    return count + LogCellsScalar(x + j, out + j, c1 + j, c2 + j, sign, flagged + j, n - j);
+}
+#pragma GCC diagnostic pop
+#endif
+
+using LogCellsFunction = int (*)(const float*, float*, const double*, const double*, double, std::int64_t*, int);
+
+LogCellsFunction PickLogCells()
+{
+#ifdef VELTAN_LOG_VECTORS
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
+        __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512bw"))
+        return LogCells512;
+    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"))
+        return LogCells256;
+#endif
+    return LogCellsScalar;
+}
+
+int LogCells(const float* x, float* out, const double* c1, const double* c2, double sign, std::int64_t* flagged, int n)
+{
+    static const LogCellsFunction chosen = PickLogCells();
+    return chosen(x, out, c1, c2, sign, flagged, n);
+}
+
+// Whether a Log or NegLog cell fails: its argument is not in (0, max], so
+// the log would be -inf or NaN.
+inline bool ArgumentFails(float v, double c1, double c2)
+{
+    const double a = c1 * v + c2;
+    return !(a > 0.0 && a <= DoubleMax);
+}
+
+inline bool LogFails(float v, double c1, double c2)
+{
+    return v != fMisVal && ArgumentFails(v, c1, c2);
+}
+
+// The cells of a Log or NegLog column that pass, as an open interval of
+// floats: a cell v passes exactly when lo < v < hi. Since c1 v is exact in
+// double and rounding keeps the order, c1 v + c2 is monotonic in v, so a
+// search over the ordered floats finds the end of the failing range; the
+// scan for failures then compares floats instead of widening every cell.
+struct PassRange {
+    float lo;
+    float hi;
+};
+
+// The floats -FLT_MAX .. FLT_MAX numbered in order (wide enough to hold the
+// distance between any two).
+inline float KeyFloat(std::int64_t key)
+{
+    const auto bits = static_cast<std::int32_t>(key >= 0 ? key : -key);
+    return key >= 0 ? std::bit_cast<float>(bits) : -std::bit_cast<float>(bits);
+}
+
+PassRange MakePassRange(double c1, double c2)
+{
+    constexpr float Inf = std::numeric_limits<float>::infinity();
+    constexpr PassRange None{Inf, -Inf};
+    if (!std::isfinite(c1) || !std::isfinite(c2))
+        return None;
+    if (c1 == 0.0)
+        return c2 > 0.0 ? PassRange{-Inf, Inf} : None;
+    const auto fails = [&](std::int64_t key) { return ArgumentFails(KeyFloat(key), c1, c2); };
+    constexpr std::int64_t First = -0x7f7fffff, Last = 0x7f7fffff; // -FLT_MAX, FLT_MAX
+    if (c1 > 0.0) {
+        // The largest failing float; the cells above it pass.
+        if (!fails(First))
+            return {-Inf, Inf};
+        if (fails(Last))
+            return None;
+        std::int64_t failing = First, passing = Last;
+        while (passing - failing > 1) {
+            const std::int64_t mid = (failing + passing) / 2;
+            (fails(mid) ? failing : passing) = mid;
+        }
+        return {KeyFloat(failing), Inf};
+    }
+    // c1 < 0: the smallest failing float; the cells below it pass.
+    if (!fails(Last))
+        return {-Inf, Inf};
+    if (fails(First))
+        return None;
+    std::int64_t passing = First, failing = Last;
+    while (failing - passing > 1) {
+        const std::int64_t mid = (failing + passing) / 2;
+        (fails(mid) ? failing : passing) = mid;
+    }
+    return {-Inf, KeyFloat(failing)};
+}
+
+// Whether row x has a failing cell in columns 1 .. limit - 1. `logged` is
+// 1 for Log and NegLog columns and 0 for the others, which never fail,
+// whatever their cells hold.
+VELTAN_SIMD_CLONES bool AnyFailure(const float* __restrict x, const float* __restrict lo, const float* __restrict hi,
+                                   const float* __restrict logged, int limit)
+{
+    int any = 0;
+#pragma omp simd reduction(| : any)
+    for (int j = 1; j < limit; ++j) {
+        const float v = x[j];
+        any |= (logged[j] != 0.0f && v != fMisVal && !(lo[j] < v && v < hi[j])) ? 1 : 0;
+    }
+    return any != 0;
 }
 
 // The constants of every column as the vector loops read them.
 struct LogConstants {
     std::vector<double> c1, c2;
-    std::vector<unsigned char> logged; // 1 for Log and NegLog columns
+    std::vector<float> lo, hi, logged;
 
     explicit LogConstants(const std::vector<Coefficients>& k)
-        : c1(k.size(), 0.0), c2(k.size(), 1.0), logged(k.size(), 0)
+        : c1(k.size(), 0.0), c2(k.size(), 1.0), lo(k.size(), 0.0f), hi(k.size(), 0.0f), logged(k.size(), 0.0f)
     {
         for (std::size_t j = 1; j < k.size(); ++j) {
             if (k[j].type != T::Log && k[j].type != T::NegLog)
                 continue;
             c1[j] = k[j].c1;
             c2[j] = k[j].c2;
-            logged[j] = 1;
+            const PassRange range = MakePassRange(c1[j], c2[j]);
+            lo[j] = range.lo;
+            hi[j] = range.hi;
+            logged[j] = 1.0f;
         }
     }
 };
@@ -331,10 +549,10 @@ int FirstFailingColumn(const LogConstants& lc, const NCDataMatrix<float>& m)
         // A row needs looking at only before the earliest failure this thread has seen.
         const int limit = std::min(first, c + 1);
         const float* x = m[i].GetVector();
-        if (CountFailures(x, lc.c1.data(), lc.c2.data(), lc.logged.data(), limit) == 0)
+        if (!AnyFailure(x, lc.lo.data(), lc.hi.data(), lc.logged.data(), limit))
             continue;
         for (int j = 1; j < limit; ++j)
-            if (LogFails(x[j], lc.c1[j], lc.c2[j], lc.logged[j])) {
+            if (lc.logged[j] != 0.0f && LogFails(x[j], lc.c1[j], lc.c2[j])) {
                 first = j;
                 break;
             }

@@ -30,36 +30,71 @@ inline constexpr double NotStored = std::numeric_limits<double>::quiet_NaN();
 inline constexpr double DoubleMin = std::numeric_limits<double>::min();
 inline constexpr double DoubleMax = std::numeric_limits<double>::max();
 
-// ln(a) for a normal, finite a > 0, within an ulp. The classic reduction:
-// a = 2^k m with m in [sqrt(1/2), sqrt(2)), f = m - 1, s = f / (2 + f) and
-// ln(1 + f) = 2 atanh(s), an odd series whose tail is the published
-// minimax polynomial of the standard double-precision logarithm. It has no
-// branches and no tables, so the same code runs one value at a time and in
-// the vector loops of the matrix transforms and gives the same bits both
-// ways; the library's log would be called once per cell.
-inline double NaturalLog(double a)
+// ln(a) for a normal, finite a > 0, within two ulps, without a division.
+// a = 2^k z with z in [0.703125, 1.40625); that range is cut into 16 equal
+// steps of the bit pattern, step i centred on c_i (step 9 on exactly 1, so
+// that near a = 1 no table value cancels the result). With r = (z - c_i) / c_i,
+// |r| <= 2^-5 and ln a = k ln 2 + ln c_i + log1p(r), the last by its series
+// to r^11. z - c_i is exact (Sterbenz), and so is k Ln2Hi. The same code
+// runs one value at a time and in the vector loops (where the tables are
+// sixteen-lane permutes or gathers), and gives the same bits both ways:
+// every fused multiply-add is written out, and the library is built without
+// contraction.
+namespace LogSteps {
+inline constexpr std::uint64_t Width = std::uint64_t{1} << 48; // one step of the bit pattern
+inline constexpr std::uint64_t Half = Width / 2;
+inline constexpr std::uint64_t Offset = 0x3ff0000000000000ULL - Half - 9 * Width; // the bits of 0.703125
+inline constexpr std::uint64_t Mantissa = 0x000fffffffffffffULL;
+inline constexpr std::uint64_t StepMask = Mantissa & ~(Width - 1);
+// ln c_i, correctly rounded (computed to 60 digits).
+alignas(64) inline constexpr double LogC[16] = {
+    -0x1.522ae0738a3d8p-2, -0x1.269621134db92p-2, -0x1.f991c6cb3b379p-3, -0x1.a93ed3c8ad9e3p-3,
+    -0x1.5bf406b543db2p-3, -0x1.1178e8227e47cp-3, -0x1.9335e5d594989p-4, -0x1.08598b59e3a07p-4,
+    -0x1.0415d89e74444p-5, 0.0,                   0x1.f0a30c01162a6p-5,  0x1.e27076e2af2e6p-4,
+    0x1.5ff3070a793d4p-3,  0x1.c8ff7c79a9a22p-3,  0x1.1675cababa60ep-2,  0x1.4618bc21c5ec2p-2};
+constexpr double Center(int i)
 {
-    constexpr std::uint64_t SqrtHalf = 0x3fe6a09e667f3bcdULL; // the bits of sqrt(1/2)
-    constexpr std::uint64_t Mantissa = 0x000fffffffffffffULL;
-    constexpr double Ln2Hi = 6.93147180369123816490e-01; // ln 2 split so that k Ln2Hi is exact
-    constexpr double Ln2Lo = 1.90821492927058770002e-10;
-    constexpr double Lg1 = 6.666666666666735130e-01, Lg2 = 3.999999999940941908e-01,
-                     Lg3 = 2.857142874366239149e-01, Lg4 = 2.222219843214978396e-01,
-                     Lg5 = 1.818357216161805012e-01, Lg6 = 1.531383769920937332e-01,
-                     Lg7 = 1.479819860511658591e-01;
-    // The top 12 bits of u hold k in two's complement; adding 1024 there
-    // makes it k + 1024 in 1 .. 2048, which becomes a double through the
-    // 2^52 trick: 64-bit integer conversions have no vector instruction.
-    const std::uint64_t u = std::bit_cast<std::uint64_t>(a) - SqrtHalf;
-    const std::uint64_t biased = (u + (std::uint64_t{1024} << 52)) >> 52;
+    return std::bit_cast<double>(Offset + static_cast<std::uint64_t>(i) * Width + Half);
+}
+// 1 / c_i, correctly rounded.
+alignas(64) inline constexpr double InvC[16] = {
+    1 / Center(0),  1 / Center(1),  1 / Center(2),  1 / Center(3),  1 / Center(4),  1 / Center(5),
+    1 / Center(6),  1 / Center(7),  1 / Center(8),  1 / Center(9),  1 / Center(10), 1 / Center(11),
+    1 / Center(12), 1 / Center(13), 1 / Center(14), 1 / Center(15)};
+inline constexpr double Ln2Hi = 6.93147180369123816490e-01; // ln 2 split so that k Ln2Hi is exact
+inline constexpr double Ln2Lo = 1.90821492927058770002e-10;
+// log1p(r) = r + r^2 (-1/2 + r P(r)), P(r) = sum over m of (-1)^m r^m / (m + 3).
+inline constexpr double P[9] = {1.0 / 3, -1.0 / 4, 1.0 / 5, -1.0 / 6, 1.0 / 7, -1.0 / 8, 1.0 / 9, -1.0 / 10, 1.0 / 11};
+} // namespace LogSteps
+
+// Always inlined: a call would keep the vector loops scalar.
+[[gnu::always_inline]] inline double NaturalLog(double a)
+{
+    using namespace LogSteps;
+    const std::uint64_t tmp = std::bit_cast<std::uint64_t>(a) - Offset;
+    const std::uint64_t position = tmp & Mantissa;
+    const std::uint64_t i = position >> 48;
+    // The top 12 bits of tmp hold k in two's complement; adding 1024 there
+    // makes it k + 1024 in 1 .. 2047, which becomes a double through the
+    // 2^52 trick: 64-bit integer conversions have no AVX2 instruction.
+    const std::uint64_t biased = (tmp + (std::uint64_t{1024} << 52)) >> 52;
     const double k = std::bit_cast<double>(0x4330000000000000ULL | biased) - (4503599627370496.0 + 1024.0);
-    const double f = std::bit_cast<double>((u & Mantissa) + SqrtHalf) - 1.0;
-    const double s = f / (2.0 + f);
-    const double z = s * s;
-    const double w = z * z;
-    const double r = z * (Lg1 + w * (Lg3 + w * (Lg5 + w * Lg7))) + w * (Lg2 + w * (Lg4 + w * Lg6));
-    const double halfSquare = 0.5 * f * f;
-    return k * Ln2Hi - ((halfSquare - (s * (halfSquare + r) + k * Ln2Lo)) - f);
+    const double z = std::bit_cast<double>(Offset + position);
+    const double c = std::bit_cast<double>((position & StepMask) + (Offset + Half));
+    const double r = (z - c) * InvC[i];
+    // Written out: a loop here keeps the callers' loops from vectorising.
+    double p = std::fma(P[8], r, P[7]);
+    p = std::fma(p, r, P[6]);
+    p = std::fma(p, r, P[5]);
+    p = std::fma(p, r, P[4]);
+    p = std::fma(p, r, P[3]);
+    p = std::fma(p, r, P[2]);
+    p = std::fma(p, r, P[1]);
+    p = std::fma(p, r, P[0]);
+    const double tail = (r * r) * std::fma(r, p, -0.5);
+    const double hi = std::fma(k, Ln2Hi, LogC[i]);
+    const double lo = std::fma(k, Ln2Lo, tail);
+    return hi + (r + lo);
 }
 
 // log10(a) for any a: outside the normal positive range (0, negative,

@@ -1,15 +1,16 @@
 #pragma once
 
 // VELTAN_SIMD_CLONES marks a hot loop kernel for function multiversioning:
-// GCC emits an AVX2 copy beside the baseline one and picks between them when
-// the library loads, so one binary runs on any x86-64 machine and still uses
-// 32-byte vectors where the processor has them.
+// GCC emits an AVX-512 (x86-64-v4) and an AVX2-with-FMA (x86-64-v3) copy
+// beside the baseline one and picks between them when the library loads, so
+// one binary runs on any x86-64 machine and still uses the widest vectors,
+// mask registers and fused multiply-adds the processor has.
 //
 // Not under ThreadSanitizer: the clone resolvers run while the dynamic loader
 // relocates the library, before the TSan runtime is up, and their
 // instrumentation would crash there.
 #if defined(__GNUC__) && !defined(__clang__) && defined(__x86_64__) && !defined(__SANITIZE_THREAD__)
-#define VELTAN_SIMD_CLONES __attribute__((target_clones("avx2", "default")))
+#define VELTAN_SIMD_CLONES __attribute__((target_clones("arch=x86-64-v4", "arch=x86-64-v3", "default")))
 #else
 #define VELTAN_SIMD_CLONES
 #endif
