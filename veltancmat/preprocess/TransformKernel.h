@@ -24,7 +24,7 @@ namespace NCTransformKernel {
 inline constexpr double FloatLimit = 3.4028234663852886e38;
 // 1 / ln 10. log10(a) is computed as ln(a) / ln 10, through NaturalLog
 // below; the float result is the correctly rounded one except where the
-// double value lies within an ulp of a float rounding boundary.
+// double value lies within a few ulps of a float rounding boundary.
 inline constexpr double InvLn10 = 0.434294481903251827651128918916605082;
 inline constexpr double NotStored = std::numeric_limits<double>::quiet_NaN();
 inline constexpr double DoubleMin = std::numeric_limits<double>::min();
@@ -35,7 +35,8 @@ inline constexpr double DoubleMax = std::numeric_limits<double>::max();
 // steps of the bit pattern, step i centred on c_i (step 9 on exactly 1, so
 // that near a = 1 no table value cancels the result). With r = (z - c_i) / c_i,
 // |r| <= 2^-5 and ln a = k ln 2 + ln c_i + log1p(r), the last by its series
-// to r^11. z - c_i is exact (Sterbenz), and so is k Ln2Hi. The same code
+// to r^11. z - c_i is exact (Sterbenz); ln 2 is split in two so that k ln 2
+// keeps its low bits. The same code
 // runs one value at a time and in the vector loops (where the tables are
 // sixteen-lane permutes or gathers), and gives the same bits both ways:
 // every fused multiply-add is written out, and the library is built without
