@@ -76,8 +76,19 @@ TEST(PLSCrossValidation, DependentResponsesArePredictedAndNoiseIsNot)
     EXPECT_NEAR(q2First, 1.0 - f.GetSS() / y.GetSS(), 1e-5);
 
     const double fittedOn = pls.GetYResiduals()->GetColumnSS(2);
+    const NCDataMatrix<float> firstResiduals = f, copied = f;
+    const NCDataMatrix<float> firstScores = cv.GetTSet(), copiedScores = cv.GetTSet();
     Next(pls, cv);
     EXPECT_NEAR(cv.GetSSY()[2], fittedOn, 1e-4 * fittedOn);
+    // The sets are refilled in place for each component: copies taken
+    // before keep their cells, and every cell is the new component's.
+    EXPECT_TRUE(SameCells(firstResiduals, copied));
+    EXPECT_TRUE(SameCells(firstScores, copiedScores));
+    EXPECT_FALSE(SameCells(firstResiduals, cv.GetYPredResiduals()));
+    ASSERT_FALSE(cv.GetYPredResiduals().HasMissingValues());
+    ExpectCountsExact(cv.GetYPredResiduals());
+    const double ssY = cv.GetSSY()[1] + cv.GetSSY()[2] + cv.GetSSY()[3];
+    EXPECT_NEAR(cv.GetQ2Tot(), 1.0 - cv.GetYPredResiduals().GetSS() / ssY, 1e-5);
     EXPECT_NEAR(cv.GetQ2TotCum(), 1.0 - (1.0 - q2First) * std::min(1.0 - cv.GetQ2Tot(), 1.1), 1e-5);
 
     const NCDataMatrix<float> noise = LowRankTable(60, 2, 1, 1.0, 99);

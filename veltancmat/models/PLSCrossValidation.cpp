@@ -21,6 +21,23 @@ double PresentSS(const NCDataVector<float>& v)
     return v.HasValidValues() ? v.GetSS() : 0.0;
 }
 
+// Makes m a rows x cols matrix of missing cells. The sets are rebuilt for
+// every component with the same shapes, and the residual matrix has a row
+// per observation: allocating those rows again each component cost more
+// than the projections of the left-out rows, so the storage is kept.
+void ResetToMissing(NCDataMatrix<float>& m, int rows, int cols)
+{
+    constexpr float Missing = NCDataMatrix<float>::MisVal;
+    if (m.SizeRows() != rows || m.SizeColumns() != cols) {
+        m = NCDataMatrix<float>(rows, cols, Missing);
+        return;
+    }
+    for (float* row : m.GetMatrixAsPointerPointer())
+        if (row)
+            std::fill(row + 1, row + 1 + cols, Missing);
+    m.RecountMissing();
+}
+
 } // namespace
 
 PLSCrossValidation::PLSCrossValidation(NCPLS* model, int groups, const IndexList* observationGroups)
@@ -75,12 +92,12 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
 
     for (int j = 1; j <= m; ++j)
         m_ssY(j, static_cast<float>(PresentSS(f.GetColumn(j))));
-    m_wset = NCDataMatrix<float>(m_groups, k, NCDataMatrix<float>::MisVal);
-    m_pset = NCDataMatrix<float>(m_groups, k, NCDataMatrix<float>::MisVal);
-    m_cset = NCDataMatrix<float>(m_groups, m, NCDataMatrix<float>::MisVal);
-    m_tset = NCDataMatrix<float>(m_groups, n, NCDataMatrix<float>::MisVal);
+    ResetToMissing(m_wset, m_groups, k);
+    ResetToMissing(m_pset, m_groups, k);
+    ResetToMissing(m_cset, m_groups, m);
+    ResetToMissing(m_tset, m_groups, n);
     m_tpred = NCDataVector<float>(n, NCDataMatrix<float>::MisVal);
-    m_yPredResiduals = NCDataMatrix<float>(n, m, NCDataMatrix<float>::MisVal);
+    ResetToMissing(m_yPredResiduals, n, m);
     std::vector<double> ss(static_cast<std::size_t>(m) + 1, 0.0), press(static_cast<std::size_t>(m) + 1, 0.0);
 
     ProgressRange(progress, 0.0f, static_cast<float>(m_groups));
