@@ -2,6 +2,7 @@
 
 #include "cli/ToolError.h"
 
+#include "veltancmat/containers/frame/StreamRecord.h"
 #include "veltancmat/platform/BinaryIO.h"
 
 #include <cctype>
@@ -27,6 +28,36 @@ std::ifstream OpenModelFile(const std::string& path)
 }
 
 } // namespace
+
+bool ModelFileRecord::QvStreamableStartWrite(std::ostream& out) const
+{
+    return NCStreamRecord::StartWrite(
+        out, m_streaming, m_header, [&] { return QvStreamBase::QvStreamableStartWrite(out); },
+        [&] { return Write(out); });
+}
+
+bool ModelFileRecord::QvStreamableStartRead(std::istream& in)
+{
+    return NCStreamRecord::StartRead(
+        in, m_streaming, m_header, m_version, [&] { return QvStreamBase::QvStreamableStartRead(in); },
+        [&] { return Read(in); });
+}
+
+void ModelFileRecord::QvStreamableReset() const
+{
+    m_streaming = false;
+    ResetParts();
+    QvStreamBase::QvStreamableReset();
+}
+
+bool ReadTransform(InputStreamDirectory& directory, unsigned short index, std::unique_ptr<NCTransform>& transform)
+{
+    if (std::istream* entry = directory.GetInput(index)) {
+        transform = std::make_unique<NCTransform>();
+        return static_cast<bool>(*entry >> *transform);
+    }
+    return true;
+}
 
 bool WriteNames(const std::vector<std::string>& names, std::ostream& out)
 {

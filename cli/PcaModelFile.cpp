@@ -1,8 +1,5 @@
 #include "cli/PcaModelFile.h"
 
-#include "cli/ModelFile.h"
-
-#include "veltancmat/containers/frame/StreamRecord.h"
 #include "veltancmat/platform/BinaryIO.h"
 
 #include <cstdint>
@@ -15,30 +12,16 @@ constexpr short FileVersion = 1;
 
 QvStreamableData PcaModelFile::MyStreamableData(FileVersion, "VeltanPCAModel");
 
+PcaModelFile::PcaModelFile() : ModelFileRecord(MyStreamableData, FileVersion) {}
+
 PcaModelFile::~PcaModelFile() = default;
 
-bool PcaModelFile::QvStreamableStartWrite(std::ostream& out) const
+void PcaModelFile::ResetParts() const
 {
-    return NCStreamRecord::StartWrite(
-        out, m_streaming, MyStreamableData, [&] { return QvStreamBase::QvStreamableStartWrite(out); },
-        [&] { return Write(out); });
-}
-
-bool PcaModelFile::QvStreamableStartRead(std::istream& in)
-{
-    return NCStreamRecord::StartRead(
-        in, m_streaming, MyStreamableData, FileVersion, [&] { return QvStreamBase::QvStreamableStartRead(in); },
-        [&] { return Read(in); });
-}
-
-void PcaModelFile::QvStreamableReset() const
-{
-    m_streaming = false;
     if (transform)
         transform->QvStreamableReset();
     scale.QvStreamableReset();
     pca.QvStreamableReset();
-    QvStreamBase::QvStreamableReset();
 }
 
 bool PcaModelFile::Write(std::ostream& out) const
@@ -56,8 +39,6 @@ bool PcaModelFile::Write(std::ostream& out) const
     return directory.Close() && ok && out.good();
 }
 
-// Read into fresh objects and kept only when the whole record agrees with
-// itself, so a damaged file never yields a half-loaded model.
 bool PcaModelFile::Read(std::istream& in)
 {
     try {
@@ -66,16 +47,10 @@ bool PcaModelFile::Read(std::istream& in)
         if (!ReadNames(directory.GetRequiredInput(0, 4), readNames))
             return false;
         std::unique_ptr<NCTransform> readTransform;
-        if (std::istream* entry = directory.GetInput(1)) {
-            readTransform = std::make_unique<NCTransform>();
-            if (!(*entry >> *readTransform))
-                return false;
-        }
         NCScale readScale;
-        if (!(directory.GetRequiredInput(2) >> readScale))
-            return false;
         NCPCA readPca;
-        if (!(directory.GetRequiredInput(3) >> readPca))
+        if (!ReadTransform(directory, 1, readTransform) || !(directory.GetRequiredInput(2) >> readScale) ||
+            !(directory.GetRequiredInput(3) >> readPca))
             return false;
         std::int32_t kept = 0, fitted = 0;
         directory.ReadRequired(4, &kept, 1, 4);
@@ -85,7 +60,7 @@ bool PcaModelFile::Read(std::istream& in)
 
         const int k = static_cast<int>(readNames.size());
         const NCDataMatrix<float>& pprim = *readPca.GetPprim();
-        if (readScale.Size() != k || pprim.SizeColumns() != k || (readTransform && readTransform->Size() != k) ||
+        if (readScale.Size() != k || pprim.SizeColumns() != k || !Fits(readTransform, k) ||
             kept != pprim.SizeRows() || fitted < 0)
             return false;
         variables = std::move(readNames);

@@ -1,7 +1,8 @@
 #pragma once
 
+#include "cli/ModelFile.h"
+
 #include "veltancmat/models/NCPCA.h"
-#include "veltancmat/platform/QvStream.h"
 #include "veltancmat/preprocess/NCScale.h"
 #include "veltancmat/preprocess/NCTransform.h"
 
@@ -23,11 +24,9 @@ namespace veltan_cli {
 // The NCPCA record holds exactly the kept components (its P' has
 // `components` rows) and the residuals they leave; the count is stored
 // apart because reading an NCPCA does not restore its component count.
-class PcaModelFile : public virtual QvStreamBase {
+class PcaModelFile : public ModelFileRecord {
 public:
-    PcaModelFile() = default;
-    PcaModelFile(const PcaModelFile&) = delete;
-    PcaModelFile& operator=(const PcaModelFile&) = delete;
+    PcaModelFile();
     ~PcaModelFile() override;
 
     std::vector<std::string> variables;
@@ -37,20 +36,13 @@ public:
     int components = 0;
     int observations = 0;
 
-    bool QvStreamableStartWrite(std::ostream& out) const override;
-    // False for another record, another version or a damaged or
-    // inconsistent record (widths that do not agree, a count beyond the
-    // components stored).
-    bool QvStreamableStartRead(std::istream& in) override;
-    void QvStreamableReset() const override;
-
     static QvStreamableData MyStreamableData; // "VeltanPCAModel", 1
 
 private:
-    bool Write(std::ostream& out) const;
-    bool Read(std::istream& in);
-
-    mutable bool m_streaming = false;
+    bool Write(std::ostream& out) const override;
+    // Inconsistent: widths that do not agree, a count beyond the components stored.
+    bool Read(std::istream& in) override;
+    void ResetParts() const override;
 };
 
 // Streams the model into out; throws ToolError naming `path` when the

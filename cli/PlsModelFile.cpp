@@ -1,8 +1,5 @@
 #include "cli/PlsModelFile.h"
 
-#include "cli/ModelFile.h"
-
-#include "veltancmat/containers/frame/StreamRecord.h"
 #include "veltancmat/platform/BinaryIO.h"
 
 #include <cstdint>
@@ -10,47 +7,17 @@
 namespace veltan_cli {
 
 namespace {
-
 constexpr short FileVersion = 1;
-
-// An optional transform entry; false for a damaged one.
-bool ReadTransform(InputStreamDirectory& directory, unsigned short index, std::unique_ptr<NCTransform>& transform)
-{
-    if (std::istream* entry = directory.GetInput(index)) {
-        transform = std::make_unique<NCTransform>();
-        return static_cast<bool>(*entry >> *transform);
-    }
-    return true;
 }
-
-bool Fits(const std::unique_ptr<NCTransform>& transform, int width)
-{
-    return !transform || transform->Size() == width;
-}
-
-} // namespace
 
 QvStreamableData PlsModelFile::MyStreamableData(FileVersion, "VeltanPLSModel");
 
+PlsModelFile::PlsModelFile() : ModelFileRecord(MyStreamableData, FileVersion) {}
+
 PlsModelFile::~PlsModelFile() = default;
 
-bool PlsModelFile::QvStreamableStartWrite(std::ostream& out) const
+void PlsModelFile::ResetParts() const
 {
-    return NCStreamRecord::StartWrite(
-        out, m_streaming, MyStreamableData, [&] { return QvStreamBase::QvStreamableStartWrite(out); },
-        [&] { return Write(out); });
-}
-
-bool PlsModelFile::QvStreamableStartRead(std::istream& in)
-{
-    return NCStreamRecord::StartRead(
-        in, m_streaming, MyStreamableData, FileVersion, [&] { return QvStreamBase::QvStreamableStartRead(in); },
-        [&] { return Read(in); });
-}
-
-void PlsModelFile::QvStreamableReset() const
-{
-    m_streaming = false;
     if (transform)
         transform->QvStreamableReset();
     if (yTransform)
@@ -58,7 +25,6 @@ void PlsModelFile::QvStreamableReset() const
     scale.QvStreamableReset();
     yScale.QvStreamableReset();
     pls.QvStreamableReset();
-    QvStreamBase::QvStreamableReset();
 }
 
 bool PlsModelFile::Write(std::ostream& out) const
@@ -80,8 +46,6 @@ bool PlsModelFile::Write(std::ostream& out) const
     return directory.Close() && ok && out.good();
 }
 
-// Read into fresh objects and kept only when the whole record agrees with
-// itself, so a damaged file never yields a half-loaded model.
 bool PlsModelFile::Read(std::istream& in)
 {
     try {

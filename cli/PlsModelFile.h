@@ -1,7 +1,8 @@
 #pragma once
 
+#include "cli/ModelFile.h"
+
 #include "veltancmat/models/NCPLS.h"
-#include "veltancmat/platform/QvStream.h"
 #include "veltancmat/preprocess/NCScale.h"
 #include "veltancmat/preprocess/NCTransform.h"
 
@@ -23,11 +24,9 @@ namespace veltan_cli {
 //   6 the model as an "NCPLS" record holding exactly the kept components,
 //   7 the number of components kept (int32),
 //   8 the number of observations the model was fitted on (int32).
-class PlsModelFile : public virtual QvStreamBase {
+class PlsModelFile : public ModelFileRecord {
 public:
-    PlsModelFile() = default;
-    PlsModelFile(const PlsModelFile&) = delete;
-    PlsModelFile& operator=(const PlsModelFile&) = delete;
+    PlsModelFile();
     ~PlsModelFile() override;
 
     std::vector<std::string> variables;      // X
@@ -40,20 +39,13 @@ public:
     int components = 0;
     int observations = 0;
 
-    bool QvStreamableStartWrite(std::ostream& out) const override;
-    // False for another record, another version, or a damaged or
-    // inconsistent record (widths that disagree, a count that is not the
-    // model's).
-    bool QvStreamableStartRead(std::istream& in) override;
-    void QvStreamableReset() const override;
-
     static QvStreamableData MyStreamableData; // "VeltanPLSModel", 1
 
 private:
-    bool Write(std::ostream& out) const;
-    bool Read(std::istream& in);
-
-    mutable bool m_streaming = false;
+    bool Write(std::ostream& out) const override;
+    // Inconsistent: widths that disagree, a count that is not the model's.
+    bool Read(std::istream& in) override;
+    void ResetParts() const override;
 };
 
 // Throws ToolError naming the file, as LoadModel does for PCA models.
