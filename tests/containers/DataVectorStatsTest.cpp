@@ -55,8 +55,7 @@ template <class V, class R>
 void ExpectMatchesReference(const V& v, const R& r)
 {
     const double tol = 1e-9;
-    EXPECT_EQ(v.Size(), r.n);
-    EXPECT_EQ(v.GetNumValidValues(), r.valid);
+    EXPECT_EQ((std::vector<int>{v.Size(), v.GetNumValidValues()}), (std::vector<int>{r.n, r.valid}));
     double q1 = 0, med = 0, q3 = 0;
     EXPECT_TRUE(v.GetInterquartiles(q1, med, q3));
     // Sum of squares about the mean is the variance times the degrees of freedom.
@@ -102,7 +101,7 @@ TYPED_TEST(VectorStats, AgreeWithNumpyAndScipy)
     }
 }
 
-TYPED_TEST(VectorStats, EmptyAndAllMissingAreUndefined)
+TYPED_TEST(VectorStats, UndefinedAndDegenerateSeries)
 {
     for (const NCDataVector<TypeParam>& v : {NCDataVector<TypeParam>(), NCDataVector<TypeParam>(4, TypeParam(-99))}) {
         EXPECT_TRUE(v.HasAllMissingValues());
@@ -116,10 +115,6 @@ TYPED_TEST(VectorStats, EmptyAndAllMissingAreUndefined)
                           v.GetSkewness(), v.GetSkewnessTest(), v.GetKurtosis(), v.GetRobustStdDev(),
                           double(v.FirstValidValue()), double(lo), double(hi), q1, q3});
     }
-}
-
-TYPED_TEST(VectorStats, DegenerateSeries)
-{
     // One valid value has zero variance but no standard deviation.
     const auto one = Vec<TypeParam>({-99, 4, -99});
     EXPECT_EQ((Results{one.GetMean(), one.GetVariance(), one.GetMedian(), double(one.FirstValidValue()), double(one.LastValidValue())}),
@@ -145,12 +140,8 @@ TYPED_TEST(VectorStats, MedianAndQuartilesOnSmallCounts)
 {
     // Values out of order and with gaps, so sorting and skipping both matter.
     const struct { NCDataVector<TypeParam> v; double q1, median, q3; } cases[] = {
-        {Vec<TypeParam>({5, -99, 1}), 1, 3, 5},
-        {Vec<TypeParam>({3, 1, -99, 2}), 1, 2, 3},
-        {Vec<TypeParam>({4, 1, 3, 2}), 1.5, 2.5, 3.5},
-        {Vec<TypeParam>({5, 1, 4, -99, 2, 3}), 1.5, 3, 4.5},
-        {Vec<TypeParam>({6, 2, 5, 1, 4, 3, 7}), 2, 4, 6},
-    };
+        {Vec<TypeParam>({5, -99, 1}), 1, 3, 5}, {Vec<TypeParam>({3, 1, -99, 2}), 1, 2, 3}, {Vec<TypeParam>({4, 1, 3, 2}), 1.5, 2.5, 3.5},
+        {Vec<TypeParam>({5, 1, 4, -99, 2, 3}), 1.5, 3, 4.5}, {Vec<TypeParam>({6, 2, 5, 1, 4, 3, 7}), 2, 4, 6}};
     for (const auto& c : cases) {
         double q1 = 0, med = 0, q3 = 0;
         ASSERT_TRUE(c.v.GetInterquartiles(q1, med, q3));
@@ -160,9 +151,8 @@ TYPED_TEST(VectorStats, MedianAndQuartilesOnSmallCounts)
 
 TYPED_TEST(VectorStats, RobustStdDevEstimatesNormalSpread)
 {
-    // Evenly spaced normal quantiles (by bisection on the distribution
-    // function): the robust estimate is close to 1 while one wild value
-    // barely moves it.
+    // Evenly spaced normal quantiles (by bisection on the distribution function):
+    // the robust estimate is close to 1 while one wild value barely moves it.
     const int n = 401;
     NCDataVector<TypeParam> v(n);
     for (int i = 1; i <= n; ++i) {
@@ -184,13 +174,11 @@ TYPED_TEST(VectorStats, NipalsFloorExclusionAndMissingSlope)
 {
     // One complete pair with a tiny V1, and large V1 values facing missing V2:
     // the floor limits the slope.
-    const auto v1 = Vec<TypeParam>({0.1, 3, 3});
-    const auto v2 = Vec<TypeParam>({1, -99, -99});
+    const auto v1 = Vec<TypeParam>({0.1, 3, 3}), v2 = Vec<TypeParam>({1, -99, -99});
     EXPECT_NEAR(v1.Regress(v2), 10.0, 1e-5);
     EXPECT_NEAR(v1.SpecialNipalsRegressFix(v2), 0.1 / ((0.1f * 0.1f + 9.0 + 9.0) / 3.0), 1e-6);
     // Exclusion skips the named class.
-    const auto x = Vec<TypeParam>({1, 2, 3, 4});
-    const auto y = Vec<TypeParam>({2, 100, 6, 8});
+    const auto x = Vec<TypeParam>({1, 2, 3, 4}), y = Vec<TypeParam>({2, 100, 6, 8});
     const NCIntegralVector<int, -99> classes{1, 2, 1, 0};
     double s12 = 0, s11 = 0, s11all = 0;
     NCDataVector<TypeParam>::Calculate_V1txV2_and_V1txV1(s12, s11, s11all, x, y, &classes, 2);
@@ -198,16 +186,13 @@ TYPED_TEST(VectorStats, NipalsFloorExclusionAndMissingSlope)
     EXPECT_DOUBLE_EQ(x.SpecialNipalsRegressFixWithExclude(y, classes, 2), 2.0);
     // Excluding a class nobody has keeps every element.
     EXPECT_NE(x.SpecialNipalsRegressFixWithExclude(y, classes, 7), 2.0);
-
     // No complete pairs: nothing is defined.
-    const auto w1 = Vec<TypeParam>({1, -99, 2});
-    const auto w2 = Vec<TypeParam>({-99, 5, -99});
+    const auto w1 = Vec<TypeParam>({1, -99, 2}), w2 = Vec<TypeParam>({-99, 5, -99});
     NCDataVector<TypeParam>::Calculate_V1txV2_and_V1txV1(s12, s11, s11all, w1, w2, nullptr, 0);
     ExpectAllMissing({s12, s11, w1.Regress(w2), w1.SpecialNipalsRegressFix(w2), w1.Difference(w2), w1.Distance(w2),
                       w1.Correlation_Zero(w2), w1.Covariance(w2), w1 * w2});
     // A zero V1 has sums but no slope.
-    const NCDataVector<TypeParam> zeros(3, TypeParam(0));
-    const auto abc = Vec<TypeParam>({1, 2, 3});
+    const NCDataVector<TypeParam> zeros(3, TypeParam(0)), abc = Vec<TypeParam>({1, 2, 3});
     s12 = s11 = s11all = 1;
     NCDataVector<TypeParam>::Calculate_V1txV2_and_V1txV1(s12, s11, s11all, zeros, abc, nullptr, 0);
     EXPECT_EQ((Results{s12, s11}), (Results{0, 0}));
@@ -227,11 +212,9 @@ TYPED_TEST(VectorStats, DifferenceDistanceAndCorrelationAboutZero)
     const NCDataVector<TypeParam> withInf{TypeParam(1), std::numeric_limits<TypeParam>::infinity()};
     ExpectAllMissing({withInf.Difference(ones), withInf.Distance(ones), NCDataVector<TypeParam>(3, TypeParam(-99)).Distance(b),
                       empty.Distance(empty)});
-
     // Correlation about zero is clamped, and falls back to the cross product
     // when the sums of squares multiply to below 1e-30.
-    const auto a = Vec<TypeParam>({1, 2});
-    const auto a2 = Vec<TypeParam>({2, 4});
+    const auto a = Vec<TypeParam>({1, 2}), a2 = Vec<TypeParam>({2, 4});
     EXPECT_DOUBLE_EQ(a.Correlation_Zero(a2), 1.0);
     EXPECT_DOUBLE_EQ(a.Correlation_Zero(a2 * -1.0), -1.0);
     const auto tiny = Vec<TypeParam>({1e-16, 0});

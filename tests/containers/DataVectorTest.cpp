@@ -143,7 +143,7 @@ TYPED_TEST(VectorTest, RandomMutationsKeepCountExactAndCopiesIsolated)
     }
 }
 
-TYPED_TEST(VectorTest, ConstructionComparisonAndAlignment)
+TYPED_TEST(VectorTest, ConstructionSharingAndComparison)
 {
     using V = NCDataVector<TypeParam>;
     for (int n : {0, 1, 3, 4, 5, 17, 1000}) {
@@ -161,21 +161,18 @@ TYPED_TEST(VectorTest, ConstructionComparisonAndAlignment)
     EXPECT_EQ(list.GetNumValidValues(), 2);
     EXPECT_EQ((std::vector<TypeParam>{list.front(), list.back(), list.GetVector()[3]}), (std::vector<TypeParam>{1, 3, 3}));
     // Comparison is elementwise and needs equal sizes.
-    const V a = Vec<TypeParam>({1, 2});
-    EXPECT_TRUE(a == Vec<TypeParam>({1, 2}) && V() == V(0));
-    EXPECT_TRUE(a != Vec<TypeParam>({1, 3}) && a != Vec<TypeParam>({1}));
-}
-
-TYPED_TEST(VectorTest, CopiesShareUntilWrittenAndWritesAdjustTheCount)
-{
-    NCDataVector<TypeParam> v(3, TypeParam(1));
+    const V twoValues = Vec<TypeParam>({1, 2});
+    EXPECT_TRUE(twoValues == Vec<TypeParam>({1, 2}) && V() == V(0));
+    EXPECT_TRUE(twoValues != Vec<TypeParam>({1, 3}) && twoValues != Vec<TypeParam>({1}));
+    // Writes adjust the count; copies share until written.
+    V v(3, TypeParam(1));
     EXPECT_EQ(v.SetAndReturn_dMisVal(2, M), 1);
     EXPECT_EQ(v.GetNumMisVal(), 1);
     EXPECT_EQ(v.SetAndReturn_dMisVal(2, M), 0);
     EXPECT_EQ(v(2, TypeParam(5)), TypeParam(5));
     EXPECT_EQ(v.GetNumMisVal(), 0);
     EXPECT_EQ(v.SetAndReturn_dMisVal(3, TypeParam(7)), 0);
-    NCDataVector<TypeParam> a = Vec<TypeParam>({1, 2, 3}), b(a), c;
+    V a = Vec<TypeParam>({1, 2, 3}), b(a), c;
     c = a;
     EXPECT_TRUE(a.begin() == b.begin() && a.begin() == c.begin());
     b(1, M);
@@ -226,8 +223,7 @@ TYPED_TEST(VectorTest, CopiesOnTwoThreads)
 
 TYPED_TEST(VectorTest, ArithmeticPropagatesMissing)
 {
-    const auto a = Vec<TypeParam>({1, -99, 3, -100});
-    const auto b = Vec<TypeParam>({2, 5, -99, 1});
+    const auto a = Vec<TypeParam>({1, -99, 3, -100}), b = Vec<TypeParam>({2, 5, -99, 1});
     // -100 + 1 lands on -99 and is counted as missing.
     EXPECT_TRUE(Holds(a + b, {3, M, M, M}));
     EXPECT_TRUE(Holds(a - b, {-1, M, M, -101}));
@@ -265,7 +261,6 @@ TYPED_TEST(VectorTest, EditsAndBulkCopies)
     v.Reduce(List());
     EXPECT_TRUE(v.empty());
     EXPECT_TRUE(Holds(After(Vec<TypeParam>({1, -99, 1, -99}), [](auto& w) { w.Remove(M); }), {1, 1}));
-
     const TypeParam oneBased[] = {TypeParam(0), TypeParam(1), M, TypeParam(3)};
     v.CopyVector(oneBased, 3);
     EXPECT_TRUE(Holds(v, {1, M, 3}));
@@ -312,8 +307,7 @@ TYPED_TEST(VectorTest, PreprocessingAndInterpolation)
     v.InterpolateMisVals(nullptr);
     EXPECT_TRUE(Holds(v, {2, 2, 4, 6, 8, 8}));
     // Uneven positions, one of them unknown.
-    auto y = Vec<TypeParam>({0, -99, -99, 10});
-    const auto x = Vec<TypeParam>({0, 1, -99, 10});
+    auto y = Vec<TypeParam>({0, -99, -99, 10}), x = Vec<TypeParam>({0, 1, -99, 10});
     y.InterpolateMisVals(&x);
     EXPECT_NEAR(y[2], 1.0, 1e-6);
     EXPECT_EQ(y[3], M);
