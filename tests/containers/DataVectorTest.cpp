@@ -157,8 +157,7 @@ TYPED_TEST(VectorTest, ConstructionSharingAndComparison)
     EXPECT_THROW(V(-1), NCInternalError);
     const V list{TypeParam(1), TypeParam(M), TypeParam(3)};
     EXPECT_TRUE(Holds(list, {1, -99, 3}));
-    EXPECT_EQ(list.Size(), 3);
-    EXPECT_EQ(list.GetNumValidValues(), 2);
+    EXPECT_TRUE(list.Size() == 3 && list.GetNumValidValues() == 2);
     EXPECT_EQ((std::vector<TypeParam>{list.front(), list.back(), list.GetVector()[3]}), (std::vector<TypeParam>{1, 3, 3}));
     // Comparison is elementwise and needs equal sizes.
     const V twoValues = Vec<TypeParam>({1, 2});
@@ -176,8 +175,7 @@ TYPED_TEST(VectorTest, ConstructionSharingAndComparison)
     c = a;
     EXPECT_TRUE(a.begin() == b.begin() && a.begin() == c.begin());
     b(1, M);
-    EXPECT_NE(a.begin(), b.begin());
-    EXPECT_EQ(a.begin(), c.begin());
+    EXPECT_TRUE(a.begin() != b.begin() && a.begin() == c.begin());
     EXPECT_TRUE(Holds(a, {1, 2, 3}));
     EXPECT_TRUE(Holds(b, {M, 2, 3}));
     // Self-assignment and assignment between sharers keep the data.
