@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <optional>
 #include <sstream>
 
 namespace {
@@ -27,9 +28,15 @@ NCPCA FitComponents(const NCDataMatrix<float>& x, int components, int maxIterati
     return pca;
 }
 
-std::string ErrorText(const std::exception& e)
+template <class E, class F>
+std::optional<E> Caught(F f)
 {
-    return e.what();
+    try {
+        f();
+    } catch (const E& e) {
+        return e;
+    }
+    return std::nullopt;
 }
 
 } // namespace
@@ -43,9 +50,7 @@ TEST(PCAModel, CompleteDataMatchesTheSVD)
     auto svd = x.GetSVD();
     svd->Sort();
     const NCDataVector<float>& w = *svd->GetW();
-    double total = 0.0;
-    for (int a = 1; a <= w.Size(); ++a)
-        total += double(w[a]) * w[a];
+    const double total = w.GetSS();
     ASSERT_NEAR(total, x.GetSS(), 1e-4 * total);
 
     NCPCA pca(&x, 1000);
@@ -53,17 +58,15 @@ TEST(PCAModel, CompleteDataMatchesTheSVD)
         const double before = pca.GetResiduals()->GetSS();
         ASSERT_TRUE(pca.NextComponent(nullptr, nullptr, 0, nullptr));
         pca.CalculateResiduals();
-        const double after = pca.GetResiduals()->GetSS();
-        EXPECT_NEAR((before - after) / total, double(w[a]) * w[a] / total, 1e-4) << "component " << a;
+        EXPECT_NEAR((before - pca.GetResiduals()->GetSS()) / total, double(w[a]) * w[a] / total, 1e-4) << a;
 
         const NCDataVector<float>& p = (*pca.GetPprim())[a];
-        const NCDataVector<float>& t = (*pca.GetTprim())[a];
-        NCDataVector<float> v = svd->GetV()->GetColumn(a);
+        const NCDataVector<float> v = svd->GetV()->GetColumn(a);
         EXPECT_NEAR(AbsCosine(p, v), 1.0, 1e-5) << "component " << a;
         EXPECT_NEAR(std::sqrt(p.GetSS()), 1.0, 1e-6);
         const double sign = (p * v) < 0 ? -1.0 : 1.0;
         for (int i = 1; i <= x.SizeRows(); ++i)
-            ASSERT_NEAR(t[i], sign * w[a] * (*svd->GetU())[i][a], 2e-4 * w[a]) << "component " << a << " row " << i;
+            ASSERT_NEAR((*pca.GetTprim())[a][i], sign * w[a] * (*svd->GetU())[i][a], 2e-4 * w[a]) << a << "," << i;
     }
     EXPECT_EQ(pca.GetComponents(), 3);
     EXPECT_EQ(pca.GetPprim()->SizeRows(), 3);
@@ -72,10 +75,8 @@ TEST(PCAModel, CompleteDataMatchesTheSVD)
 
 TEST(PCAModel, OneObservationIsItsOwnComponent)
 {
-    NCDataMatrix<float> x(1, 3);
-    x(1, 1, 3.0f);
-    x(1, 2, -99.0f);
-    x(1, 3, 4.0f);
+    NCDataMatrix<float> x(1, 3, -99.0f);
+    x(1, 1, 3.0f), x(1, 3, 4.0f);
     NCPCA pca(&x, 100);
     pca.NextComponent(nullptr, nullptr, 0, nullptr);
     EXPECT_EQ(pca.GetIterations(), 1);
@@ -93,64 +94,47 @@ TEST(PCAModel, OneObservationIsItsOwnComponent)
 TEST(PCAModel, StartColumnGapsAreFilledWithAlternatingSigns)
 {
     NCDataMatrix<float> x = LowRankTable(12, 4, 2, 0.1);
-    const int col = [&] {
-        NCDataVector<float> s = x.GetNIPALSStartColumn();
-        for (int j = 1; j <= 4; ++j)
-            if (x.GetColumn(j) == s)
-                return j;
-        return 0;
-    }();
-    ASSERT_GT(col, 0);
-    x(2, col, -99.0f);
-    x(5, col, -99.0f);
-    x(9, col, -99.0f);
+    int col = 1;
+    while (col <= 4 && !(x.GetColumn(col) == x.GetNIPALSStartColumn()))
+        ++col;
+    ASSERT_LE(col, 4);
+    x(2, col, -99.0f), x(5, col, -99.0f), x(9, col, -99.0f);
     ASSERT_EQ(x.GetNIPALSStartColumn(), x.GetColumn(col)); // still the largest
 
     NCDataVector<float> t0 = x.GetColumn(col);
     float largest = 0.0f;
     for (int i = 1; i <= 12; ++i)
-        if (t0[i] != -99.0f)
-            largest = std::max(largest, std::fabs(t0[i]));
+        largest = t0[i] == -99.0f ? largest : std::max(largest, std::fabs(t0[i]));
     const float m = largest / 100.0f;
-    t0(2, m);
-    t0(5, -m);
-    t0(9, m);
+    t0(2, m), t0(5, -m), t0(9, m);
     NCDataVector<float> p = x.SpecialNipalsRegressColumnsFix(t0);
     p.Normalize();
-    const NCDataVector<float> t = x.SpecialNipalsRegressRowsFix(p);
 
     NCPCA pca(&x, 1);
     pca.NextComponent(nullptr, nullptr, 0, nullptr);
     EXPECT_EQ(pca.GetIterations(), 1);
     EXPECT_EQ((*pca.GetPprim())[1], p);
-    EXPECT_EQ((*pca.GetTprim())[1], t);
+    EXPECT_EQ((*pca.GetTprim())[1], x.SpecialNipalsRegressRowsFix(p));
 }
 
-TEST(PCAModel, WhollyMissingVariableKeepsAMissingLoading)
+TEST(PCAModel, MissingVariablesKeepAMissingLoading)
 {
+    // A wholly missing variable: the others as if it were not there.
     NCDataMatrix<float> x = LowRankTable(30, 5, 2, 0.2);
     NCDataMatrix<float> without = x;
     without.RemoveColumns(3, 3);
     for (int i = 1; i <= 30; ++i)
         x(i, 3, -99.0f);
-    const NCPCA with = FitComponents(x, 2);
-    const NCPCA reference = FitComponents(without, 2);
-    for (int a = 1; a <= 2; ++a) {
-        const NCDataVector<float>& p = (*with.GetPprim())[a];
-        EXPECT_EQ(p[3], -99.0f);
-        for (int j = 1, r = 1; j <= 5; ++j) {
-            if (j == 3)
-                continue;
-            EXPECT_NEAR(p[j], (*reference.GetPprim())[a][r++], 1e-5) << "component " << a << " variable " << j;
-        }
-    }
-}
+    const NCPCA with = FitComponents(x, 2), reference = FitComponents(without, 2);
+    for (int a = 1; a <= 2; ++a)
+        for (int j = 1; j <= 5; ++j)
+            EXPECT_NEAR((*with.GetPprim())[a][j], j == 3 ? -99.0f : (*reference.GetPprim())[a][j - (j > 3)], 1e-5)
+                << "component " << a << " variable " << j;
 
-TEST(PCAModel, GroupLabelsLeaveVariablesOut)
-{
-    const NCDataMatrix<float> x = LowRankTable(20, 6, 2, 0.2);
+    // Variables of the left-out group.
+    const NCDataMatrix<float> y = LowRankTable(20, 6, 2, 0.2);
     const NCIntegralVector<int, -99> groups{1, 2, 1, 0, 2, 0};
-    NCPCA pca(&x, 200);
+    NCPCA pca(&y, 200);
     pca.NextComponent(nullptr, &groups, 2, nullptr);
     const NCDataVector<float>& p = (*pca.GetPprim())[1];
     for (int j = 1; j <= 6; ++j)
@@ -158,17 +142,14 @@ TEST(PCAModel, GroupLabelsLeaveVariablesOut)
     EXPECT_NEAR(p.GetSS(), 1.0, 1e-6);
 }
 
-TEST(PCAModel, FailuresAreReportedAndCounted)
+TEST(PCAModel, FailuresAreReportedCountedAndTranslated)
 {
     NCDataMatrix<float> x(4, 3, -99.0f);
     NCPCA pca(&x, 50);
-    try {
-        pca.NextComponent(nullptr, nullptr, 0, nullptr);
-        FAIL() << "no error";
-    } catch (const NCError& e) {
-        EXPECT_EQ(e.GetLevel(), NCError::Error);
-        EXPECT_EQ(ErrorText(e), "PCA component could not be computed.");
-    }
+    const auto e = Caught<NCError>([&] { pca.NextComponent(nullptr, nullptr, 0, nullptr); });
+    ASSERT_TRUE(e);
+    EXPECT_EQ(e->GetLevel(), NCError::Error);
+    EXPECT_STREQ(e->what(), "PCA component could not be computed.");
     // The count is raised before the work and stays raised.
     EXPECT_EQ(pca.GetComponents(), 1);
     EXPECT_EQ(pca.GetPprim()->SizeRows(), 0);
@@ -178,50 +159,45 @@ TEST(PCAModel, FailuresAreReportedAndCounted)
     NCPCA sized(&y, 50);
     NCDataVector<float> shortStart(4, 1.0f);
     EXPECT_THROW(sized.NextComponent(nullptr, nullptr, 0, &shortStart), NCInternalError);
+
+    MessageCatalog::SetLanguage("de_DE.UTF-8", VELTAN_TEST_LOCALE_DIR);
+    const auto german = Caught<NCError>([&] { NCPCA(&x, 10).NextComponent(nullptr, nullptr, 0, nullptr); });
+    const std::string text = german ? german->what() : "";
+    const std::string caption = ProgressCaption("CV = Cross-validation", "CV round %1% of %2% (rows)", 2, 7);
+    MessageCatalog::SetLanguage("C");
+    EXPECT_EQ(text, "Die PCA-Komponente konnte nicht berechnet werden.");
+    EXPECT_EQ(caption, "KV-Runde 2 von 7 (Zeilen)");
 }
 
-TEST(PCAModel, BreakDuringTheIterationCancels)
-{
-    const NCDataMatrix<float> x = LowRankTable(40, 6, 3, 1.0);
-    NCProgress progress;
-    int values = 0;
-    progress.SetObserver(
-        [&](const NCProgressSnapshot&) {
-            if (++values == 2)
-                progress.RequestBreak();
-        },
-        std::chrono::milliseconds{0}, std::chrono::milliseconds{0});
-    NCPCA pca(&x, 1000);
-    try {
-        pca.NextComponent(&progress, nullptr, 0, nullptr);
-        FAIL() << "no cancel";
-    } catch (const CancelException& e) {
-        EXPECT_EQ(ErrorText(e), "PC component aborted.");
-    }
-    EXPECT_EQ(pca.GetPprim()->SizeRows(), 0);
-}
-
-// The convergence range runs from the first distance up to 0.
-TEST(PCAModel, ProgressRangeClosesOnZero)
-{
-    const NCDataMatrix<float> x = LowRankTable(40, 6, 2, 0.5);
-    NCProgress progress;
-    NCPCA pca(&x, 1000);
-    pca.NextComponent(&progress, nullptr, 0, nullptr);
-    EXPECT_GT(pca.GetIterations(), 1);
-    EXPECT_NEAR(progress.GetFraction(), 1.0, 1e-6);
-}
-
-TEST(PCAModel, MaxIterationsBoundsTheLoop)
+// The iteration ends at the limit, on convergence (the progress range runs
+// from the first distance down to 0) or on a break.
+TEST(PCAModel, IterationEndsAtTheLimitOnConvergenceOrOnABreak)
 {
     const NCDataMatrix<float> x = LowRankTable(40, 6, 3, 1.0);
     NCPCA once(&x, 1);
     once.NextComponent(nullptr, nullptr, 0, nullptr);
     EXPECT_EQ(once.GetIterations(), 1);
+
+    NCProgress progress;
     NCPCA many(&x, 1000);
-    many.NextComponent(nullptr, nullptr, 0, nullptr);
+    many.NextComponent(&progress, nullptr, 0, nullptr);
     EXPECT_GT(many.GetIterations(), 1);
     EXPECT_LT(many.GetIterations(), 1000);
+    EXPECT_NEAR(progress.GetFraction(), 1.0, 1e-6);
+
+    NCProgress breaking;
+    int values = 0;
+    breaking.SetObserver(
+        [&](const NCProgressSnapshot&) {
+            if (++values == 2)
+                breaking.RequestBreak();
+        },
+        std::chrono::milliseconds{0}, std::chrono::milliseconds{0});
+    NCPCA broken(&x, 1000);
+    const auto e = Caught<CancelException>([&] { broken.NextComponent(&breaking, nullptr, 0, nullptr); });
+    ASSERT_TRUE(e);
+    EXPECT_STREQ(e->what(), "PC component aborted.");
+    EXPECT_EQ(broken.GetPprim()->SizeRows(), 0);
 }
 
 TEST(PCAModel, RecordRoundTripKeepsTheComponentCount)
@@ -243,24 +219,21 @@ TEST(PCAModel, RecordRoundTripKeepsTheComponentCount)
     EXPECT_EQ(read.GetIterations(), pca.GetIterations());
     EXPECT_EQ(read.GetComponents(), 0); // not part of the record
 
-    // Another version is refused and leaves the model alone.
-    std::string bytes = s.str();
+    // Another version, and a cut record, are refused and leave the model alone.
+    const std::string bytes = s.str();
     const std::size_t at = bytes.find("NCPCA") + 5;
     ASSERT_LT(at + 1, bytes.size());
     std::string other = bytes;
     other[at] = static_cast<char>(other[at] + 1);
-    std::stringstream bad(other);
-    NCPCA untouched;
-    EXPECT_FALSE((bad >> untouched).good());
-    EXPECT_EQ(untouched.GetPprim()->SizeRows(), 0);
-
-    // A cut record fails cleanly.
-    std::stringstream cut(bytes.substr(0, bytes.size() / 2));
-    NCPCA partial;
-    EXPECT_FALSE((cut >> partial).good());
+    for (const std::string& bad : {other, bytes.substr(0, bytes.size() / 2)}) {
+        std::stringstream in(bad);
+        NCPCA untouched;
+        EXPECT_FALSE((in >> untouched).good());
+        EXPECT_EQ(untouched.GetPprim()->SizeRows(), 0);
+    }
 }
 
-TEST(PCAPrediction, TrainingRowsReproduceTheirScores)
+TEST(PCAPrediction, TrainingRowsReproduceTheirScoresAndSparseRowsGetNone)
 {
     const NCDataMatrix<float> x = LowRankTable(25, 7, 3, 0.2);
     const NCPCA pca = FitComponents(x, 3, 2000);
@@ -285,22 +258,17 @@ TEST(PCAPrediction, TrainingRowsReproduceTheirScores)
     EXPECT_EQ(copy.GetTPredPrim().SizeColumns(), 23);
     EXPECT_EQ(copy.GetTPredPrim()[1][2], pred.GetTPredPrim()[1][3]);
     EXPECT_EQ(pred.SizeObservations(), 25);
-}
 
-TEST(PCAPrediction, SparseRowsGetMissingScores)
-{
-    const NCDataMatrix<float> x = LowRankTable(10, 4, 2, 0.2);
-    const NCPCA pca = FitComponents(x, 2);
-    NCDataMatrix<float> fresh = x.SubMat(1, 3, 1, 4);
-    fresh(2, 1, -99.0f);
-    fresh(2, 2, -99.0f);
-    fresh(2, 3, -99.0f);
-    NCPCAPred pred(&fresh, pca.GetPprim(), 100, 0.5f);
-    EXPECT_EQ(pred.GetTPredPrim()[1][2], -99.0f);
-    EXPECT_EQ(pred.GetTPredPrim()[2][2], -99.0f);
-    EXPECT_NEAR(pred.GetTPredPrim()[1][1], (*pca.GetTprim())[1][1], 1e-3);
-
-    NCDataMatrix<float> wide(2, 5, 1.0f);
+    // A row missing more than half its values gets no scores.
+    NCDataMatrix<float> fresh = x.SubMat(1, 3, 1, 7);
+    for (int j = 1; j <= 4; ++j)
+        fresh(2, j, -99.0f);
+    const NCPCAPred sparse(&fresh, pca.GetPprim(), 100, 0.5f);
+    for (int a = 1; a <= 3; ++a) {
+        EXPECT_EQ(sparse.GetTPredPrim()[a][2], -99.0f);
+        EXPECT_NEAR(sparse.GetTPredPrim()[a][1], (*pca.GetTprim())[a][1], 1e-3);
+    }
+    NCDataMatrix<float> wide(2, 8, 1.0f);
     EXPECT_THROW(NCPCAPred(&wide, pca.GetPprim(), 100, 0.5f), NCInternalError);
 }
 
@@ -323,15 +291,13 @@ TEST(PCAPrediction, RowsWithGapsScoreCloseToTheirCompleteVersion)
     for (int a = 1; a <= 3; ++a) {
         const float spread = std::sqrt(static_cast<float>((*pca.GetTprim())[a].GetSS() / 40.0));
         for (int i = 1; i <= 5; ++i)
-            EXPECT_NEAR(gapped.GetTPredPrim()[a][i], complete.GetTPredPrim()[a][i], 0.05f * spread)
-                << "row " << i << ", component " << a;
+            EXPECT_NEAR(gapped.GetTPredPrim()[a][i], complete.GetTPredPrim()[a][i], 0.05f * spread) << i << "," << a;
         EXPECT_EQ(gapped.GetTPredPrim()[a][6], complete.GetTPredPrim()[a][6]);
     }
 
     // Nothing left to regress on: no component, and the scores are zero.
-    const ScoreEstimator estimator(*pca.GetPprim(), 100);
     NCDataVector<float> t;
-    estimator.GetT(t, NCDataVector<float>(40, -99.0f));
+    ScoreEstimator(*pca.GetPprim(), 100).GetT(t, NCDataVector<float>(40, -99.0f));
     EXPECT_EQ(t, NCDataVector<float>(3, 0.0f));
 }
 
@@ -359,27 +325,7 @@ TEST(PCAValidator, TurnsInvalidOnceOnePercentIsLeft)
 
     NCDataMatrix<float> huge(2, 2, 3e38f);
     NCPCA overflowing(&huge, 10);
-    try {
-        validator.SetPCAModel(&overflowing);
-        FAIL() << "no error";
-    } catch (const NCError& e) {
-        EXPECT_EQ(ErrorText(e), "Infinite value encountered, try changing the transformation or trim the dataset.");
-    }
-}
-
-TEST(PCAModel, MessagesAndCaptionsAreTranslated)
-{
-    MessageCatalog::SetLanguage("de_DE.UTF-8", VELTAN_TEST_LOCALE_DIR);
-    NCDataMatrix<float> x(3, 2, -99.0f);
-    NCPCA pca(&x, 10);
-    std::string text;
-    try {
-        pca.NextComponent(nullptr, nullptr, 0, nullptr);
-    } catch (const NCError& e) {
-        text = e.what();
-    }
-    const std::string caption = ProgressCaption("CV = Cross-validation", "CV round %1% of %2% (rows)", 2, 7);
-    MessageCatalog::SetLanguage("C");
-    EXPECT_EQ(text, "Die PCA-Komponente konnte nicht berechnet werden.");
-    EXPECT_EQ(caption, "KV-Runde 2 von 7 (Zeilen)");
+    const auto e = Caught<NCError>([&] { validator.SetPCAModel(&overflowing); });
+    ASSERT_TRUE(e);
+    EXPECT_STREQ(e->what(), "Infinite value encountered, try changing the transformation or trim the dataset.");
 }
