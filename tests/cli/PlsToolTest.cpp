@@ -2,6 +2,7 @@
 
 #include "cli/PlsPermutation.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -12,6 +13,7 @@
 #include <thread>
 
 using namespace cli_test;
+using testing::HasSubstr;
 
 namespace {
 
@@ -25,30 +27,26 @@ struct Csv {
 Csv ParseCsv(const std::string& text)
 {
     Csv csv;
-    const std::vector<std::string> lines = Lines(text);
-    for (std::size_t r = 0; r < lines.size(); ++r) {
+    for (const std::string& line : Lines(text)) {
         std::vector<std::string> cells;
-        std::istringstream in(lines[r]);
-        std::string cell;
-        while (std::getline(in, cell, ','))
+        std::istringstream in(line + ","); // so that an empty last cell counts
+        for (std::string cell; std::getline(in, cell, ',');)
             cells.push_back(cell);
-        if (!lines[r].empty() && lines[r].back() == ',')
-            cells.emplace_back();
-        if (r == 0) {
+        if (csv.header.empty()) {
             csv.header = cells;
             continue;
         }
         csv.names.push_back(cells.at(0));
-        std::vector<double> row;
+        csv.rows.emplace_back();
         for (std::size_t c = 1; c < cells.size(); ++c)
-            row.push_back(cells[c].empty() ? std::nan("") : std::stod(cells[c]));
-        csv.rows.push_back(row);
+            csv.rows.back().push_back(cells[c].empty() ? std::nan("") : std::stod(cells[c]));
     }
     return csv;
 }
 
 // X driven by two latent directions; y1 follows the first, y2 the
-// difference of both: two predictive components, then noise.
+// difference of both: two predictive components, then noise. Without X or Y
+// the same numbers are drawn, so that the two halves make one table.
 std::string LatentTable(int n, int k, unsigned seed, bool withY = true, bool withX = true)
 {
     std::mt19937 rng(seed);
@@ -57,9 +55,7 @@ std::string LatentTable(int n, int k, unsigned seed, bool withY = true, bool wit
     csv << "obs";
     for (int j = 1; withX && j <= k; ++j)
         csv << ",v" << j;
-    if (withY)
-        csv << ",y1,y2";
-    csv << "\n";
+    csv << (withY ? ",y1,y2\n" : "\n");
     for (int i = 1; i <= n; ++i) {
         const double a = normal(rng), b = normal(rng);
         csv << "o" << i;
@@ -83,6 +79,35 @@ nlohmann::json RunJson(const TempDir& dir, const std::vector<std::string>& args)
     return nlohmann::json::parse(r.out);
 }
 
+// Each field of `expected` with its value in `doc`.
+void ExpectFields(const nlohmann::json& doc, const nlohmann::json& expected)
+{
+    for (const auto& [key, value] : expected.items())
+        EXPECT_EQ(doc.contains(key) ? doc.at(key) : nlohmann::json("(absent)"), value) << key;
+}
+
+// `text` with every "{d}" replaced by dir's folder.
+std::string Fill(std::string text, const TempDir& dir)
+{
+    for (std::size_t at; (at = text.find("{d}")) != std::string::npos;)
+        text.replace(at, 3, dir.File(""));
+    return text;
+}
+
+// A refusal: exit `code`, the one line "veltan: <message>", no output, and no
+// file left behind, whole or partial. "{d}" in args and message is the folder.
+void ExpectRefusal(const TempDir& dir, std::vector<std::string> args, const std::string& message, int code)
+{
+    for (std::string& a : args)
+        a = Fill(a, dir);
+    const std::set<std::string> before = dir.Entries();
+    const RunResult r = RunTool(dir, args);
+    EXPECT_EQ(r.exitCode, code) << message;
+    EXPECT_EQ(r.err, "veltan: " + Fill(message, dir) + "\n");
+    EXPECT_EQ(r.out, "") << message;
+    EXPECT_EQ(dir.Entries(), before) << message;
+}
+
 } // namespace
 
 // Fitted values of a two-component model of Alcohol computed independently
@@ -98,7 +123,7 @@ TEST(VeltanPls, WineAgreesWithReferenceAndItsFilesAgreeWithOneAnother)
     const std::vector<std::string> lines = Lines(r.out);
     ASSERT_GE(lines.size(), 7u);
     EXPECT_EQ(lines[2], "Component     R2X  R2X(cum)     R2Y  R2Y(cum)      Q2  Q2(cum)  Q2 limit  Significance");
-    EXPECT_NE(lines[4].find("0.553"), std::string::npos) << lines[4];
+    EXPECT_THAT(lines[4], HasSubstr("0.553"));
     EXPECT_EQ(lines[6], "2 components fitted, as asked.");
 
     const Csv fitted = ParseCsv(ReadFile(dir.File("f.csv")));
@@ -141,8 +166,7 @@ TEST(VeltanPls, WineAgreesWithReferenceAndItsFilesAgreeWithOneAnother)
     // The training table, response column and all, is predicted again.
     const RunResult pred = RunTool(dir, {"predict", dir.File("m.bin"), WineCsv(), "--scores", dir.File("u.csv")});
     ASSERT_EQ(pred.exitCode, 0) << pred.err;
-    const Csv again = ParseCsv(pred.out);
-    const Csv u = ParseCsv(ReadFile(dir.File("u.csv")));
+    const Csv again = ParseCsv(pred.out), u = ParseCsv(ReadFile(dir.File("u.csv")));
     ASSERT_EQ(again.rows.size(), 178u);
     for (std::size_t i = 0; i < again.rows.size(); ++i) {
         ASSERT_NEAR(again.rows[i][0], fitted.rows[i][0], 1e-4) << again.names[i];
@@ -156,11 +180,8 @@ TEST(VeltanPls, StopsAtTheFirstInsignificantComponentInEitherTableForm)
     TempDir dir;
     WriteFile(dir.File("d.csv"), LatentTable(40, 8, 3));
     const nlohmann::json doc = RunJson(dir, {"pls", dir.File("d.csv"), "--y", "y1", "--y", "y2", "--json"});
-    EXPECT_EQ(doc["command"], "pls");
-    EXPECT_EQ(doc["x_variables"], 8);
-    EXPECT_EQ(doc["responses"], (std::vector<std::string>{"y1", "y2"}));
-    EXPECT_EQ(doc["kept"], 2);
-    EXPECT_TRUE(doc["permutations"].is_null());
+    ExpectFields(doc, {{"command", "pls"}, {"x_variables", 8}, {"responses", {"y1", "y2"}}, {"kept", 2},
+                       {"permutations", nullptr}});
     const auto& comps = doc["components"];
     ASSERT_EQ(comps.size(), 3u);
     for (int a = 0; a < 3; ++a) {
@@ -190,9 +211,8 @@ TEST(VeltanPls, StopsAtTheFirstInsignificantComponentInEitherTableForm)
     const RunResult r = RunTool(dir, {"pls", dir.File("d.csv"), "--y", "y1", "--y", "y2", "--components", "3",
                                       "--fitted", dir.File("f.csv")});
     ASSERT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_NE(r.out.find("3 components fitted, as asked.\n\nResponse  R2Y(cum)  Q2(cum)\ny1 "), std::string::npos)
-        << r.out;
-    EXPECT_NE(r.out.find("Fitted values written to " + dir.File("f.csv")), std::string::npos);
+    EXPECT_THAT(r.out, HasSubstr("3 components fitted, as asked.\n\nResponse  R2Y(cum)  Q2(cum)\ny1 "));
+    EXPECT_THAT(r.out, HasSubstr("Fitted values written to " + dir.File("f.csv")));
     const Csv f = ParseCsv(ReadFile(dir.File("f.csv")));
     EXPECT_EQ(f.header, (std::vector<std::string>{"obs", "y1", "y2"}));
     EXPECT_EQ(f.rows.size(), 40u);
@@ -200,39 +220,32 @@ TEST(VeltanPls, StopsAtTheFirstInsignificantComponentInEitherTableForm)
     // Four observations carry one component at most, however well the
     // second one predicts.
     WriteFile(dir.File("n3.csv"), "n,a,b,y\nr1,1,2,1.1\nr2,2,1,2\nr3,3,4,2.9\nr4,4,3,4.1\n");
-    const RunResult small = RunTool(dir, {"pls", dir.File("n3.csv"), "--y", "y"});
-    EXPECT_NE(small.out.find("1 component kept; component 2 is N3 (too many components for the size of the data)."),
-              std::string::npos)
-        << small.out;
+    EXPECT_THAT(RunTool(dir, {"pls", dir.File("n3.csv"), "--y", "y"}).out,
+                HasSubstr("1 component kept; component 2 is N3 (too many components for the size of the data)."));
 }
 
 TEST(VeltanPls, PermutationInterceptsFallFarBelowARealModelAndRepeatWithTheSeed)
 {
     TempDir dir;
     WriteFile(dir.File("d.csv"), LatentTable(30, 6, 9));
-    const std::vector<std::string> args{"pls",     dir.File("d.csv"), "--y",    "y1",
-                                        "--json",  "--permutations",  "25",     "--seed",
-                                        "42",      "--permutations-out", dir.File("p.csv")};
+    const std::vector<std::string> args{"pls",  dir.File("d.csv"), "--y",  "y1", "--json", "--permutations",
+                                        "25",   "--seed",          "42",   "--permutations-out", dir.File("p.csv")};
     const nlohmann::json doc = RunJson(dir, args);
     const auto& test = doc["permutations"];
     ASSERT_TRUE(test.is_object());
-    EXPECT_EQ(test["count"], 25);
-    EXPECT_EQ(test["seed"], 42);
-    EXPECT_EQ(test["components"], doc["kept"]);
+    ExpectFields(test, {{"count", 25}, {"seed", 42}, {"components", doc["kept"]}, {"q2_reached", 0}});
     const double r2y = test["r2y_cum"], q2 = test["q2_cum"];
     EXPECT_GT(q2, 0.8);
     EXPECT_LT(test["r2y_intercept"].get<double>(), 0.3 * r2y);
     EXPECT_LT(test["q2_intercept"].get<double>(), 0.3 * q2);
-    EXPECT_EQ(test["q2_reached"], 0);
     ASSERT_EQ(test["rows"].size(), 25u);
     for (const auto& row : test["rows"])
         EXPECT_LT(std::fabs(row["correlation"].get<double>()), 0.9);
     EXPECT_EQ(Lines(ReadFile(dir.File("p.csv"))).size(), 26u);
 
-    const nlohmann::json repeat = RunJson(dir, args);
-    EXPECT_EQ(repeat["permutations"], test);
-    const RunResult text = RunTool(dir, {"pls", dir.File("d.csv"), "--y", "y1", "--permutations", "3"});
-    EXPECT_NE(text.out.find("Permutation test: 3 permutations of the responses (seed "), std::string::npos);
+    EXPECT_EQ(RunJson(dir, args)["permutations"], test);
+    EXPECT_THAT(RunTool(dir, {"pls", dir.File("d.csv"), "--y", "y1", "--permutations", "3"}).out,
+                HasSubstr("Permutation test: 3 permutations of the responses (seed "));
 }
 
 TEST(PlsPermutation, InterceptAndCorrelation)
@@ -253,17 +266,10 @@ TEST(PlsPermutation, InterceptAndCorrelation)
     EXPECT_NEAR(veltan_cli::MeanPermutedCorrelation(y, {4, 3, 2, 1}), -1.0, 1e-9);
 }
 
-// Every refusal: one line naming the file and place, the exit code, and no
-// output file, whole or partial.
 TEST(VeltanPls, BadInputIsOneLineAndLeavesNoFile)
 {
-    struct Case {
-        std::string csv;
-        std::vector<std::string> args; // after "pls d.csv"
-        std::string message;           // after "veltan: "; {d} is the folder
-        int code;
-    };
-    const std::string good = LatentTable(12, 4, 1);
+    struct Case { std::string csv; std::vector<std::string> args; std::string message; int code; };
+    const std::string good = LatentTable(12, 4, 1), constant = "n,a,b,y\nr1,1,2,4\nr2,2,3,4\nr3,3,1,4\nr4,5,2,4\n";
     const std::vector<Case> cases{
         {good, {"--y", "nope"}, "--y: {d}d.csv has no variable \"nope\"", 2},
         {good, {"--y", "y1", "--y", "y1"}, "--y: \"y1\" is named twice", 2},
@@ -276,42 +282,28 @@ TEST(VeltanPls, BadInputIsOneLineAndLeavesNoFile)
         {good, {"--y", "y1", "--permutations-out", "p.csv"}, "--permutations-out needs --permutations N", 2},
         {"n,a,b,y\nr1,1,2,\nr2,2,3,NA\nr3,3,1,\n", {"--y", "y"},
          "{d}d.csv: column 4 (\"y\"): every value of this response is missing", 1},
-        {"n,a,b,y\nr1,1,2,4\nr2,2,3,4\nr3,3,1,4\nr4,5,2,4\n", {"--y", "y"},
+        {constant, {"--y", "y"},
          "{d}d.csv: column 4 (\"y\"): Could not scale matrix. Too little variance. (the column is constant; "
-         "remove it or scale with --y-scale center)",
-         1},
-        {"n,a,b,y\nr1,1,2,4\nr2,2,3,4\nr3,3,1,4\nr4,5,2,4\n", {"--y", "y", "--y-scale", "center"},
+         "remove it or scale with --y-scale center)", 1},
+        {constant, {"--y", "y", "--y-scale", "center"},
          "{d}d.csv: The correlation between X and Y is zero or almost zero. Component 1 cannot be computed. "
-         "(nothing to model)",
-         1},
+         "(nothing to model)", 1},
         {"n,y,a,b\nr1,1,2,0\n", {"--y", "y"}, "{d}d.csv: 1 observation; a PLS model needs at least 2", 1},
         {good, {"--responses", "{d}y3.csv"}, "{d}y3.csv: 3 observations, but {d}d.csv has 12", 1},
         {good, {"--responses", "{d}renamed.csv"},
          "{d}renamed.csv: row 3: observation \"oX\", but {d}d.csv has \"o2\" in row 3", 1},
     };
+    std::string renamed = "obs,q\n";
+    for (int i = 1; i <= 12; ++i)
+        renamed += (i == 2 ? std::string("oX") : "o" + std::to_string(i)) + "," + std::to_string(i % 5) + "\n";
     for (const Case& c : cases) {
         TempDir dir;
-        const std::string folder = dir.File("");
-        auto fill = [&](std::string s) {
-            for (std::size_t at; (at = s.find("{d}")) != std::string::npos;)
-                s.replace(at, 3, folder);
-            return s;
-        };
         WriteFile(dir.File("d.csv"), c.csv);
         WriteFile(dir.File("y3.csv"), "obs,q\no1,1\no2,2\no3,3\n");
-        std::string renamed = "obs,q\n";
-        for (int i = 1; i <= 12; ++i)
-            renamed += (i == 2 ? std::string("oX") : "o" + std::to_string(i)) + "," + std::to_string(i % 5) + "\n";
         WriteFile(dir.File("renamed.csv"), renamed);
-        std::vector<std::string> args{"pls", dir.File("d.csv"), "--fitted", dir.File("f.csv"), "--save",
-                                      dir.File("m.bin")};
-        for (const std::string& a : c.args)
-            args.push_back(fill(a));
-        const RunResult r = RunTool(dir, args);
-        EXPECT_EQ(r.exitCode, c.code) << c.message;
-        EXPECT_EQ(r.err, "veltan: " + fill(c.message) + "\n");
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(dir.Entries(), (std::set<std::string>{"d.csv", "y3.csv", "renamed.csv"})) << c.message;
+        std::vector<std::string> args{"pls", "{d}d.csv", "--fitted", "{d}f.csv", "--save", "{d}m.bin"};
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        ExpectRefusal(dir, args, c.message, c.code);
     }
 }
 
@@ -320,16 +312,13 @@ TEST(VeltanPredict, TellsPlsModelsFromPcaModelsAndRefusesMisfits)
     TempDir dir;
     WriteFile(dir.File("d.csv"), LatentTable(30, 4, 5));
     ASSERT_EQ(RunTool(dir, {"pls", dir.File("d.csv"), "--y", "y1", "--y", "y2", "--log", "v2", "--log", "y1", "--save",
-                            dir.File("pls.bin"), "--fitted", dir.File("f.csv")})
-                  .exitCode,
-              0);
+                            dir.File("pls.bin"), "--fitted", dir.File("f.csv")}).exitCode, 0);
     ASSERT_EQ(RunTool(dir, {"pca", dir.File("d.csv"), "--save", dir.File("pca.bin")}).exitCode, 0);
 
     // Log-transformed X and response: predictions come back in the
     // response's own units, as the fitted values do.
     nlohmann::json doc = RunJson(dir, {"predict", dir.File("pls.bin"), dir.File("d.csv"), "--json"});
-    EXPECT_EQ(doc["model_type"], "pls");
-    EXPECT_EQ(doc["responses"], (std::vector<std::string>{"y1", "y2"}));
+    ExpectFields(doc, {{"model_type", "pls"}, {"responses", {"y1", "y2"}}});
     const Csv fitted = ParseCsv(ReadFile(dir.File("f.csv")));
     ASSERT_EQ(doc["predictions"].size(), 30u);
     for (std::size_t i = 0; i < 30; ++i)
@@ -339,7 +328,7 @@ TEST(VeltanPredict, TellsPlsModelsFromPcaModelsAndRefusesMisfits)
     EXPECT_FALSE(doc.contains("model_type"));
 
     WriteFile(dir.File("gap.csv"), "obs,v1,v2,v3,v4\no1,10,10,,10\no2,,,,10\n");
-    RunResult r = RunTool(dir, {"predict", dir.File("pls.bin"), dir.File("gap.csv")});
+    const RunResult r = RunTool(dir, {"predict", dir.File("pls.bin"), dir.File("gap.csv")});
     ASSERT_EQ(r.exitCode, 0) << r.err;
     const Csv gap = ParseCsv(r.out);
     EXPECT_FALSE(std::isnan(gap.rows[0][0]));
@@ -349,34 +338,20 @@ TEST(VeltanPredict, TellsPlsModelsFromPcaModelsAndRefusesMisfits)
     WriteFile(dir.File("extra.csv"), "obs,v1,v2,v3,v4,w\no1,1,2,3,4,5\n");
     const std::string model = ReadFile(dir.File("pls.bin"));
     WriteFile(dir.File("cut.bin"), model.substr(0, model.size() - 40));
-    struct Case {
-        std::vector<std::string> args;
-        std::string message;
-        int code;
-    };
+    struct Case { std::vector<std::string> args; std::string message; int code; };
     const std::vector<Case> cases{
-        {{"pls.bin", "narrow.csv"}, "narrow.csv: no variable \"v3\", which the model {d}pls.bin has as X variable 3",
-         1},
-        {{"pls.bin", "extra.csv"}, "extra.csv: column 6 (\"w\"): not a variable of the model {d}pls.bin", 1},
-        {{"cut.bin", "d.csv"}, "cut.bin: the model file is damaged or incomplete", 1},
-        {{"pca.bin", "d.csv", "--predictions", "{d}p.csv"},
+        {{"{d}pls.bin", "{d}narrow.csv"},
+         "{d}narrow.csv: no variable \"v3\", which the model {d}pls.bin has as X variable 3", 1},
+        {{"{d}pls.bin", "{d}extra.csv"}, "{d}extra.csv: column 6 (\"w\"): not a variable of the model {d}pls.bin", 1},
+        {{"{d}cut.bin", "{d}d.csv"}, "{d}cut.bin: the model file is damaged or incomplete", 1},
+        {{"{d}pca.bin", "{d}d.csv", "--predictions", "{d}p.csv"},
          "--predictions: {d}pca.bin is a PCA model, which predicts no responses", 2},
     };
     for (const Case& c : cases) {
         std::vector<std::string> args{"predict"};
-        for (const std::string& a : c.args)
-            args.push_back(a[0] == '-' ? a : dir.File(a.substr(a[0] == '{' ? 3 : 0)));
-        args.push_back("--scores");
-        args.push_back(dir.File("s.csv"));
-        r = RunTool(dir, args);
-        EXPECT_EQ(r.exitCode, c.code) << c.message;
-        std::string message = c.message;
-        for (std::size_t at; (at = message.find("{d}")) != std::string::npos;)
-            message.replace(at, 3, dir.File(""));
-        const bool option = message[0] == '-';
-        EXPECT_EQ(r.err, "veltan: " + (option ? "" : dir.File("")) + message + "\n");
-        EXPECT_FALSE(fs::exists(dir.File("s.csv")));
-        EXPECT_FALSE(fs::exists(dir.File("p.csv")));
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        args.insert(args.end(), {"--scores", "{d}s.csv"});
+        ExpectRefusal(dir, args, c.message, c.code);
     }
 }
 
@@ -387,7 +362,7 @@ TEST(VeltanPls, UsageErrorsAndInterrupt)
              {"pls", "--y-scale", "log"}, {"pls", "--permutations", "0"}, {"pls", "--seed", "x"}}) {
         const RunResult r = RunTool(dir, args);
         EXPECT_EQ(r.exitCode, 2) << args.back();
-        EXPECT_NE(r.err.find("--help"), std::string::npos) << r.err;
+        EXPECT_THAT(r.err, HasSubstr("--help"));
     }
     RunResult r = RunTool(dir, {"pls", "--y", "Alcohol"});
     EXPECT_EQ(r.exitCode, 0) << r.err;
