@@ -59,10 +59,18 @@ void ExpectMatchesReference(const V& v, const R& r)
     double q1 = 0, med = 0, q3 = 0;
     EXPECT_TRUE(v.GetInterquartiles(q1, med, q3));
     // Sum of squares about the mean is the variance times the degrees of freedom.
-    ExpectNear({{"sum", v.GetSum(), r.sum, tol * 100}, {"mean", v.GetMean(), r.mean, tol}, {"variance", v.GetVariance(), r.var, tol},
-                {"sd", v.GetStdDev(), r.sd, tol}, {"median", v.GetMedian(), r.median, tol}, {"skewness", v.GetSkewness(), r.skew, 1e-8},
-                {"kurtosis", v.GetKurtosis(), r.kurt, 1e-8}, {"q1", q1, r.q1, tol}, {"q2", med, r.median, tol}, {"q3", q3, r.q3, tol},
-                {"iqr", v.GetInterquartileRange(), r.q3 - r.q1, tol}, {"ss", v.GetSS(v.GetMean()), r.var * (r.valid - 1), 1e-7}});
+    ExpectNear({{"sum", v.GetSum(), r.sum, tol * 100},
+                {"mean", v.GetMean(), r.mean, tol},
+                {"variance", v.GetVariance(), r.var, tol},
+                {"sd", v.GetStdDev(), r.sd, tol},
+                {"median", v.GetMedian(), r.median, tol},
+                {"skewness", v.GetSkewness(), r.skew, 1e-8},
+                {"kurtosis", v.GetKurtosis(), r.kurt, 1e-8},
+                {"q1", q1, r.q1, tol},
+                {"q2", med, r.median, tol},
+                {"q3", q3, r.q3, tol},
+                {"iqr", v.GetInterquartileRange(), r.q3 - r.q1, tol},
+                {"ss", v.GetSS(v.GetMean()), r.var * (r.valid - 1), 1e-7}});
     typename V::value_type lo{}, hi{};
     v.GetMinMax(lo, hi);
     EXPECT_DOUBLE_EQ(lo, r.min);
@@ -76,10 +84,15 @@ void ExpectPairMatches(const NCDataVector<T>& a, const NCDataVector<T>& b, const
     const double tol = 1e-6;
     double intercept = 0, slope = 0;
     a.LeastSquare(b, intercept, slope);
-    ExpectNear({{"covariance", a.Covariance(b), r.cov, tol}, {"correlation", a.Correlation_Mean(b), r.corr, tol},
-                {"correlation about 0", a.Correlation_Zero(b), r.corr0, tol}, {"regress", a.Regress(b), r.regress, tol},
-                {"nipals", a.SpecialNipalsRegressFix(b), r.nipals, tol}, {"distance", a.Distance(b), r.distance, tol * 10},
-                {"difference", a.Difference(b), r.difference, tol}, {"slope", slope, r.slope, tol}, {"intercept", intercept, r.intercept, tol}});
+    ExpectNear({{"covariance", a.Covariance(b), r.cov, tol},
+                {"correlation", a.Correlation_Mean(b), r.corr, tol},
+                {"correlation about 0", a.Correlation_Zero(b), r.corr0, tol},
+                {"regress", a.Regress(b), r.regress, tol},
+                {"nipals", a.SpecialNipalsRegressFix(b), r.nipals, tol},
+                {"distance", a.Distance(b), r.distance, tol * 10},
+                {"difference", a.Difference(b), r.difference, tol},
+                {"slope", slope, r.slope, tol},
+                {"intercept", intercept, r.intercept, tol}});
 }
 
 TYPED_TEST(VectorStats, AgreeWithNumpyAndScipy)
@@ -117,7 +130,8 @@ TYPED_TEST(VectorStats, UndefinedAndDegenerateSeries)
     }
     // One valid value has zero variance but no standard deviation.
     const auto one = Vec<TypeParam>({-99, 4, -99});
-    EXPECT_EQ((Results{one.GetMean(), one.GetVariance(), one.GetMedian(), double(one.FirstValidValue()), double(one.LastValidValue())}),
+    EXPECT_EQ((Results{one.GetMean(), one.GetVariance(), one.GetMedian(), double(one.FirstValidValue()),
+                       double(one.LastValidValue())}),
               (Results{4, 0, 4, 4, 4}));
     ExpectAllMissing({one.GetStdDev(), one.GetInterquartileRange()});
     // A mean that lands on -99 is nudged; being valid, the variance is taken about it.
@@ -139,9 +153,12 @@ TYPED_TEST(VectorStats, UndefinedAndDegenerateSeries)
 TYPED_TEST(VectorStats, MedianAndQuartilesOnSmallCounts)
 {
     // Values out of order and with gaps, so sorting and skipping both matter.
-    const struct { NCDataVector<TypeParam> v; double q1, median, q3; } cases[] = {
-        {Vec<TypeParam>({5, -99, 1}), 1, 3, 5}, {Vec<TypeParam>({3, 1, -99, 2}), 1, 2, 3}, {Vec<TypeParam>({4, 1, 3, 2}), 1.5, 2.5, 3.5},
-        {Vec<TypeParam>({5, 1, 4, -99, 2, 3}), 1.5, 3, 4.5}, {Vec<TypeParam>({6, 2, 5, 1, 4, 3, 7}), 2, 4, 6}};
+    const struct { NCDataVector<TypeParam> v; double q1, median, q3;
+    } cases[] = {{Vec<TypeParam>({5, -99, 1}), 1, 3, 5},
+                 {Vec<TypeParam>({3, 1, -99, 2}), 1, 2, 3},
+                 {Vec<TypeParam>({4, 1, 3, 2}), 1.5, 2.5, 3.5},
+                 {Vec<TypeParam>({5, 1, 4, -99, 2, 3}), 1.5, 3, 4.5},
+                 {Vec<TypeParam>({6, 2, 5, 1, 4, 3, 7}), 2, 4, 6}};
     for (const auto& c : cases) {
         double q1 = 0, med = 0, q3 = 0;
         ASSERT_TRUE(c.v.GetInterquartiles(q1, med, q3));
@@ -204,14 +221,15 @@ TYPED_TEST(VectorStats, NipalsFloorExclusionAndMissingSlope)
 TYPED_TEST(VectorStats, DifferenceDistanceAndCorrelationAboutZero)
 {
     const NCDataVector<TypeParam> empty, zeros(2, TypeParam(0)), ones(2, TypeParam(1)), twos(2, TypeParam(2));
-    EXPECT_EQ((Results{empty.Difference(empty), zeros.Difference(ones), ones.Difference(ones)}), (Results{1e30, 1e30, 0}));
+    EXPECT_EQ((Results{empty.Difference(empty), zeros.Difference(ones), ones.Difference(ones)}),
+              (Results{1e30, 1e30, 0}));
     EXPECT_DOUBLE_EQ(twos.Difference(ones), 0.25);
     // Distance over pairs complete on both sides.
     const auto b = Vec<TypeParam>({4, 0, 9});
     EXPECT_DOUBLE_EQ(Vec<TypeParam>({1, 4, -99}).Distance(b), 5.0);
     const NCDataVector<TypeParam> withInf{TypeParam(1), std::numeric_limits<TypeParam>::infinity()};
-    ExpectAllMissing({withInf.Difference(ones), withInf.Distance(ones), NCDataVector<TypeParam>(3, TypeParam(-99)).Distance(b),
-                      empty.Distance(empty)});
+    ExpectAllMissing({withInf.Difference(ones), withInf.Distance(ones),
+                      NCDataVector<TypeParam>(3, TypeParam(-99)).Distance(b), empty.Distance(empty)});
     // Correlation about zero is clamped, and falls back to the cross product
     // when the sums of squares multiply to below 1e-30.
     const auto a = Vec<TypeParam>({1, 2}), a2 = Vec<TypeParam>({2, 4});

@@ -50,7 +50,10 @@ T RandomValue(std::mt19937& rng)
 {
     // Missing often enough to matter, and a value pair that sums to -99.
     const int kind = std::uniform_int_distribution<int>(0, 5)(rng);
-    return kind < 3 ? T(kind == 0 ? -99 : kind == 1 ? -100 : 1) : static_cast<T>(std::uniform_real_distribution<double>(-5, 5)(rng));
+    return kind < 3 ? T(kind == 0   ? -99
+                        : kind == 1 ? -100
+                                    : 1)
+                    : static_cast<T>(std::uniform_real_distribution<double>(-5, 5)(rng));
 }
 
 template <class T>
@@ -78,39 +81,90 @@ std::vector<Mutation<T>> AllMutations()
     auto other = [](R& rng, int n) { return RandomVector<T>(rng, n); };
     double a = 0, b = 0;
     return {
-        {"operator()", [=](V& v, R& r) { if (!v.empty()) v(pos(r, v.Size()), val(r)); }},
-        {"SetAndReturn_dMisVal", [=](V& v, R& r) { if (!v.empty()) v.SetAndReturn_dMisVal(pos(r, v.Size()), val(r)); }},
-        {"SetSize", [=](V& v, R& r) { v.SetSize(size(r)); }}, {"Resize", [=](V& v, R& r) { v.Resize(size(r), val(r)); }},
+        {"operator()",
+         [=](V& v, R& r) {
+             if (!v.empty())
+                 v(pos(r, v.Size()), val(r));
+         }},
+        {"SetAndReturn_dMisVal",
+         [=](V& v, R& r) {
+             if (!v.empty())
+                 v.SetAndReturn_dMisVal(pos(r, v.Size()), val(r));
+         }},
+        {"SetSize", [=](V& v, R& r) { v.SetSize(size(r)); }},
+        {"Resize", [=](V& v, R& r) { v.Resize(size(r), val(r)); }},
         {"push_back", [=](V& v, R& r) { v.push_back(val(r)); }},
         {"InsertValues(vector)", [=](V& v, R& r) { v.InsertValues(pos(r, v.Size() + 1), other(r, 3)); }},
         {"InsertValues(self)", [=](V& v, R&) { v.InsertValues(1, v); }},
         {"InsertValues(count)", [=](V& v, R& r) { v.InsertValues(pos(r, v.Size() + 1), 2, val(r)); }},
-        {"RemoveValues", [=](V& v, R& r) { const int at = pos(r, v.Size()); if (v.Size() >= 2) v.RemoveValues(at, std::min(v.Size(), at + 2)); }},
-        {"Remove(value)", [=](V& v, R& r) { v.Remove(val(r)); }}, {"Remove(list)", [=](V& v, R& r) { v.Remove(List{pos(r, v.Size()), 1, 99}); }},
-        {"Reduce", [=](V& v, R& r) { if (!v.empty()) v.Reduce(List{pos(r, v.Size()), pos(r, v.Size()), 1}); }},
-        {"CopyZeroBasedVector", [=](V& v, R& r) { const T p[] = {val(r), val(r), val(r)}; v.CopyZeroBasedVector(p, 3); }},
-        {"CopyContent", [=](V& v, R& r) { v.CopyContent(other(r, 7)); }}, {"SetAllValues", [=](V& v, R& r) { v.SetAllValues(val(r)); }},
-        {"SetRange(vector)", [=](V& v, R& r) { if (v.Size() >= 2) v.SetRange(v.Size() - 1, other(r, 4), 2, 3); }},
-        {"SetRange(self)", [=](V& v, R&) { if (v.Size() >= 3) v.SetRange(2, v, 1, 2); }},
-        {"Add", [=](V& v, R& r) { v.Add(other(r, v.Size())); }}, {"Subtract", [=](V& v, R& r) { v.Subtract(other(r, v.Size())); }},
-        {"Add(self)", [=](V& v, R&) { v.Add(v); }}, {"+=d", [=](V& v, R& r) { v += static_cast<double>(val(r)); }},
-        {"-=d", [=](V& v, R&) { v -= 1.0; }}, {"*=d", [=](V& v, R&) { v *= -99.0; }}, {"/=d", [=](V& v, R&) { v /= -1.0; }},
+        {"RemoveValues",
+         [=](V& v, R& r) {
+             const int at = pos(r, v.Size());
+             if (v.Size() >= 2)
+                 v.RemoveValues(at, std::min(v.Size(), at + 2));
+         }},
+        {"Remove(value)", [=](V& v, R& r) { v.Remove(val(r)); }},
+        {"Remove(list)",
+         [=](V& v, R& r) {
+             v.Remove(List{pos(r, v.Size()), 1, 99});
+         }},
+        {"Reduce",
+         [=](V& v, R& r) {
+             if (!v.empty())
+                 v.Reduce(List{pos(r, v.Size()), pos(r, v.Size()), 1});
+         }},
+        {"CopyZeroBasedVector",
+         [=](V& v, R& r) {
+             const T p[] = {val(r), val(r), val(r)};
+             v.CopyZeroBasedVector(p, 3);
+         }},
+        {"CopyContent", [=](V& v, R& r) { v.CopyContent(other(r, 7)); }},
+        {"SetAllValues", [=](V& v, R& r) { v.SetAllValues(val(r)); }},
+        {"SetRange(vector)",
+         [=](V& v, R& r) {
+             if (v.Size() >= 2)
+                 v.SetRange(v.Size() - 1, other(r, 4), 2, 3);
+         }},
+        {"SetRange(self)",
+         [=](V& v, R&) {
+             if (v.Size() >= 3)
+                 v.SetRange(2, v, 1, 2);
+         }},
+        {"Add", [=](V& v, R& r) { v.Add(other(r, v.Size())); }},
+        {"Subtract", [=](V& v, R& r) { v.Subtract(other(r, v.Size())); }},
+        {"Add(self)", [=](V& v, R&) { v.Add(v); }},
+        {"+=d", [=](V& v, R& r) { v += static_cast<double>(val(r)); }},
+        {"-=d", [=](V& v, R&) { v -= 1.0; }},
+        {"*=d", [=](V& v, R&) { v *= -99.0; }},
+        {"/=d", [=](V& v, R&) { v /= -1.0; }},
         {"DotMultiplication", [=](V& v, R& r) { v.DotMultiplication(other(r, v.Size())); }},
-        {"DotDivide", [=](V& v, R& r) { v.DotDivide(other(r, v.Size())); }}, {"VectorDivide", [=](V& v, R&) { v.VectorDivide(99.0); }},
+        {"DotDivide", [=](V& v, R& r) { v.DotDivide(other(r, v.Size())); }},
+        {"VectorDivide", [=](V& v, R&) { v.VectorDivide(99.0); }},
         {"TransformTo_Add_d_x_Vt", [=](V& v, R& r) { v.TransformTo_Add_d_x_Vt(2.0, other(r, v.Size())); }},
         {"TransformTo_Sub_d_x_Vt", [=](V& v, R& r) { v.TransformTo_Sub_d_x_Vt(-1.0, other(r, v.Size())); }},
-        {"Abs", [=](V& v, R&) { v.Abs(); v *= -1.0; }}, {"Sqrt", [=](V& v, R&) { v.Sqrt(); }},
-        {"Normalize", [=](V& v, R&) { v.Normalize(); }}, {"SNV", [=](V& v, R&) { v.SNV(); }},
-        {"DetrendMean", [=](V& v, R&) mutable { v.DetrendMean(a); }}, {"DetrendLinear", [=](V& v, R&) mutable { v.DetrendLinear(a, b); }},
+        {"Abs",
+         [=](V& v, R&) {
+             v.Abs();
+             v *= -1.0;
+         }},
+        {"Sqrt", [=](V& v, R&) { v.Sqrt(); }},
+        {"Normalize", [=](V& v, R&) { v.Normalize(); }},
+        {"SNV", [=](V& v, R&) { v.SNV(); }},
+        {"DetrendMean", [=](V& v, R&) mutable { v.DetrendMean(a); }},
+        {"DetrendLinear", [=](V& v, R&) mutable { v.DetrendLinear(a, b); }},
         {"Lag", [=](V& v, R& r) { v.Lag(std::uniform_int_distribution<int>(-3, 3)(r)); }},
         {"InterpolateMisVals", [=](V& v, R&) { v.InterpolateMisVals(nullptr); }},
-        {"InterpolateMisVals(x)", [=](V& v, R& r) {
+        {"InterpolateMisVals(x)",
+         [=](V& v, R& r) {
              V x(v.Size());
              for (int i = 1; i <= v.Size(); ++i)
                  x(i, static_cast<T>(i * i));
-             if (v.Size() > 1) x(pos(r, v.Size()), T(M));
-             v.InterpolateMisVals(&x); }},
-        {"operator=", [=](V& v, R& r) { v = other(r, 5); }}, {"Clear", [=](V& v, R&) { v.Clear(); }},
+             if (v.Size() > 1)
+                 x(pos(r, v.Size()), T(M));
+             v.InterpolateMisVals(&x);
+         }},
+        {"operator=", [=](V& v, R& r) { v = other(r, 5); }},
+        {"Clear", [=](V& v, R&) { v.Clear(); }},
         {"Reserve", [=](V& v, R&) { v.Reserve(v.Size() + 50); }},
     };
 }
@@ -128,13 +182,17 @@ TYPED_TEST(VectorTest, RandomMutationsKeepCountExactAndCopiesIsolated)
             const NCDataVector<TypeParam> before(v);
             const std::vector<TypeParam> snapshot = Values(v);
             const int beforeMissing = v.GetNumMisVal();
-            const auto& [name, mutate] = mutations[std::uniform_int_distribution<std::size_t>(0, mutations.size() - 1)(rng)];
+            const auto& [name, mutate] =
+                mutations[std::uniform_int_distribution<std::size_t>(0, mutations.size() - 1)(rng)];
             mutate(v, rng);
-            ASSERT_EQ(v.GetNumMisVal(), std::count(v.begin(), v.end(), TypeParam(M))) << name << " at run " << run << " step " << step;
+            ASSERT_EQ(v.GetNumMisVal(), std::count(v.begin(), v.end(), TypeParam(M)))
+                << name << " at run " << run << " step " << step;
             ASSERT_TRUE(Aligned(v)) << name;
             // Bitwise comparison: NaN may appear after chains of operations.
             const std::vector<TypeParam> after = Values(before);
-            ASSERT_TRUE(after.size() == snapshot.size() && (after.empty() || std::memcmp(after.data(), snapshot.data(), after.size() * sizeof(TypeParam)) == 0))
+            ASSERT_TRUE(
+                after.size() == snapshot.size() &&
+                (after.empty() || std::memcmp(after.data(), snapshot.data(), after.size() * sizeof(TypeParam)) == 0))
                 << name;
             ASSERT_EQ(before.GetNumMisVal(), beforeMissing) << name;
             if (v.Size() > 60)
@@ -158,7 +216,8 @@ TYPED_TEST(VectorTest, ConstructionSharingAndComparison)
     const V list{TypeParam(1), TypeParam(M), TypeParam(3)};
     EXPECT_TRUE(Holds(list, {1, -99, 3}));
     EXPECT_TRUE(list.Size() == 3 && list.GetNumValidValues() == 2);
-    EXPECT_EQ((std::vector<TypeParam>{list.front(), list.back(), list.GetVector()[3]}), (std::vector<TypeParam>{1, 3, 3}));
+    EXPECT_EQ((std::vector<TypeParam>{list.front(), list.back(), list.GetVector()[3]}),
+              (std::vector<TypeParam>{1, 3, 3}));
     // Comparison is elementwise and needs equal sizes.
     const V twoValues = Vec<TypeParam>({1, 2});
     EXPECT_TRUE(twoValues == Vec<TypeParam>({1, 2}) && V() == V(0));
@@ -322,7 +381,8 @@ TYPED_TEST(VectorTest, LowerBoundWithMissingLast)
         {down, 3, false, 1}, {down, 2, false, 2}, {down, -5, false, 3}, {down, M, false, 3}};
     for (const auto& c : cases) {
         const TypeParam* first = c.range.data();
-        const auto found = NCDataVector<TypeParam>::lower_bound_missing_last(first, first + c.range.size(), c.value, c.ascending);
+        const auto found =
+            NCDataVector<TypeParam>::lower_bound_missing_last(first, first + c.range.size(), c.value, c.ascending);
         EXPECT_EQ(found - first, c.at) << c.value << (c.ascending ? " ascending" : " descending");
     }
 }

@@ -91,7 +91,11 @@ TEST(Matrix, CopiesOnOtherThreads)
     std::vector<Matrix> copies(4, source);
     std::vector<std::thread> threads;
     for (int k = 0; k < 4; ++k)
-        threads.emplace_back([&copies, k] { for (int i = 1; i <= 64; ++i) copies[k](i, 1 + k, M); copies[k](1) *= 2.0; });
+        threads.emplace_back([&copies, k] {
+            for (int i = 1; i <= 64; ++i)
+                copies[k](i, 1 + k, M);
+            copies[k](1) *= 2.0;
+        });
     for (auto& t : threads)
         t.join();
     EXPECT_EQ(source.GetNumMisVal(), 0);
@@ -145,7 +149,13 @@ TEST(Matrix, RandomOperationSequencesKeepCountsExact)
         case 11: if (r < 10) m.InsertRows(1, 2, value()); break;
         case 12: if (c < 8) m.InsertColumns(c + 1, 1, value()); break;
         case 13: m.AddVprimV(vec(r), vec(c), -0.5); break;
-        case 14: { Matrix copy(m); copy(row(), col(), M); m.ConcatRows(copy.SubMat(1, 1, 1, c)); if (m.SizeRows() > 12) m.RemoveRows(1, 2); } break;
+        case 14: {
+            Matrix copy(m);
+            copy(row(), col(), M);
+            m.ConcatRows(copy.SubMat(1, 1, 1, c));
+            if (m.SizeRows() > 12)
+                m.RemoveRows(1, 2);
+        } break;
         case 15: { IndexList order; for (int j = c; j >= 1; --j) order.push_back(j); m.RearrangeColumns(order); } break;
         }
         ExpectCountsExact(m);
@@ -196,10 +206,14 @@ TEST(Matrix, StructuralEditsAndBadIndices)
     ExpectCountsExact(a);
     Matrix sq(2, 2);
     const std::pair<std::string, std::function<void()>> bad[] = {
-        {"GetColumn", [&] { sq.GetColumn(3); }}, {"SetColumn", [&] { sq.SetColumn(1, Vector(3)); }},
-        {"SetRow", [&] { sq.SetRow(1, Vector(3)); }}, {"InsertRow", [&] { sq.InsertRow(4, Vector(2)); }},
-        {"InsertRow", [&] { sq.push_back(Vector(1)); }}, {"RemoveRows", [&] { sq.RemoveRows(2, 3); }},
-        {"RemoveColumns", [&] { sq.RemoveColumns(IndexList{0}); }}, {"RearrangeColumns", [&] { sq.RearrangeColumns(IndexList{3}); }},
+        {"GetColumn", [&] { sq.GetColumn(3); }},
+        {"SetColumn", [&] { sq.SetColumn(1, Vector(3)); }},
+        {"SetRow", [&] { sq.SetRow(1, Vector(3)); }},
+        {"InsertRow", [&] { sq.InsertRow(4, Vector(2)); }},
+        {"InsertRow", [&] { sq.push_back(Vector(1)); }},
+        {"RemoveRows", [&] { sq.RemoveRows(2, 3); }},
+        {"RemoveColumns", [&] { sq.RemoveColumns(IndexList{0}); }},
+        {"RearrangeColumns", [&] { sq.RearrangeColumns(IndexList{3}); }},
         {"SubMat", [&] { sq.SubMat(1, 3, 1, 1); }}};
     for (const auto& [member, call] : bad)
         ExpectInternalError(call, member);
@@ -221,8 +235,8 @@ TEST(Matrix, StatisticsAndDensity)
     EXPECT_DOUBLE_EQ(m.GetSSAroundColumnMeans(), 14.0);
     // Undefined: a column with one value, all cells missing, equal limits, a constant column.
     const Matrix allMissing(2, 2, M);
-    EXPECT_EQ((std::vector<double>{m.GetColumnStdDev(2), allMissing.GetSS(), allMissing.GetMean(), m.GetColumnCp(1, 5.0, 5.0),
-                                   m.GetColumnCpk(3, 0.0, 5.0)}),
+    EXPECT_EQ((std::vector<double>{m.GetColumnStdDev(2), allMissing.GetSS(), allMissing.GetMean(),
+                                   m.GetColumnCp(1, 5.0, 5.0), m.GetColumnCpk(3, 0.0, 5.0)}),
               std::vector<double>(5, -99.0));
     // Capability: s = sqrt(7) for column 1, mean 3.
     const double s = std::sqrt(7.0);

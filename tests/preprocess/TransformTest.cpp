@@ -75,13 +75,15 @@ TEST(Transform, ForwardThenBackReturnsTheInputOverEachDomain)
             ASSERT_EQ(m[i][1], original[i][1]);
             // Against the formula in double, and bit for bit against the one-value form.
             if (!IsMisVal(x)) {
-                ASSERT_NEAR(m[i][2], c.reference(x), 2e-7 * std::fabs(c.reference(x)) + 1e-30) << c.t.ToString(true) << x;
+                ASSERT_NEAR(m[i][2], c.reference(x), 2e-7 * std::fabs(c.reference(x)) + 1e-30)
+                    << c.t.ToString(true) << x;
             }
             ASSERT_EQ(m[i][2], IsMisVal(x) ? M : Transformed(c.t, x));
         }
         EXPECT_EQ(c.t.BackTransformColumn(&m, 2), nullptr);
         for (int i = 1; i <= m.SizeRows(); ++i)
-            ASSERT_NEAR(m[i][2], original[i][2], 2e-5 * std::max(1.0f, std::fabs(original[i][2]))) << c.t.ToString(true);
+            ASSERT_NEAR(m[i][2], original[i][2], 2e-5 * std::max(1.0f, std::fabs(original[i][2])))
+                << c.t.ToString(true);
         ExpectCountsExact(m);
     }
 }
@@ -121,7 +123,8 @@ TEST(Transform, CellsOutsideTheDomainBecomeMissingWithCode2)
     };
     for (const Case& c : cases) {
         float v = c.in;
-        EXPECT_EQ(c.forward ? c.t.TransformValue(&v) : c.t.BackTransformValue(&v), c.code) << c.t.ToString(true) << " " << c.in;
+        EXPECT_EQ(c.forward ? c.t.TransformValue(&v) : c.t.BackTransformValue(&v), c.code)
+            << c.t.ToString(true) << " " << c.in;
         EXPECT_TRUE(std::isnan(c.out) ? std::isnan(v) : v == c.out) << c.t.ToString(true) << " " << c.in << " -> " << v;
         // The column form agrees, records the failure and keeps the counts.
         Matrix m(3, 1, M);
@@ -210,7 +213,8 @@ TEST(Transform, MatricesAgreeWithTheOneValueFormAndBreakByColumn)
     // exactly: C1 x + C2 = 0 at x = 1/3, failing below it in column 1 and
     // above it in column 2.
     NCTransform ends(3);
-    ends[1] = TransformStruct(T::Log, 3, -1), ends[2] = TransformStruct(T::NegLog, -3, 1), ends[3] = TransformStruct(T::Log);
+    ends[1] = TransformStruct(T::Log, 3, -1), ends[2] = TransformStruct(T::NegLog, -3, 1),
+    ends[3] = TransformStruct(T::Log);
     m = Matrix(64, 3);
     float third = 1.0f / 3.0f;
     for (int d = 0; d < 32; ++d)
@@ -293,7 +297,8 @@ TEST(Transform, ErrorListAndItsMessage)
     errors.AddError(101, 4, D, true);
     const ExceptionMessageList list = errors.GetErrorMessage();
     ASSERT_EQ(list.messages().size(), 303u);
-    EXPECT_EQ(list.messages().back().context(), "At the end of a list of errors. {1} is the number of errors that we don't list");
+    EXPECT_EQ(list.messages().back().context(),
+              "At the end of a list of errors. {1} is the number of errors that we don't list");
     EXPECT_EQ(list.messages().back().str(), "\n(1 more errors)\n");
 
     errors.AppendErrors(errors);
