@@ -169,6 +169,10 @@ template <class T, int Missing>
 void NCIntegralVector<T, Missing>::ForceUnlink()
 {
     NCSharedBlock* const old = m_block;
+    // A vector without storage shares nothing. (Saying so also keeps GCC's
+    // -O3 overflow analysis from following the null block into the atomics.)
+    if (!old)
+        return;
     NCSharedBlockLock lock(old);
     if (old->refCount.load(std::memory_order_relaxed) == 1)
         return; // the other copies let go in the meantime
