@@ -9,6 +9,7 @@
 
 #include "containers/MatrixChecks.h"
 #include "models/ModelData.h"
+#include "platform/Caught.h"
 
 #include <gtest/gtest.h>
 
@@ -26,17 +27,6 @@ NCPCA FitComponents(const NCDataMatrix<float>& x, int components, int maxIterati
         pca.CalculateResiduals();
     }
     return pca;
-}
-
-template <class E, class F>
-std::optional<E> Caught(F f)
-{
-    try {
-        f();
-    } catch (const E& e) {
-        return e;
-    }
-    return std::nullopt;
 }
 
 } // namespace

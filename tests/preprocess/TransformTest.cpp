@@ -3,6 +3,7 @@
 #include "veltancmat/preprocess/NCTransform.h"
 
 #include "containers/MatrixChecks.h"
+#include "platform/Caught.h"
 
 #include <gtest/gtest.h>
 #include <omp.h>
@@ -41,17 +42,6 @@ float Transformed(const TransformStruct& t, float v, bool forward = true)
 {
     forward ? t.TransformValue(&v) : t.BackTransformValue(&v);
     return v;
-}
-
-template <class E, class F>
-std::optional<E> Caught(F f)
-{
-    try {
-        f();
-    } catch (const E& e) {
-        return e;
-    }
-    return std::nullopt;
 }
 
 TEST(Transform, ForwardThenBackReturnsTheInputOverEachDomain)
