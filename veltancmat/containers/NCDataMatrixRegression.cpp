@@ -242,9 +242,9 @@ struct ShortRows {
         for (int i = 1; i <= rows.count; ++i) {
             const NCDataVector<T>& row = rows[i];
             const T* x = row.GetVector();
-            // Odd and even columns go to separate sums: a single double sum
-            // is a chain of dependent additions, and with up to fifteen
-            // of them per row its latency, not the reading, set the pace.
+            // Odd and even columns go to separate sums, which halves the
+            // chain of dependent double additions a row waits for (up to
+            // fifteen with one sum).
             double even = 0.0, odd = 0.0, d = pp;
             int pairs = presentInP;
             if (row.HasNoMissingValues()) {
