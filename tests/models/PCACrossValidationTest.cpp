@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,12 @@ using S = SignificanceE;
 
 // Fits and validates `components` components the way a host does.
 struct Validated {
-    Validated(const NCDataMatrix<float>& x, int groups) : pca(&x, 500), cv(&pca, groups, nullptr, nullptr) {}
+    Validated(const NCDataMatrix<float>& x, int groups, int components = 0)
+        : pca(&x, 500), cv(&pca, groups, nullptr, nullptr)
+    {
+        for (int a = 1; a <= components; ++a)
+            Next();
+    }
     void Next(NCProgress* progress = nullptr)
     {
         pca.NextComponent(progress, nullptr, 0, nullptr);
@@ -35,108 +41,85 @@ struct Validated {
     std::vector<float> q2, q2Cum;
 };
 
-NCDataVector<float> Filled(int k, float value)
+// k values: the first `count` are `high`, the rest `rest`.
+NCDataVector<float> Filled(int k, float rest, int count = 0, float high = 0.0f)
 {
-    return NCDataVector<float>(k, value);
+    NCDataVector<float> v(k, rest);
+    for (int j = 1; j <= count; ++j)
+        v(j, high);
+    return v;
 }
+
+// One call of the rule (tolerance 0.05) with the previous verdict before and after it.
+struct Verdict {
+    S::Significance previous;
+    bool centred;
+    int component, n, k;
+    float r2;
+    NCDataVector<float> r2Variables;
+    float eigenvalue, previousEigenvalue, q2;
+    NCDataVector<float> q2Variables;
+    float q2Limit;
+    int earlier;
+    S::Significance expected, previousAfter;
+};
 
 } // namespace
 
 TEST(Significance, NamesAndSignificantCodes)
 {
     const char* names[] = {"R1", "R2", "R5", "NS", "N3", "N4", "U", "NA", "RB1", "RB2", "NB1"};
-    for (int s = 0; s < S::Count; ++s)
+    const std::vector<int> significant = {0, 1, 2, 8, 9};
+    for (int s = 0; s < S::Count; ++s) {
         EXPECT_EQ(S::GetSignificance(static_cast<S::Significance>(s)), names[s]);
+        const bool listed = std::find(significant.begin(), significant.end(), s) != significant.end();
+        EXPECT_EQ(S::IsSignificant(static_cast<S::Significance>(s)), listed) << names[s];
+    }
     EXPECT_EQ(S::GetSignificance(static_cast<S::Significance>(11)), "");
-    std::vector<int> significant;
-    for (int s = 0; s < S::Count; ++s)
-        if (S::IsSignificant(static_cast<S::Significance>(s)))
-            significant.push_back(s);
-    EXPECT_EQ(significant, (std::vector<int>{0, 1, 2, 8, 9}));
 }
 
+// Each branch of the rule; only a pending (U) previous verdict is ever rewritten.
 TEST(Significance, EachBranchOfTheRule)
 {
-    const NCDataVector<float> r2v = Filled(40, 0.05f);
-    S::Significance prev = S::NA;
-    // Q2 above the limit.
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 1, prev, 100, 40, 0.3f, r2v, 12.0f, 0.0f, 0.4f,
-                                     Filled(40, 0.0f), 0.05f, 0),
-              S::R1);
-    // Not significant alone: eigenvalue 1.2 and K = 40 skip the variable
-    // count, and the first such verdict is left undecided.
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 1, prev, 100, 40, 0.03f, r2v, 1.2f, 0.0f, 0.01f,
-                                     Filled(40, 0.9f), 0.05f, 0),
-              S::U);
-    // Following an undecided component it is plainly not significant, and
-    // settles the previous one as not significant too.
-    prev = S::U;
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 2, prev, 100, 40, 0.03f, r2v, 1.2f, 1.3f, 0.01f,
-                                     Filled(40, 0.9f), 0.05f, 0),
-              S::NS);
-    EXPECT_EQ(prev, S::NS);
-    // Near-equal eigenvalues: the next component's R1 confirms it as R5.
-    prev = S::U;
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 2, prev, 100, 40, 0.2f, r2v, 2.95f, 3.00f, 0.3f,
-                                     Filled(40, 0.0f), 0.05f, 0),
-              S::R1);
-    EXPECT_EQ(prev, S::R5);
-    // ...but not when the eigenvalues differ by more than the tolerance.
-    prev = S::U;
-    NCPCA::GetSignificance(0.05f, true, 2, prev, 100, 40, 0.2f, r2v, 2.5f, 3.00f, 0.3f, Filled(40, 0.0f), 0.05f,
-                           0);
-    EXPECT_EQ(prev, S::NS);
-}
-
-TEST(Significance, SizeAndVarianceLimits)
-{
-    S::Significance prev = S::U;
-    const NCDataVector<float> r2v = Filled(10, 0.5f);
-    // N = 6, centred: (6 - 1) / 2 = 2 components at most.
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 3, prev, 6, 10, 0.5f, r2v, 3.0f, 3.0f, 0.9f, r2v, 0.1f, 0), S::N3);
-    EXPECT_EQ(prev, S::NS);
-    prev = S::R1;
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 2, prev, 6, 10, 0.5f, r2v, 3.0f, 3.0f, 0.9f, r2v, 0.1f, 0), S::R1);
-    // Earlier components count against the size; so does K / 2.
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 2, prev, 6, 10, 0.5f, r2v, 3.0f, 3.0f, 0.9f, r2v, 0.1f, 1), S::N3);
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, false, 3, prev, 100, 5, 0.5f, Filled(5, 0.5f), 3.0f, 3.0f, 0.9f,
-                                     Filled(5, 0.5f), 0.1f, 0),
-              S::N3);
-    EXPECT_EQ(prev, S::R1); // only a pending verdict is rewritten
-
-    // Too little variance: R2 under 1 % and no variable above 2 %.
-    prev = S::U;
-    NCDataVector<float> small = Filled(10, 0.01f);
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 2, prev, 100, 10, 0.005f, small, 0.05f, 3.0f, 0.9f, small, 0.1f, 0),
-              S::N4);
-    EXPECT_EQ(prev, S::NS);
-    small(7, 0.03f); // one variable explained well enough goes on to the Q2 test
-    prev = S::NA;
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 1, prev, 100, 10, 0.005f, small, 0.05f, 0.0f, 0.9f, small, 0.1f, 0),
-              S::R1);
-}
-
-// K <= 25 needs sqrt(K) variables over the limit; K > 25 needs a fifth of
-// them, and then only when the eigenvalue exceeds 1.5.
-TEST(Significance, VariableCountThresholds)
-{
-    S::Significance prev = S::NA;
-    NCDataVector<float> q2v = Filled(10, 0.0f);
-    for (int j = 1; j <= 4; ++j)
-        q2v(j, 0.5f);
-    const NCDataVector<float> r2v = Filled(10, 0.2f);
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 1, prev, 100, 10, 0.2f, r2v, 1.0f, 0.0f, 0.0f, q2v, 0.1f, 0), S::R2);
-    q2v(4, 0.0f); // 3 < sqrt(10)
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 1, prev, 100, 10, 0.2f, r2v, 1.0f, 0.0f, 0.0f, q2v, 0.1f, 0), S::U);
-
-    NCDataVector<float> wide = Filled(30, 0.0f);
-    for (int j = 1; j <= 6; ++j)
-        wide(j, 0.5f);
-    const NCDataVector<float> r2w = Filled(30, 0.2f);
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 1, prev, 100, 30, 0.2f, r2w, 2.0f, 0.0f, 0.0f, wide, 0.1f, 0), S::R2);
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 1, prev, 100, 30, 0.2f, r2w, 1.4f, 0.0f, 0.0f, wide, 0.1f, 0), S::U);
-    wide(6, 0.0f);
-    EXPECT_EQ(NCPCA::GetSignificance(0.05f, true, 1, prev, 100, 30, 0.2f, r2w, 2.0f, 0.0f, 0.0f, wide, 0.1f, 0), S::U);
+    const std::vector<Verdict> cases = {
+        // Q2 above the limit.
+        {S::NA, true, 1, 100, 40, 0.3, Filled(40, 0.05), 12, 0, 0.4, Filled(40, 0), 0.05, 0, S::R1, S::NA},
+        // Not significant alone (eigenvalue 1.2 and K = 40 skip the variable count): the first one is undecided.
+        {S::NA, true, 1, 100, 40, 0.03, Filled(40, 0.05), 1.2, 0, 0.01, Filled(40, 0.9), 0.05, 0, S::U, S::NA},
+        // After an undecided component it is plainly not significant, and settles the previous one as NS too.
+        {S::U, true, 2, 100, 40, 0.03, Filled(40, 0.05), 1.2, 1.3, 0.01, Filled(40, 0.9), 0.05, 0, S::NS, S::NS},
+        // Near-equal eigenvalues: the next component's R1 confirms it as R5...
+        {S::U, true, 2, 100, 40, 0.2, Filled(40, 0.05), 2.95, 3, 0.3, Filled(40, 0), 0.05, 0, S::R1, S::R5},
+        // ...but not when the eigenvalues differ by more than the tolerance.
+        {S::U, true, 2, 100, 40, 0.2, Filled(40, 0.05), 2.5, 3, 0.3, Filled(40, 0), 0.05, 0, S::R1, S::NS},
+        // N = 6, centred: (6 - 1) / 2 = 2 components at most.
+        {S::U, true, 3, 6, 10, 0.5, Filled(10, 0.5), 3, 3, 0.9, Filled(10, 0.5), 0.1, 0, S::N3, S::NS},
+        {S::R1, true, 2, 6, 10, 0.5, Filled(10, 0.5), 3, 3, 0.9, Filled(10, 0.5), 0.1, 0, S::R1, S::R1},
+        // Earlier components count against the size; so does K / 2.
+        {S::R1, true, 2, 6, 10, 0.5, Filled(10, 0.5), 3, 3, 0.9, Filled(10, 0.5), 0.1, 1, S::N3, S::R1},
+        {S::R1, false, 3, 100, 5, 0.5, Filled(5, 0.5), 3, 3, 0.9, Filled(5, 0.5), 0.1, 0, S::N3, S::R1},
+        // Too little variance: R2 under 1 % and no variable above 2 %...
+        {S::U, true, 2, 100, 10, 0.005, Filled(10, 0.01), 0.05, 3, 0.9, Filled(10, 0.01), 0.1, 0, S::N4, S::NS},
+        // ...while one variable explained well enough goes on to the Q2 test.
+        {S::NA, true, 1, 100, 10, 0.005, Filled(10, 0.01, 1, 0.03), 0.05, 0, 0.9, Filled(10, 0.01, 1, 0.03), 0.1, 0,
+         S::R1, S::NA},
+        // K <= 25 needs sqrt(K) variables over the limit: 4 do, 3 do not.
+        {S::NA, true, 1, 100, 10, 0.2, Filled(10, 0.2), 1, 0, 0, Filled(10, 0, 4, 0.5), 0.1, 0, S::R2, S::NA},
+        {S::NA, true, 1, 100, 10, 0.2, Filled(10, 0.2), 1, 0, 0, Filled(10, 0, 3, 0.5), 0.1, 0, S::U, S::NA},
+        // K > 25 needs a fifth of them, and then only when the eigenvalue exceeds 1.5.
+        {S::NA, true, 1, 100, 30, 0.2, Filled(30, 0.2), 2, 0, 0, Filled(30, 0, 6, 0.5), 0.1, 0, S::R2, S::NA},
+        {S::NA, true, 1, 100, 30, 0.2, Filled(30, 0.2), 1.4, 0, 0, Filled(30, 0, 6, 0.5), 0.1, 0, S::U, S::NA},
+        {S::NA, true, 1, 100, 30, 0.2, Filled(30, 0.2), 2, 0, 0, Filled(30, 0, 5, 0.5), 0.1, 0, S::U, S::NA},
+    };
+    for (std::size_t c = 0; c < cases.size(); ++c) {
+        const Verdict& v = cases[c];
+        S::Significance previous = v.previous;
+        EXPECT_EQ(NCPCA::GetSignificance(0.05f, v.centred, v.component, previous, v.n, v.k, v.r2, v.r2Variables,
+                                         v.eigenvalue, v.previousEigenvalue, v.q2, v.q2Variables, v.q2Limit, v.earlier),
+                  v.expected)
+            << "case " << c;
+        EXPECT_EQ(previous, v.previousAfter) << "case " << c;
+    }
 }
 
 TEST(PCACrossValidation, Q2LimitFormula)
@@ -148,25 +131,26 @@ TEST(PCACrossValidation, Q2LimitFormula)
     EXPECT_FLOAT_EQ(PCACrossValidation::GetQ2Lim(6, true, 10, 5), 1.0f);
 }
 
-TEST(PCACrossValidation, StructureIsPredictedAndNoiseIsNot)
+// Structure is predicted and noise is not; a model rebuilt after one
+// component continues the cumulative values from where they stood.
+TEST(PCACrossValidation, StructureNoiseAndCarriedCumulativeValues)
 {
-    Validated structured(LowRankTable(60, 10, 2, 0.3), 7);
-    structured.Next();
-    structured.Next();
+    const NCDataMatrix<float> x = LowRankTable(60, 10, 2, 0.3);
+    Validated structured(x, 7, 2);
     EXPECT_GT(structured.q2[0], 0.5f);
     EXPECT_GT(structured.q2[1], structured.cv.GetQ2Lim(2, true));
     EXPECT_GT(structured.q2Cum[1], structured.q2Cum[0]);
     EXPECT_GT(structured.q2Cum[1], 0.9f);
 
-    std::mt19937 gen(3);
-    std::normal_distribution<float> normal;
-    NCDataMatrix<float> noise(60, 10);
-    for (int i = 1; i <= 60; ++i)
-        for (int j = 1; j <= 10; ++j)
-            noise(i, j, normal(gen));
-    Validated random(noise, 7);
-    random.Next();
-    random.Next();
+    Validated once(x, 7, 1);
+    NCPCA rebuilt(once.pca.GetResiduals(), once.pca.GetPprim(), once.pca.GetTprim(), 500);
+    PCACrossValidation resumed(&rebuilt, once.cv.GetQ2TotCum(), once.cv.GetQ2XVarCum(), 7, nullptr, nullptr);
+    rebuilt.NextComponent(nullptr, nullptr, 0, nullptr);
+    resumed.NextComponent((*rebuilt.GetPprim())[2], nullptr, 2);
+    EXPECT_NEAR(resumed.GetQ2TotCum(), structured.q2Cum[1], 1e-5);
+    EXPECT_NEAR(resumed.GetQ2XVarCum()[3], structured.cv.GetQ2XVarCum()[3], 1e-5);
+
+    Validated random(LowRankTable(60, 10, 0, 1.0, 3), 7, 2);
     EXPECT_LE(random.q2[0], random.cv.GetQ2Lim(1, true));
     // Cumulative values follow the capped product of the per-component ratios.
     const double ratio = std::min(1.0 - random.q2[1], 1.1);
@@ -178,20 +162,16 @@ TEST(PCACrossValidation, RoundsAreAlignedAndResidualsConsistent)
 {
     NCDataMatrix<float> x = LowRankTable(35, 8, 2, 0.3);
     KnockOut(x, 0.05);
-    NCPCA pca(&x, 500);
-    PCACrossValidation cv(&pca, 5, nullptr, nullptr);
-    pca.NextComponent(nullptr, nullptr, 0, nullptr);
-    const NCDataVector<float> p = (*pca.GetPprim())[1];
-    cv.NextComponent(p, nullptr, 1);
-
-    ASSERT_EQ(cv.GetPSet().SizeRows(), 5);
-    ASSERT_EQ(cv.GetTSet().SizeColumns(), 35);
+    Validated v(x, 5, 1);
+    const NCDataVector<float> p = (*v.pca.GetPprim())[1];
+    ASSERT_EQ(v.cv.GetPSet().SizeRows(), 5);
+    ASSERT_EQ(v.cv.GetTSet().SizeColumns(), 35);
     for (int r = 1; r <= 5; ++r) {
-        EXPECT_GT(cv.GetPSet()[r] * p, 0.9) << "round " << r;
-        EXPECT_GT(cv.GetTSet()[r] * (*pca.GetTprim())[1], 0.0) << "round " << r;
+        EXPECT_GT(v.cv.GetPSet()[r] * p, 0.9) << "round " << r;
+        EXPECT_GT(v.cv.GetTSet()[r] * (*v.pca.GetTprim())[1], 0.0) << "round " << r;
     }
     // The residual of every present cell, and PRESS / SS from them.
-    const NCDataMatrix<float>& f = cv.GetXPredResiduals();
+    const NCDataMatrix<float>& f = v.cv.GetXPredResiduals();
     ExpectCountsExact(f);
     double ss = 0.0, press = 0.0;
     for (int i = 1; i <= 35; ++i)
@@ -202,8 +182,8 @@ TEST(PCACrossValidation, RoundsAreAlignedAndResidualsConsistent)
                 press += double(f[i][j]) * f[i][j];
             }
         }
-    EXPECT_NEAR(cv.GetQ2Tot(), 1.0 - press / ss, 1e-5);
-    EXPECT_EQ(cv.GetQ2XVar().Size(), 8);
+    EXPECT_NEAR(v.q2[0], 1.0 - press / ss, 1e-5);
+    EXPECT_EQ(v.cv.GetQ2XVar().Size(), 8);
 }
 
 TEST(PCACrossValidation, BadSetupIsRefused)
@@ -220,48 +200,27 @@ TEST(PCACrossValidation, BadSetupIsRefused)
     EXPECT_THROW(cv.NextComponent(NCDataVector<float>(3, 0.5f), nullptr, 1), NCInternalError);
 }
 
-TEST(PCACrossValidation, CarriedCumulativeValuesContinue)
-{
-    const NCDataMatrix<float> x = LowRankTable(40, 6, 2, 0.3);
-    Validated first(x, 4);
-    first.Next();
-    first.Next();
-
-    // A model rebuilt after one component continues from the first values.
-    Validated once(x, 4);
-    once.Next();
-    NCPCA rebuilt(once.pca.GetResiduals(), once.pca.GetPprim(), once.pca.GetTprim(), 500);
-    PCACrossValidation resumed(&rebuilt, once.cv.GetQ2TotCum(), once.cv.GetQ2XVarCum(), 4, nullptr, nullptr);
-    rebuilt.NextComponent(nullptr, nullptr, 0, nullptr);
-    resumed.NextComponent((*rebuilt.GetPprim())[2], nullptr, 2);
-    EXPECT_NEAR(resumed.GetQ2TotCum(), first.q2Cum[1], 1e-5);
-    EXPECT_NEAR(resumed.GetQ2XVarCum()[3], first.cv.GetQ2XVarCum()[3], 1e-5);
-}
-
 TEST(PCACrossValidation, ProgressCaptionsAndCancel)
 {
     const NCDataMatrix<float> x = LowRankTable(30, 6, 2, 0.5);
-    NCPCA pca(&x, 500);
-    PCACrossValidation cv(&pca, 3, nullptr, nullptr);
-    pca.NextComponent(nullptr, nullptr, 0, nullptr);
+    Validated v(x, 3);
     NCProgress progress;
-    std::vector<std::string> captions;
+    std::set<std::string> captions;
     progress.SetObserver(
         [&](const NCProgressSnapshot& s) {
-            if (captions.empty() || captions.back() != s.caption)
-                captions.push_back(s.caption);
+            captions.insert(s.caption);
             if (s.caption == "CV round 2 of 3 (columns)")
                 progress.RequestBreak();
         },
         std::chrono::milliseconds{0}, std::chrono::milliseconds{0});
-    EXPECT_THROW(cv.NextComponent((*pca.GetPprim())[1], &progress, 1), CancelException);
-    ASSERT_FALSE(captions.empty());
-    EXPECT_NE(std::find(captions.begin(), captions.end(), "CV round 1 of 3 (rows)"), captions.end());
-    EXPECT_NE(std::find(captions.begin(), captions.end(), "CV round 3 of 3 (rows)"), captions.end());
-    EXPECT_EQ(std::find(captions.begin(), captions.end(), "CV round 3 of 3 (columns)"), captions.end());
+    EXPECT_THROW(v.Next(&progress), CancelException);
+    EXPECT_EQ(captions.count("CV round 1 of 3 (rows)"), 1u);
+    EXPECT_EQ(captions.count("CV round 3 of 3 (rows)"), 1u);
+    EXPECT_EQ(captions.count("CV round 3 of 3 (columns)"), 0u);
 }
 
-TEST(PCACrossValidated, StopsAtTheFirstNonSignificantComponent)
+// Stops at the first component that is neither significant nor pending, unless asked to keep every one.
+TEST(PCACrossValidated, StopsAtTheFirstNonSignificantComponentUnlessKeepingAll)
 {
     const NCDataMatrix<float> x = LowRankTable(50, 12, 2, 0.2);
     PCA_CrossValidated model(x, nullptr, 7, nullptr, NCDataVector<float>(12, 0.0f), 0.05, 0);
@@ -269,12 +228,9 @@ TEST(PCACrossValidated, StopsAtTheFirstNonSignificantComponent)
     NCProgress progress;
     NCDataMatrix<float> residuals, predicted;
     std::vector<S::Significance> codes;
-    for (int a = 1; a <= 6; ++a) {
-        const S::Significance s = model.NextComponent(residuals, predicted, progress);
-        codes.push_back(s);
-        if (!S::IsSignificant(s) && s != S::U)
-            break;
-    }
+    do
+        codes.push_back(model.NextComponent(residuals, predicted, progress));
+    while (codes.size() < 6 && (S::IsSignificant(codes.back()) || codes.back() == S::U));
     ASSERT_GE(codes.size(), 3u);
     EXPECT_EQ(codes[0], S::R1);
     EXPECT_EQ(codes[1], S::R1);
@@ -289,19 +245,14 @@ TEST(PCACrossValidated, StopsAtTheFirstNonSignificantComponent)
     EXPECT_EQ(model.GetP(1).Size(), 12);
     EXPECT_EQ(model.GetT(2).Size(), 50);
     EXPECT_THROW(model.GetT(9), NCInternalError);
-}
 
-TEST(PCACrossValidated, KeepsEveryComponentOnRequest)
-{
-    const NCDataMatrix<float> x = LowRankTable(30, 8, 1, 0.3);
-    PCA_CrossValidated model(x, nullptr, 5, nullptr, NCDataVector<float>(), 0.05, 0);
-    EXPECT_FALSE(model.IsCentred());
-    model.KeepEveryComponent(true);
-    NCProgress progress;
-    NCDataMatrix<float> residuals, predicted;
+    const NCDataMatrix<float> single = LowRankTable(30, 8, 1, 0.3);
+    PCA_CrossValidated every(single, nullptr, 5, nullptr, NCDataVector<float>(), 0.05, 0);
+    EXPECT_FALSE(every.IsCentred());
+    every.KeepEveryComponent(true);
     for (int a = 1; a <= 3; ++a)
-        model.NextComponent(residuals, predicted, progress);
-    EXPECT_EQ(model.GetComponents(), 3);
-    EXPECT_EQ(model.GetModel().GetPprim()->SizeRows(), 3);
-    EXPECT_TRUE(SameCells(residuals, *model.GetModel().GetResiduals()));
+        every.NextComponent(residuals, predicted, progress);
+    EXPECT_EQ(every.GetComponents(), 3);
+    EXPECT_EQ(every.GetModel().GetPprim()->SizeRows(), 3);
+    EXPECT_TRUE(SameCells(residuals, *every.GetModel().GetResiduals()));
 }
