@@ -2,7 +2,6 @@
 
 #include "cli/ProgressBar.h"
 
-
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
@@ -17,10 +16,12 @@ using namespace cli_test;
 
 namespace {
 
+using Rows = std::vector<std::vector<double>>;
+
 // Cells of a CSV file as numbers; column 0 (the names) is skipped.
-std::vector<std::vector<double>> Numbers(const std::string& csv)
+Rows Numbers(const std::string& csv)
 {
-    std::vector<std::vector<double>> rows;
+    Rows rows;
     const std::vector<std::string> lines = Lines(csv);
     for (std::size_t r = 1; r < lines.size(); ++r) {
         std::vector<double> row;
@@ -54,6 +55,24 @@ std::string TwoFactorTable(int n, int k, unsigned seed)
     return csv.str();
 }
 
+// Runs the tool and checks its exit code; a failure shows what it said.
+RunResult Veltan(const TempDir& dir, const std::vector<std::string>& args, int code = 0)
+{
+    RunResult r = RunTool(dir, args);
+    EXPECT_EQ(r.exitCode, code) << r.err;
+    return r;
+}
+
+// The first `components` scores of each of `rows` rows, from two runs.
+void ExpectSameScores(const Rows& got, const Rows& want, std::size_t rows, int components)
+{
+    ASSERT_EQ(got.size(), rows);
+    ASSERT_EQ(want.size(), rows);
+    for (std::size_t i = 0; i < rows; ++i)
+        for (int a = 0; a < components; ++a)
+            ASSERT_NEAR(got[i][a], want[i][a], 1e-4 * (1.0 + std::fabs(want[i][a]))) << "row " << i + 1;
+}
+
 } // namespace
 
 // Against the eigenvalues of the correlation matrix computed independently
@@ -61,9 +80,8 @@ std::string TwoFactorTable(int n, int k, unsigned seed)
 TEST(VeltanPca, WineAgreesWithCorrelationEigenvaluesAndWritesShapedFiles)
 {
     TempDir dir;
-    const RunResult r = RunTool(dir, {"pca", WineCsv(), "--scores", dir.File("t.csv"), "--loadings",
-                                      dir.File("p.csv"), "--save", dir.File("m.bin")});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
+    const RunResult r = Veltan(dir, {"pca", WineCsv(), "--scores", dir.File("t.csv"), "--loadings",
+                                     dir.File("p.csv"), "--save", dir.File("m.bin")});
     EXPECT_EQ(r.err, "");
     const std::vector<std::string> lines = Lines(r.out);
     ASSERT_GE(lines.size(), 8u);
@@ -74,7 +92,9 @@ TEST(VeltanPca, WineAgreesWithCorrelationEigenvaluesAndWritesShapedFiles)
     EXPECT_NE(r.out.find("3 components kept; component 4 is NS (not significant)."), std::string::npos);
 
     // Scores: 178 rows of 3; each score vector's variance is its eigenvalue.
-    const auto t = Numbers(ReadFile(dir.File("t.csv")));
+    const std::string scores = ReadFile(dir.File("t.csv"));
+    EXPECT_EQ(scores.substr(scores.find('\n') + 1, 7), "c1-001,");
+    const Rows t = Numbers(scores);
     ASSERT_EQ(t.size(), 178u);
     const double eigen[] = {4.705850, 2.496974, 1.446072};
     for (int a = 0; a < 3; ++a) {
@@ -85,9 +105,8 @@ TEST(VeltanPca, WineAgreesWithCorrelationEigenvaluesAndWritesShapedFiles)
         }
         EXPECT_NEAR(ss / 177.0, eigen[a], 2e-3) << "component " << a + 1;
     }
-    EXPECT_EQ(Lines(ReadFile(dir.File("t.csv")))[1].substr(0, 7), "c1-001,");
     // Loadings: 13 unit vectors.
-    const auto p = Numbers(ReadFile(dir.File("p.csv")));
+    const Rows p = Numbers(ReadFile(dir.File("p.csv")));
     ASSERT_EQ(p.size(), 13u);
     double norm = 0.0;
     for (const auto& row : p)
@@ -96,28 +115,20 @@ TEST(VeltanPca, WineAgreesWithCorrelationEigenvaluesAndWritesShapedFiles)
     EXPECT_EQ(dir.Entries(), (std::set<std::string>{"t.csv", "p.csv", "m.bin"}));
 
     // Predicting the training rows reproduces the training scores.
-    const RunResult pred = RunTool(dir, {"predict", dir.File("m.bin"), WineCsv(), "--scores", dir.File("u.csv")});
-    ASSERT_EQ(pred.exitCode, 0) << pred.err;
+    const RunResult pred = Veltan(dir, {"predict", dir.File("m.bin"), WineCsv(), "--scores", dir.File("u.csv")});
     EXPECT_EQ(pred.out, "Scores of 178 observations on 3 components written to " + dir.File("u.csv") + "\n");
-    const auto u = Numbers(ReadFile(dir.File("u.csv")));
-    ASSERT_EQ(u.size(), t.size());
-    for (std::size_t i = 0; i < t.size(); ++i)
-        for (int a = 0; a < 3; ++a)
-            ASSERT_NEAR(u[i][a], t[i][a], 1e-4 * (1.0 + std::fabs(t[i][a]))) << "row " << i + 1;
+    ExpectSameScores(Numbers(ReadFile(dir.File("u.csv"))), t, 178, 3);
 }
 
 TEST(VeltanPca, FixedComponentsAndJson)
 {
     TempDir dir;
     WriteFile(dir.File("d.csv"), TwoFactorTable(40, 8, 7));
-    RunResult r = RunTool(dir, {"pca", dir.File("d.csv"), "--components", "4", "--scale", "center"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_NE(r.out.find("centred, not scaled"), std::string::npos);
-    EXPECT_NE(r.out.find("4 components fitted, as asked."), std::string::npos);
-    EXPECT_NE(r.out.find("\n        4 "), std::string::npos);
+    RunResult r = Veltan(dir, {"pca", dir.File("d.csv"), "--components", "4", "--scale", "center"});
+    for (const char* text : {"centred, not scaled", "4 components fitted, as asked.", "\n        4 "})
+        EXPECT_NE(r.out.find(text), std::string::npos) << text;
 
-    r = RunTool(dir, {"pca", dir.File("d.csv"), "--json", "--cv-groups", "5", "--save", dir.File("m.bin")});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
+    r = Veltan(dir, {"pca", dir.File("d.csv"), "--json", "--cv-groups", "5", "--save", dir.File("m.bin")});
     const nlohmann::json doc = nlohmann::json::parse(r.out); // stdout holds nothing else
     EXPECT_EQ(doc["command"], "pca");
     EXPECT_EQ(doc["observations"], 40);
@@ -141,8 +152,7 @@ TEST(VeltanPca, FixedComponentsAndJson)
     }
     EXPECT_TRUE(comps[0]["significance"] == "R1" || comps[0]["significance"] == "R2");
 
-    r = RunTool(dir, {"predict", dir.File("m.bin"), dir.File("d.csv"), "--json"});
-    ASSERT_EQ(r.exitCode, 0) << r.err;
+    r = Veltan(dir, {"predict", dir.File("m.bin"), dir.File("d.csv"), "--json"});
     const nlohmann::json pred = nlohmann::json::parse(r.out);
     EXPECT_EQ(pred["components"], kept);
     ASSERT_EQ(pred["scores"].size(), 40u);
@@ -150,28 +160,26 @@ TEST(VeltanPca, FixedComponentsAndJson)
     EXPECT_EQ(pred["scores"][39]["t"].size(), static_cast<std::size_t>(kept));
 }
 
-// Every refusal: one line on stderr naming the file and the place, a
-// non-zero exit code, and no output file, whole or partial.
+// Every refusal: one line on stderr naming the file and the place, exit
+// code 1, and no output file, whole or partial.
 TEST(VeltanPca, BadInputIsReportedInOneLineAndLeavesNoFile)
 {
     struct Case {
         const char* csv;
         std::vector<std::string> extra;
         const char* message; // after "veltan: <dir>/d.csv"
-        int code;
     };
     const Case cases[] = {
-        {"n,a,b\nr1,1,2\nr2,3\n", {}, ": row 3 has 2 cells, the header row has 3", 1},
-        {"n,a,b\nr1,1,2\nr2,3,4O\nr3,5,6\n", {}, ": row 3, column 3 (\"b\"): \"4O\" is not a number", 1},
+        {"n,a,b\nr1,1,2\nr2,3\n", {}, ": row 3 has 2 cells, the header row has 3"},
+        {"n,a,b\nr1,1,2\nr2,3,4O\nr3,5,6\n", {}, ": row 3, column 3 (\"b\"): \"4O\" is not a number"},
         {"n,a,b,c\nr1,1,2,5\nr2,2,2,4\nr3,3,2,1\n", {},
          ": column 3 (\"b\"): Could not scale matrix. Too little variance. (the column is constant; remove it or "
-         "scale with --scale center)",
-         1},
+         "scale with --scale center)"},
         {"n,a,b,c\nr1,1,2,5\nr2,2,NA,4\nr3,3,,1\n", {},
-         ": column 3 (\"b\"): Could not scale matrix. Too few non missing values. (1 present, at least 2 needed)", 1},
-        {"n,a,b\nr1,1,2\n", {}, ": 1 observation; a PCA needs at least 2", 1},
+         ": column 3 (\"b\"): Could not scale matrix. Too few non missing values. (1 present, at least 2 needed)"},
+        {"n,a,b\nr1,1,2\n", {}, ": 1 observation; a PCA needs at least 2"},
         {"n,a,b\nr1,1,2\nr2,0,3\n", {"--log", "a"},
-         ": row 3, column 2 (\"a\"): Value could not be transformed. (Log (C1=1, C2=0) of 0)", 1},
+         ": row 3, column 2 (\"a\"): Value could not be transformed. (Log (C1=1, C2=0) of 0)"},
     };
     for (const Case& c : cases) {
         TempDir dir;
@@ -179,21 +187,19 @@ TEST(VeltanPca, BadInputIsReportedInOneLineAndLeavesNoFile)
         std::vector<std::string> args{"pca", dir.File("d.csv"), "--scores", dir.File("s.csv"), "--save",
                                       dir.File("m.bin")};
         args.insert(args.end(), c.extra.begin(), c.extra.end());
-        const RunResult r = RunTool(dir, args);
-        EXPECT_EQ(r.exitCode, c.code) << c.csv;
+        const RunResult r = Veltan(dir, args, 1);
         EXPECT_EQ(r.err, "veltan: " + dir.File("d.csv") + c.message + "\n");
         EXPECT_EQ(r.out, "");
         EXPECT_EQ(dir.Entries(), std::set<std::string>{"d.csv"}) << c.csv;
     }
 
     TempDir dir;
-    RunResult r = RunTool(dir, {"pca", dir.File("absent.csv")});
-    EXPECT_EQ(r.exitCode, 1);
-    EXPECT_EQ(r.err, "veltan: " + dir.File("absent.csv") + ": cannot open: No such file or directory\n");
+    EXPECT_EQ(Veltan(dir, {"pca", dir.File("absent.csv")}, 1).err,
+              "veltan: " + dir.File("absent.csv") + ": cannot open: No such file or directory\n");
     // The last file cannot be created: the ones before it are not left either.
     WriteFile(dir.File("d.csv"), TwoFactorTable(20, 4, 3));
-    r = RunTool(dir, {"pca", dir.File("d.csv"), "--scores", dir.File("s.csv"), "--save", dir.File("no/m.bin")});
-    EXPECT_EQ(r.exitCode, 1);
+    const RunResult r =
+        Veltan(dir, {"pca", dir.File("d.csv"), "--scores", dir.File("s.csv"), "--save", dir.File("no/m.bin")}, 1);
     EXPECT_EQ(r.err, "veltan: " + dir.File("no/m.bin") + ": cannot create: No such file or directory\n");
     EXPECT_EQ(dir.Entries(), std::set<std::string>{"d.csv"});
 }
@@ -203,17 +209,10 @@ TEST(VeltanPredict, RefusesModelsAndTablesThatDoNotFit)
     TempDir dir;
     WriteFile(dir.File("d.csv"), TwoFactorTable(30, 4, 5));
     // The saved transform is applied again: the training rows get their scores back.
-    ASSERT_EQ(RunTool(dir, {"pca", dir.File("d.csv"), "--log", "v2", "--components", "2", "--save",
-                            dir.File("m.bin"), "--scores", dir.File("t.csv")})
-                  .exitCode,
-              0);
-    const RunResult again = RunTool(dir, {"predict", dir.File("m.bin"), dir.File("d.csv")});
-    const auto fitted = Numbers(ReadFile(dir.File("t.csv"))), predicted = Numbers(again.out);
-    ASSERT_EQ(predicted.size(), 30u);
-    for (std::size_t i = 0; i < fitted.size(); ++i)
-        for (int a = 0; a < 2; ++a)
-            ASSERT_NEAR(predicted[i][a], fitted[i][a], 1e-4 * (1.0 + std::fabs(fitted[i][a])));
-    std::remove(dir.File("t.csv").c_str());
+    Veltan(dir, {"pca", dir.File("d.csv"), "--log", "v2", "--components", "2", "--save", dir.File("m.bin"),
+                 "--scores", dir.File("t.csv")});
+    ExpectSameScores(Numbers(Veltan(dir, {"predict", dir.File("m.bin"), dir.File("d.csv")}).out),
+                     Numbers(ReadFile(dir.File("t.csv"))), 30, 2);
 
     WriteFile(dir.File("narrow.csv"), "obs,v1,v2,v3\no1,1,2,3\n");
     WriteFile(dir.File("renamed.csv"), "obs,v1,v2,x,v4\no1,1,2,3,4\n");
@@ -238,15 +237,12 @@ TEST(VeltanPredict, RefusesModelsAndTablesThatDoNotFit)
     };
     for (const Case& c : cases) {
         const RunResult r =
-            RunTool(dir, {"predict", dir.File(c.model), dir.File(c.data), "--scores", dir.File("s.csv")});
-        EXPECT_EQ(r.exitCode, 1) << c.message;
+            Veltan(dir, {"predict", dir.File(c.model), dir.File(c.data), "--scores", dir.File("s.csv")}, 1);
         EXPECT_EQ(r.err, "veltan: " + dir.File("") + c.message + "\n");
         EXPECT_FALSE(fs::exists(dir.File("s.csv")));
     }
-
     // A gap is scored around, through the PLS route of the score estimator.
-    const RunResult r = RunTool(dir, {"predict", dir.File("m.bin"), dir.File("gap.csv")});
-    EXPECT_EQ(r.exitCode, 0) << r.err;
+    Veltan(dir, {"predict", dir.File("m.bin"), dir.File("gap.csv")});
 }
 
 TEST(VeltanCli, UsageErrorsHelpAndVersion)
@@ -255,30 +251,20 @@ TEST(VeltanCli, UsageErrorsHelpAndVersion)
     for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
              {}, {"pca", "--bogus"}, {"pca", "--scale", "log"}, {"pca", "--components", "0"}, {"predict", "m.bin"},
              {"pca", "--cv-groups", "1"}}) {
-        const RunResult r = RunTool(dir, args);
-        EXPECT_EQ(r.exitCode, 2) << (args.empty() ? "" : args.back());
-        EXPECT_NE(r.err.find("--help"), std::string::npos) << r.err;
+        EXPECT_NE(Veltan(dir, args, 2).err.find("--help"), std::string::npos) << (args.empty() ? "" : args.back());
     }
     // Option values the data cannot meet are usage errors too.
     WriteFile(dir.File("d.csv"), TwoFactorTable(6, 3, 1));
-    RunResult r = RunTool(dir, {"pca", dir.File("d.csv"), "--components", "4"});
-    EXPECT_EQ(r.exitCode, 2);
-    EXPECT_EQ(r.err, "veltan: --components 4: " + dir.File("d.csv") +
-                         " can take at most 3 (6 observations, 3 variables, centred)\n");
-    r = RunTool(dir, {"pca", dir.File("d.csv"), "--log", "nope"});
-    EXPECT_EQ(r.exitCode, 2);
-    EXPECT_EQ(r.err, "veltan: --log: " + dir.File("d.csv") + " has no variable \"nope\"\n");
+    EXPECT_EQ(Veltan(dir, {"pca", dir.File("d.csv"), "--components", "4"}, 2).err,
+              "veltan: --components 4: " + dir.File("d.csv") +
+                  " can take at most 3 (6 observations, 3 variables, centred)\n");
+    EXPECT_EQ(Veltan(dir, {"pca", dir.File("d.csv"), "--log", "nope"}, 2).err,
+              "veltan: --log: " + dir.File("d.csv") + " has no variable \"nope\"\n");
 
-    r = RunTool(dir, {"--help"});
-    EXPECT_EQ(r.exitCode, 0);
-    EXPECT_NE(r.out.find("predict"), std::string::npos);
-    r = RunTool(dir, {"--version"});
-    EXPECT_EQ(r.exitCode, 0);
-    EXPECT_EQ(r.out.substr(0, 7), "veltan ");
+    EXPECT_NE(Veltan(dir, {"--help"}).out.find("predict"), std::string::npos);
+    EXPECT_EQ(Veltan(dir, {"--version"}).out.substr(0, 7), "veltan ");
     // Without a table, the bundled data set is analysed.
-    r = RunTool(dir, {"pca"});
-    EXPECT_EQ(r.exitCode, 0) << r.err;
-    EXPECT_EQ(r.out.substr(0, 33), "PCA of the bundled wine data set:");
+    EXPECT_EQ(Veltan(dir, {"pca"}).out.substr(0, 33), "PCA of the bundled wine data set:");
 }
 
 // Ctrl-C while a long fit runs: the library's cancel message, exit 130,
