@@ -262,12 +262,10 @@ TEST(NCScale, RecordRoundTripAndRefusals)
     std::istringstream in(bytes);
     in >> back;
     ASSERT_TRUE(in);
-    EXPECT_EQ(back.Size(), 3);
-    EXPECT_EQ(back.GetScaleType(3), static_cast<S::Scaling>(7));
-    EXPECT_TRUE(back.GetCenterVector() == s.GetCenterVector());
-    EXPECT_TRUE(back.GetScaleVector() == s.GetScaleVector());
     EXPECT_EQ(back.GetQvStreamVersionNumber(), 2);
-    back.QvStreamableReset(); // reading marks the object as streamed too
+    // The same bytes again: every type (the unknown 7 too) and both vectors
+    // came through. Reading marks the object as streamed too.
+    back.QvStreamableReset();
     EXPECT_EQ(Save(back), bytes);
 
     // Written once per save until reset, nested vectors included.
