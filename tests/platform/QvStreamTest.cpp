@@ -76,13 +76,19 @@ struct Node : virtual QvStreamBase {
     }
 };
 
-std::string Bytes(const Node& n) { std::ostringstream o; return n.QvStreamableStartWrite(o) ? o.str() : "unwritable"; }
+std::string Bytes(const Node& n)
+{
+    std::ostringstream o;
+    return n.QvStreamableStartWrite(o) ? o.str() : "unwritable";
+}
 
 std::string Hex(const std::string& s)
 {
     std::string h;
-    for (unsigned char c : s)
-        h += "0123456789abcdef"[c >> 4], h += "0123456789abcdef"[c & 15];
+    for (unsigned char c : s) {
+        h += "0123456789abcdef"[c >> 4];
+        h += "0123456789abcdef"[c & 15];
+    }
     return h;
 }
 
@@ -202,7 +208,8 @@ TEST(Directory, MissingUnknownAndOutOfRangeEntries)
         // Going back needs a stream that can seek.
         std::istream* first = dir.GetInput(0);
         EXPECT_TRUE(seekable ? first && ReadFourBytes(&v, 1, *first) && v == 0 : !first);
-        EXPECT_THAT([&] { dir.ReadRequired(3, &v, 1, 4); }, ThrowsMessage<QvStreamError>(StrEq("ReadFromStreamDir failed.")));
+        EXPECT_THAT([&] { dir.ReadRequired(3, &v, 1, 4); },
+                    ThrowsMessage<QvStreamError>(StrEq("ReadFromStreamDir failed.")));
         EXPECT_THAT([&] { dir.GetRequiredInput(5, 3 * OutputStreamDirectory::GatherLimit); },
                     ThrowsMessage<QvStreamError>(StrEq("Error when reading from stream.")));
         EXPECT_TRUE(dir.Close()); // skips 5 and 6, which this reader does not know
@@ -227,7 +234,8 @@ TEST(Nesting, ThreeLevelsRoundTripThroughAnyStreamAndTruncationsFail)
         const Node chain(3, pad);
         const std::string bytes = Bytes(chain);
         PipeBuf sink;
-        ASSERT_TRUE((std::ostream(&sink) << chain).good() && (std::ofstream(tempPath, std::ios::binary) << chain).good());
+        ASSERT_TRUE((std::ostream(&sink) << chain).good());
+        ASSERT_TRUE((std::ofstream(tempPath, std::ios::binary) << chain).good());
         EXPECT_TRUE(sink.str() == bytes) << "the layout must not depend on whether the stream can seek";
         Inputs both(bytes);
         std::ifstream fileIn(tempPath, std::ios::binary);
@@ -245,17 +253,18 @@ TEST(Nesting, ThreeLevelsRoundTripThroughAnyStreamAndTruncationsFail)
 
 TEST(Damage, CorruptDirectoriesAreRefusedWithoutAllocating)
 {
+    const std::string one("\x01\x00", 2);
+    const std::string three("\x03\x00", 2);
     const std::string huge = std::string("\x00\x00", 2) + std::string("\x00\x00\x00\x00\x00\x01\x00\x00", 8) + "xx";
-    const std::string entry1 = std::string("\x01\x00", 2) + std::string(8, '\0');
+    const std::string entry1 = one + std::string(8, '\0');
     // An entry claiming 2^40 bytes, one beyond the count, one repeated.
-    for (const std::string& bytes : {std::string("\x01\x00", 2) + huge, std::string("\x01\x00", 2) + entry1 + "\xff\xff",
-                                     std::string("\x03\x00", 2) + entry1 + entry1 + "\xff\xff"}) {
+    for (const std::string& bytes : {one + huge, one + entry1 + "\xff\xff", three + entry1 + entry1 + "\xff\xff"}) {
         std::istringstream in(bytes);
         InputStreamDirectory dir(in);
         EXPECT_TRUE(dir.GetInput(0) == nullptr && !dir.Close() && in.fail()) << Hex(bytes);
     }
     // The 2^40 claim inside a 14-byte entry: the damage stays inside it.
-    std::istringstream in(std::string("\x01\x00\x00\x00\x0e\x00\x00\x00\x00\x00\x00\x00\x01\x00", 14) + huge + "\xff\xff");
+    std::istringstream in(one + std::string("\x00\x00\x0e\x00\x00\x00\x00\x00\x00\x00", 10) + one + huge + "\xff\xff");
     InputStreamDirectory dir(in);
     std::istream* entry = dir.GetInput(0);
     ASSERT_NE(entry, nullptr);
