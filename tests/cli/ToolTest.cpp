@@ -218,6 +218,7 @@ TEST(VeltanPredict, RefusesModelsAndTablesThatDoNotFit)
     WriteFile(dir.File("renamed.csv"), "obs,v1,v2,x,v4\no1,1,2,3,4\n");
     WriteFile(dir.File("gap.csv"), "obs,v1,v2,v3,v4\no1,1,2,3,4\no2,1,NA,3,4\n");
     const std::string model = ReadFile(dir.File("m.bin"));
+    ASSERT_GT(model.size(), 16u);
     std::string v2 = model;
     v2[15] = 2; // version 2 after the 1-byte length and the 14-byte magic
     WriteFile(dir.File("v2.bin"), v2);
