@@ -160,7 +160,8 @@ TYPED_TEST(MatrixStream, GoldenBytesBothWays)
     const bool isFloat = sizeof(T) == 4;
     const auto bytes = [](const auto& record) { return std::string(std::begin(record), std::end(record)); };
     const std::string golden = isFloat ? bytes(MatrixGolden::FloatRecord) : bytes(MatrixGolden::DoubleRecord);
-    const Matrix<T> expected = isFloat ? Make<T>({{1.0, -99, 2.5}, {0.5, 4.0, -8.0}}) : Make<T>({{-99, 0.1}, {3.0, -99}});
+    const Matrix<T> expected =
+        isFloat ? Make<T>({{1.0, -99, 2.5}, {0.5, 4.0, -8.0}}) : Make<T>({{-99, 0.1}, {3.0, -99}});
     EXPECT_EQ(Save(expected), golden);
     Matrix<T> read;
     ASSERT_TRUE(Load(golden, read));
