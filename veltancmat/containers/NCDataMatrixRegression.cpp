@@ -12,6 +12,10 @@
 
 #include <omp.h>
 
+#if defined(__x86_64__)
+#include <immintrin.h>
+#endif
+
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -19,6 +23,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -425,6 +430,164 @@ VELTAN_SIMD_CLONES void AccumulateSquares(double* ss, const T* x, int n)
     }
 }
 
+// ---- column projection of float rows with missing cells, FlushEvery rows
+// at a time
+//
+// Row by row, a gappy row updates two partial-sum arrays in memory (the
+// products, and the squares its missing cells remove): a load and a store
+// per cell for each, more work per cell than reading the row costs. Here a
+// strip of sixteen columns of both sums stays in registers over a block of
+// rows and is widened into the double sums once per block. The block is the
+// FlushEvery rows the row-by-row kernels sum in the element type, summed in
+// the same order with the same roundings, so every bit of the results is
+// theirs. Only x86-64 with AVX2 has these kernels; elsewhere the row-by-row
+// ones run. Complete matrices keep those too: their row kernel has no
+// squares to carry and already runs at the speed of reading the rows.
+
+// Adds, for the R rows x[0 .. R-1] with scores t[0 .. R-1], the products
+// x t of the present cells to total[1 .. n] and t^2 of the missing cells to
+// squares[1 .. n]. Meanwhile it asks for the FlushEvery rows `next` (the
+// next block; null after the last) strip by strip: requests spread over the
+// block keep the memory busy, where asking for whole rows ahead (as the
+// row-by-row loop does) came in bursts, and the block ran slower than the
+// row-by-row kernels.
+using ColumnBlockKernel = void (*)(double* total, double* squares, const float* const* x, const float* t,
+                                   const float* const* next, int n);
+// The kernels for R = 1 .. FlushEvery, at R - 1; a whole block is the common
+// case, shorter ones end a thread's share of the rows. R is a template
+// argument so that the scores stay in registers and the loop over the rows
+// unrolls.
+using ColumnBlockKernels = std::array<ColumnBlockKernel, FlushEvery>;
+
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__SANITIZE_THREAD__)
+#define VELTAN_COLUMN_BLOCKS 1
+
+// total[0 .. 7] += v, widened to double.
+#define VELTAN_WIDEN_INTO(total, v)                                                                                    \
+    _mm256_storeu_pd((total), _mm256_add_pd(_mm256_loadu_pd(total), _mm256_cvtps_pd(_mm256_castps256_ps128(v))));      \
+    _mm256_storeu_pd((total) + 4,                                                                                      \
+                     _mm256_add_pd(_mm256_loadu_pd((total) + 4), _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1))))
+
+// The cells past the last whole strip, one column at a time.
+inline void ColumnBlockTail(double* total, double* squares, const float* const* x, const float* t, int rows, int j,
+                            int n)
+{
+    for (; j <= n; ++j) {
+        float s = 0.0f, g = 0.0f;
+        for (int r = 0; r < rows; ++r) {
+            const bool gap = IsMisVal(x[r][j]);
+            s += (gap ? 0.0f : x[r][j]) * t[r];
+            g += gap ? t[r] * t[r] : 0.0f;
+        }
+        total[j] += s;
+        squares[j] += g;
+    }
+}
+
+// With mask registers: the missing cells zero the product's input and pick
+// the squares without a separate select.
+template <int R>
+__attribute__((target("avx512f,avx512vl"))) void ColumnBlock512(double* total, double* squares, const float* const* x,
+                                                                const float* t, const float* const* next, int n)
+{
+    const __m256 missing = _mm256_set1_ps(NCMisVal<float>);
+    __m256 tv[R], qv[R];
+    for (int r = 0; r < R; ++r) {
+        tv[r] = _mm256_set1_ps(t[r]);
+        qv[r] = _mm256_set1_ps(t[r] * t[r]);
+    }
+    int j = 1;
+    for (; j + 15 <= n; j += 16) {
+        if (next)
+            for (int r = 0; r < FlushEvery; ++r)
+                __builtin_prefetch(next[r] + j, 0, ColumnLocality);
+        __m256 s0 = _mm256_setzero_ps(), s1 = s0, g0 = s0, g1 = s0;
+#pragma GCC unroll 8
+        for (int r = 0; r < R; ++r) {
+            const __m256 x0 = _mm256_loadu_ps(x[r] + j), x1 = _mm256_loadu_ps(x[r] + j + 8);
+            const __mmask8 m0 = _mm256_cmp_ps_mask(x0, missing, _CMP_EQ_OQ);
+            const __mmask8 m1 = _mm256_cmp_ps_mask(x1, missing, _CMP_EQ_OQ);
+            s0 = _mm256_add_ps(s0, _mm256_mul_ps(_mm256_maskz_mov_ps(static_cast<__mmask8>(~m0), x0), tv[r]));
+            s1 = _mm256_add_ps(s1, _mm256_mul_ps(_mm256_maskz_mov_ps(static_cast<__mmask8>(~m1), x1), tv[r]));
+            g0 = _mm256_mask_add_ps(g0, m0, g0, qv[r]);
+            g1 = _mm256_mask_add_ps(g1, m1, g1, qv[r]);
+        }
+        VELTAN_WIDEN_INTO(total + j, s0);
+        VELTAN_WIDEN_INTO(total + j + 8, s1);
+        VELTAN_WIDEN_INTO(squares + j, g0);
+        VELTAN_WIDEN_INTO(squares + j + 8, g1);
+    }
+    ColumnBlockTail(total, squares, x, t, R, j, n);
+}
+
+template <int R>
+__attribute__((target("avx2"))) void ColumnBlock256(double* total, double* squares, const float* const* x,
+                                                    const float* t, const float* const* next, int n)
+{
+    const __m256 missing = _mm256_set1_ps(NCMisVal<float>);
+    __m256 tv[R], qv[R];
+    for (int r = 0; r < R; ++r) {
+        tv[r] = _mm256_set1_ps(t[r]);
+        qv[r] = _mm256_set1_ps(t[r] * t[r]);
+    }
+    int j = 1;
+    for (; j + 15 <= n; j += 16) {
+        if (next)
+            for (int r = 0; r < FlushEvery; ++r)
+                __builtin_prefetch(next[r] + j, 0, ColumnLocality);
+        __m256 s0 = _mm256_setzero_ps(), s1 = s0, g0 = s0, g1 = s0;
+#pragma GCC unroll 8
+        for (int r = 0; r < R; ++r) {
+            const __m256 x0 = _mm256_loadu_ps(x[r] + j), x1 = _mm256_loadu_ps(x[r] + j + 8);
+            const __m256 m0 = _mm256_cmp_ps(x0, missing, _CMP_EQ_OQ), m1 = _mm256_cmp_ps(x1, missing, _CMP_EQ_OQ);
+            s0 = _mm256_add_ps(s0, _mm256_mul_ps(_mm256_andnot_ps(m0, x0), tv[r]));
+            s1 = _mm256_add_ps(s1, _mm256_mul_ps(_mm256_andnot_ps(m1, x1), tv[r]));
+            g0 = _mm256_add_ps(g0, _mm256_and_ps(m0, qv[r]));
+            g1 = _mm256_add_ps(g1, _mm256_and_ps(m1, qv[r]));
+        }
+        VELTAN_WIDEN_INTO(total + j, s0);
+        VELTAN_WIDEN_INTO(total + j + 8, s1);
+        VELTAN_WIDEN_INTO(squares + j, g0);
+        VELTAN_WIDEN_INTO(squares + j + 8, g1);
+    }
+    ColumnBlockTail(total, squares, x, t, R, j, n);
+}
+
+#undef VELTAN_WIDEN_INTO
+
+template <std::size_t... R> constexpr ColumnBlockKernels Blocks512(std::index_sequence<R...>)
+{
+    return {&ColumnBlock512<static_cast<int>(R) + 1>...};
+}
+
+template <std::size_t... R> constexpr ColumnBlockKernels Blocks256(std::index_sequence<R...>)
+{
+    return {&ColumnBlock256<static_cast<int>(R) + 1>...};
+}
+
+constexpr ColumnBlockKernels ColumnBlocks512 = Blocks512(std::make_index_sequence<FlushEvery>());
+constexpr ColumnBlockKernels ColumnBlocks256 = Blocks256(std::make_index_sequence<FlushEvery>());
+#endif
+
+const ColumnBlockKernels* PickColumnBlocks()
+{
+#ifdef VELTAN_COLUMN_BLOCKS
+    __builtin_cpu_init();
+    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512vl"))
+        return &ColumnBlocks512;
+    if (__builtin_cpu_supports("avx2"))
+        return &ColumnBlocks256;
+#endif
+    return nullptr;
+}
+
+// The kernels this processor runs, or null where the row-by-row ones must.
+const ColumnBlockKernels* ColumnBlocksHere()
+{
+    static const ColumnBlockKernels* const chosen = PickColumnBlocks();
+    return chosen;
+}
+
 } // namespace
 
 // ------------------------------------------------------ sum of squares
@@ -491,16 +654,24 @@ void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>& rowTable, const Vector&
 
     const bool parallel = WorthParallel(rows, n);
     const bool prefetch = WorthPrefetching<T>(rows, n);
+    const ColumnBlockKernels* blocks = nullptr;
+    if constexpr (std::is_same_v<T, float>)
+        blocks = masked && n >= ShortRow ? ColumnBlocksHere() : nullptr;
 #pragma omp parallel if (parallel) reduction(+ : tt, rowsUsed)
     {
         LineAligned<double> my12(n);
         LineAligned<double> mySquares(masked ? n : 0);
-        LineAligned<T> part12(n);
-        LineAligned<T> partSquares(masked ? n : 0);
+        LineAligned<T> part12(blocks ? 0 : n);
+        LineAligned<T> partSquares(masked && !blocks ? n : 0);
+        // Blocks are gathered one ahead of the one summed, so that the
+        // kernel can ask for the next block's rows as it goes.
+        std::array<const T*, FlushEvery> blockRows{}, nextRows{};
+        std::array<T, FlushEvery> blockScores{}, nextScores{};
+        bool blockReady = false;
         int pending = 0;
 #pragma omp for schedule(static) nowait
         for (int i = 1; i <= rows; ++i) {
-            if (prefetch && i + ColumnAhead <= rows)
+            if (prefetch && !blocks && i + ColumnAhead <= rows)
                 PrefetchRow<ColumnLocality>(rowTable[i + ColumnAhead].GetVector(), n);
             const T ti = tv[i];
             if (IsMisVal(ti))
@@ -509,6 +680,22 @@ void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>& rowTable, const Vector&
             tt += static_cast<double>(ti * ti);
             ++rowsUsed;
             const T* x = row.GetVector();
+            if constexpr (std::is_same_v<T, float>) {
+                if (blocks) {
+                    nextRows[static_cast<std::size_t>(pending)] = x;
+                    nextScores[static_cast<std::size_t>(pending)] = ti;
+                    if (++pending == FlushEvery) {
+                        if (blockReady)
+                            blocks->back()(my12.data(), mySquares.data(), blockRows.data(), blockScores.data(),
+                                           prefetch ? nextRows.data() : nullptr, n);
+                        std::swap(blockRows, nextRows);
+                        std::swap(blockScores, nextScores);
+                        blockReady = true;
+                        pending = 0;
+                    }
+                    continue;
+                }
+            }
             if (n < ShortRow) {
                 T* p12 = part12.data();
                 if (row.HasNoMissingValues()) {
@@ -534,9 +721,18 @@ void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>& rowTable, const Vector&
                 pending = 0;
             }
         }
-        Flush(my12.data(), part12.data(), n);
-        if (masked)
-            Flush(mySquares.data(), partSquares.data(), n);
+        if constexpr (std::is_same_v<T, float>) {
+            if (blocks && blockReady)
+                blocks->back()(my12.data(), mySquares.data(), blockRows.data(), blockScores.data(), nullptr, n);
+            if (blocks && pending > 0)
+                (*blocks)[static_cast<std::size_t>(pending - 1)](my12.data(), mySquares.data(), nextRows.data(),
+                                                                 nextScores.data(), nullptr, n);
+        }
+        if (!blocks) {
+            Flush(my12.data(), part12.data(), n);
+            if (masked)
+                Flush(mySquares.data(), partSquares.data(), n);
+        }
 #pragma omp critical(NCDataMatrix_NipalsColumns)
         {
             for (int j = 1; j <= n; ++j)
