@@ -462,11 +462,44 @@ using ColumnBlockKernels = std::array<ColumnBlockKernel, FlushEvery>;
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__SANITIZE_THREAD__)
 #define VELTAN_COLUMN_BLOCKS 1
 
+// The pieces both forms share. AVX2 is the lesser target, so they inline
+// into either.
+#define VELTAN_BLOCK_PIECE __attribute__((target("avx2"), always_inline)) inline
+
+// The scores of the block and their squares, one per vector.
+template <int R>
+VELTAN_BLOCK_PIECE void BroadcastScores(const float* t, __m256* tv, __m256* qv)
+{
+    for (int r = 0; r < R; ++r) {
+        tv[r] = _mm256_set1_ps(t[r]);
+        qv[r] = _mm256_set1_ps(t[r] * t[r]);
+    }
+}
+
+// Asks for the line at column j of each row of the next block.
+VELTAN_BLOCK_PIECE void PrefetchStrip(const float* const* next, int j)
+{
+    if (next)
+        for (int r = 0; r < FlushEvery; ++r)
+            __builtin_prefetch(next[r] + j, 0, ColumnLocality);
+}
+
 // total[0 .. 7] += v, widened to double.
-#define VELTAN_WIDEN_INTO(total, v)                                                                                    \
-    _mm256_storeu_pd((total), _mm256_add_pd(_mm256_loadu_pd(total), _mm256_cvtps_pd(_mm256_castps256_ps128(v))));      \
-    _mm256_storeu_pd((total) + 4,                                                                                      \
-                     _mm256_add_pd(_mm256_loadu_pd((total) + 4), _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1))))
+VELTAN_BLOCK_PIECE void WidenInto(double* total, __m256 v)
+{
+    _mm256_storeu_pd(total, _mm256_add_pd(_mm256_loadu_pd(total), _mm256_cvtps_pd(_mm256_castps256_ps128(v))));
+    const __m128 high = _mm256_extractf128_ps(v, 1);
+    _mm256_storeu_pd(total + 4, _mm256_add_pd(_mm256_loadu_pd(total + 4), _mm256_cvtps_pd(high)));
+}
+
+// The strip's sums of columns j .. j+15 into the double sums.
+VELTAN_BLOCK_PIECE void WidenStrip(double* total, double* squares, int j, __m256 s0, __m256 s1, __m256 g0, __m256 g1)
+{
+    WidenInto(total + j, s0);
+    WidenInto(total + j + 8, s1);
+    WidenInto(squares + j, g0);
+    WidenInto(squares + j + 8, g1);
+}
 
 // The cells past the last whole strip, one column at a time.
 inline void ColumnBlockTail(double* total, double* squares, const float* const* x, const float* t, int rows, int j,
@@ -492,15 +525,10 @@ __attribute__((target("avx512f,avx512vl"))) void ColumnBlock512(double* total, d
 {
     const __m256 missing = _mm256_set1_ps(NCMisVal<float>);
     __m256 tv[R], qv[R];
-    for (int r = 0; r < R; ++r) {
-        tv[r] = _mm256_set1_ps(t[r]);
-        qv[r] = _mm256_set1_ps(t[r] * t[r]);
-    }
+    BroadcastScores<R>(t, tv, qv);
     int j = 1;
     for (; j + 15 <= n; j += 16) {
-        if (next)
-            for (int r = 0; r < FlushEvery; ++r)
-                __builtin_prefetch(next[r] + j, 0, ColumnLocality);
+        PrefetchStrip(next, j);
         __m256 s0 = _mm256_setzero_ps(), s1 = s0, g0 = s0, g1 = s0;
 #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
@@ -512,29 +540,22 @@ __attribute__((target("avx512f,avx512vl"))) void ColumnBlock512(double* total, d
             g0 = _mm256_mask_add_ps(g0, m0, g0, qv[r]);
             g1 = _mm256_mask_add_ps(g1, m1, g1, qv[r]);
         }
-        VELTAN_WIDEN_INTO(total + j, s0);
-        VELTAN_WIDEN_INTO(total + j + 8, s1);
-        VELTAN_WIDEN_INTO(squares + j, g0);
-        VELTAN_WIDEN_INTO(squares + j + 8, g1);
+        WidenStrip(total, squares, j, s0, s1, g0, g1);
     }
     ColumnBlockTail(total, squares, x, t, R, j, n);
 }
 
+// With comparison masks as vectors, selected by bitwise operations.
 template <int R>
 __attribute__((target("avx2"))) void ColumnBlock256(double* total, double* squares, const float* const* x,
                                                     const float* t, const float* const* next, int n)
 {
     const __m256 missing = _mm256_set1_ps(NCMisVal<float>);
     __m256 tv[R], qv[R];
-    for (int r = 0; r < R; ++r) {
-        tv[r] = _mm256_set1_ps(t[r]);
-        qv[r] = _mm256_set1_ps(t[r] * t[r]);
-    }
+    BroadcastScores<R>(t, tv, qv);
     int j = 1;
     for (; j + 15 <= n; j += 16) {
-        if (next)
-            for (int r = 0; r < FlushEvery; ++r)
-                __builtin_prefetch(next[r] + j, 0, ColumnLocality);
+        PrefetchStrip(next, j);
         __m256 s0 = _mm256_setzero_ps(), s1 = s0, g0 = s0, g1 = s0;
 #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
@@ -545,15 +566,12 @@ __attribute__((target("avx2"))) void ColumnBlock256(double* total, double* squar
             g0 = _mm256_add_ps(g0, _mm256_and_ps(m0, qv[r]));
             g1 = _mm256_add_ps(g1, _mm256_and_ps(m1, qv[r]));
         }
-        VELTAN_WIDEN_INTO(total + j, s0);
-        VELTAN_WIDEN_INTO(total + j + 8, s1);
-        VELTAN_WIDEN_INTO(squares + j, g0);
-        VELTAN_WIDEN_INTO(squares + j + 8, g1);
+        WidenStrip(total, squares, j, s0, s1, g0, g1);
     }
     ColumnBlockTail(total, squares, x, t, R, j, n);
 }
 
-#undef VELTAN_WIDEN_INTO
+#undef VELTAN_BLOCK_PIECE
 
 template <std::size_t... R> constexpr ColumnBlockKernels Blocks512(std::index_sequence<R...>)
 {
