@@ -8,9 +8,13 @@
 
 #include <gtest/gtest.h>
 
+#include <omp.h>
+
 #include <algorithm>
 #include <cmath>
+#include <memory>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -148,6 +152,42 @@ TEST(PLSCrossValidation, BadSetupIsRefusedAndABreakCancels)
     EXPECT_EQ(CancelMessage([&] { Next(pls, cv, &progress); }), "PLS component aborted.");
     EXPECT_NE(observer.captions.find("CV round 1 of 3|"), std::string::npos);
     EXPECT_EQ(observer.captions.find("CV round 3 of 3|"), std::string::npos);
+}
+
+// The rounds run side by side, one thread each, so the cross-validation of
+// one model state gives the same bits on one thread and on two; rounds that
+// shared their passes over a team would round differently.
+TEST(PLSCrossValidation, RoundsGiveTheSameBitsOnOneThreadAndOnTwo)
+{
+    NCDataMatrix<float> x = LowRankTable(700, 64, 3, 0.5);
+    NCDataMatrix<float> y = DependentResponses(x, 0.5);
+    KnockOut(x, 0.05);
+    KnockOut(y, 0.05, 12);
+    NCPLS pls(&x, &y, 500);
+    pls.NextComponent(nullptr, nullptr, true, false);
+    const int dynamic = omp_get_dynamic(), threads = omp_get_max_threads();
+    omp_set_dynamic(0);
+    std::vector<std::unique_ptr<CV>> runs;
+    for (int team : {1, 2}) {
+        omp_set_num_threads(team);
+        runs.push_back(std::make_unique<CV>(&pls, 7, nullptr));
+        runs.back()->NextComponent(nullptr, 500, pls.GetTprim()->back(), nullptr, true);
+    }
+    omp_set_dynamic(dynamic);
+    omp_set_num_threads(threads);
+    const CV &one = *runs[0], &two = *runs[1];
+    EXPECT_EQ(one.GetQ2Tot(), two.GetQ2Tot());
+    EXPECT_TRUE(one.GetQ2YVar() == two.GetQ2YVar());
+    EXPECT_TRUE(one.GetTPred() == two.GetTPred());
+    EXPECT_TRUE(SameCells(one.GetYPredResiduals(), two.GetYPredResiduals()));
+    EXPECT_TRUE(SameCells(one.GetWSet(), two.GetWSet()));
+    EXPECT_TRUE(SameCells(one.GetTSet(), two.GetTSet()));
+    EXPECT_EQ(one.GetRoundCells(), two.GetRoundCells());
+    // Each row is left out once and is missing from its own round's scores.
+    ExpectCountsExact(two.GetTSet());
+    EXPECT_EQ(two.GetTSet().GetNumMisVal(), 700);
+    EXPECT_EQ(two.GetTPred().GetNumMisVal(), 0);
+    ExpectCountsExact(two.GetYPredResiduals());
 }
 
 // Gaps in a Y that X explains are filled close to the values knocked out,

@@ -217,15 +217,17 @@ constexpr int ColumnLocality = 1; // prefetcht2
 constexpr int RowAhead = 2;
 constexpr int RowLocality = 3; // prefetcht0
 
-// A matrix this small stays in the second-level caches of a team of two
+// A thread's share of a matrix this small stays in its second-level cache
 // between passes (as in the rounds of a cross-validation), and asking for
-// its rows again only costs instructions.
-constexpr long long PrefetchFromBytes = 2LL << 20;
+// its rows again only costs instructions. A share that does not fit comes
+// from the shared third level, where asking ahead pays.
+constexpr long long PrefetchFromBytes = 1LL << 20;
 
 template <class T>
-bool WorthPrefetching(long long rows, long long cols)
+bool WorthPrefetching(long long rows, long long cols, bool parallel)
 {
-    return rows * cols * static_cast<long long>(sizeof(T)) >= PrefetchFromBytes;
+    const long long threads = parallel ? std::max(1, omp_get_max_threads()) : 1;
+    return rows * cols * static_cast<long long>(sizeof(T)) / threads >= PrefetchFromBytes;
 }
 
 // ---- row projection of rows shorter than ShortRow (the responses of PLS)
@@ -671,7 +673,7 @@ void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>& rowTable, const Vector&
     const int rows = rowTable.count;
 
     const bool parallel = WorthParallel(rows, n);
-    const bool prefetch = WorthPrefetching<T>(rows, n);
+    const bool prefetch = WorthPrefetching<T>(rows, n, parallel);
     const ColumnBlockKernels* blocks = nullptr;
     if constexpr (std::is_same_v<T, float>)
         blocks = masked && n >= ShortRow ? ColumnBlocksHere() : nullptr;
@@ -851,7 +853,7 @@ void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>& rowTable, const Vector& p,
     T* out = result->GetVectorForWriting();
     int missing = 0;
     const bool parallel = WorthParallel(rows, n);
-    const bool prefetch = WorthPrefetching<T>(rows, n);
+    const bool prefetch = WorthPrefetching<T>(rows, n, parallel);
     if (n < ShortRow) {
 #pragma omp parallel if (parallel) reduction(+ : missing)
         missing += ShortRowKernels<T>[static_cast<std::size_t>(n)](rowTable, pv.data(), p2.data(), present.data(), pp,

@@ -6,10 +6,12 @@
 #include "veltancmat/containers/NCDataMatrixRows.h"
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
+#include "veltancmat/containers/frame/SideBySide.h"
 #include "veltancmat/platform/NCError.h"
 
 #include <algorithm>
 #include <cmath>
+#include <optional>
 #include <string>
 
 namespace {
@@ -96,86 +98,126 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
     ResetToMissing(m_pset, m_groups, k);
     ResetToMissing(m_cset, m_groups, m);
     ResetToMissing(m_tset, m_groups, n);
-    m_tpred = NCDataVector<float>(n, NCDataMatrix<float>::MisVal);
-    ResetToMissing(m_yPredResiduals, n, m);
+    // Every row is left out by exactly one round, so every cell of the
+    // predictions is written below; only a new shape needs new storage.
+    if (m_yPredResiduals.SizeRows() != n || m_yPredResiduals.SizeColumns() != m)
+        m_yPredResiduals = NCDataMatrix<float>(n, m, NCDataMatrix<float>::MisVal);
+    if (m_tpred.Size() != n)
+        m_tpred = NCDataVector<float>(n, NCDataMatrix<float>::MisVal);
     std::vector<double> ss(static_cast<std::size_t>(m) + 1, 0.0), press(static_cast<std::size_t>(m) + 1, 0.0);
 
+    // The rounds are independent until their predictions are added up, so
+    // they run side by side (see RunSideBySide); the sums then follow the
+    // rounds in order, whichever finished first.
+    struct Round {
+        std::vector<int> left;
+        bool fitted = false;
+        NCPLS::Component fit;
+        NCDataVector<float> tl; // scores of the left-out rows
+    };
+    std::vector<Round> rounds(static_cast<std::size_t>(m_groups));
+    // Round r leaves out the rows labelled r mod G.
+    for (int i = 1; i <= n; ++i)
+        rounds[static_cast<std::size_t>(m_obsGroups[i] == 0 ? m_groups - 1 : m_obsGroups[i] - 1)].left.push_back(i);
+
+    // Taken before the rounds start: each round writes only its own row.
+    const std::vector<float*> roundScores = m_tset.GetMatrixAsPointerPointer();
+
     ProgressRange(progress, 0.0f, static_cast<float>(m_groups));
-    m_roundCells = 0;
-    std::vector<int> kept, left;
-    kept.reserve(static_cast<std::size_t>(n));
-    for (int r = 1; r <= m_groups; ++r) {
-        ProgressStep step(progress, static_cast<float>(r - 1), Aborted,
-                          ProgressCaption("CV = Cross-validation", "CV round %1% of %2%", r, m_groups));
-        const int label = r % m_groups;
-        kept.clear();
-        left.clear();
-        for (int i = 1; i <= n; ++i)
-            (m_obsGroups[i] == label ? left : kept).push_back(i);
+    const auto caption = [&](int r) {
+        return ProgressCaption("CV = Cross-validation", "CV round %1% of %2%", r, m_groups);
+    };
+    const auto fitRound = [&](int index, bool alone) {
+        Round& round = rounds[static_cast<std::size_t>(index)];
+        const int r = index + 1;
+        // Rounds side by side fit quietly and only poll for a break; the
+        // calling thread reports them as they start.
+        std::optional<ProgressStep> step;
+        if (alone)
+            step.emplace(progress, static_cast<float>(index), Aborted, caption(r));
+        else
+            CheckBreak(progress, Aborted);
         // A group without members predicts nothing; one holding every row
         // leaves nothing to fit on.
-        if (left.empty() || kept.empty())
-            continue;
+        const int label = r % m_groups;
+        std::vector<int> kept;
+        kept.reserve(static_cast<std::size_t>(n) - round.left.size());
+        for (int i = 1; i <= n; ++i)
+            if (m_obsGroups[i] != label)
+                kept.push_back(i);
+        if (round.left.empty() || kept.empty())
+            return;
         // The round is the first component of a model on the kept rows,
-        // fitted on them in place rather than on copies.
+        // fitted on them in place rather than on copies. Without a progress
+        // object of its own the fit would create one per round; the rounds
+        // report into ours or stay quiet.
         const IndexList keptRows(kept.data(), static_cast<int>(kept.size()));
-        // Without a progress object of its own the fit would create one
-        // per round; the rounds report into ours or stay quiet.
-        NCPLS::Component round =
-            NCPLS::FitComponent(NCDataMatrixRows<float>(e, keptRows), NCDataMatrixRows<float>(f, keptRows), 1,
-                                maxIterations, progress, start, progress == nullptr, strict);
-        m_roundCells += (2LL * round.iterations + 2) * static_cast<long long>(kept.size()) * k +
-                        static_cast<long long>(left.size()) * k;
-        NCDataVector<float>& w = round.w;
-        NCDataVector<float>& p = round.p;
-        NCDataVector<float>& c = round.c;
-        NCDataVector<float>& t = round.t;
-
+        round.fit = NCPLS::FitComponent(NCDataMatrixRows<float>(e, keptRows), NCDataMatrixRows<float>(f, keptRows),
+                                        1, maxIterations, progress, start, progress == nullptr || !alone, strict);
+        NCPLS::Component& fit = round.fit;
         // The round's component takes the sign of the model's, so that the
         // sets can be compared round by round.
         double dot = 0.0;
         for (std::size_t s = 0; s < kept.size(); ++s) {
-            const float a = t[static_cast<int>(s) + 1], b = scores[kept[s]];
+            const float a = fit.t[static_cast<int>(s) + 1], b = scores[kept[s]];
             dot += IsMisVal(a) || IsMisVal(b) ? 0.0 : static_cast<double>(a) * b;
         }
         if (dot < 0.0) {
-            w *= -1.0;
-            p *= -1.0;
-            c *= -1.0;
-            t *= -1.0;
+            fit.w *= -1.0;
+            fit.p *= -1.0;
+            fit.c *= -1.0;
+            fit.t *= -1.0;
         }
-        m_wset.SetRow(r, w);
-        m_pset.SetRow(r, p);
-        m_cset.SetRow(r, c);
-        NCDataVector<float> scoresOfRound(n, NCDataMatrix<float>::MisVal);
-        float* roundScores = scoresOfRound.GetVectorForWriting();
+        float* scoresOfRound = roundScores[static_cast<std::size_t>(r)];
         for (std::size_t s = 0; s < kept.size(); ++s)
-            roundScores[kept[s]] = t[static_cast<int>(s) + 1];
-        scoresOfRound.RecountMissing();
-        m_tset.SetRow(r, scoresOfRound);
+            scoresOfRound[kept[s]] = fit.t[static_cast<int>(s) + 1];
+        // The left-out rows get scores from weights that never saw them.
+        const IndexList leftRows(round.left.data(), static_cast<int>(round.left.size()));
+        NCDataMatrixRows<float>(e, leftRows).SpecialNipalsRegressRowsFix(fit.w, &round.tl);
+        round.fitted = true;
+    };
+    NCMultiThreading::RunSideBySide(m_groups, fitRound, [&](int index) {
+        ProgressStep announced(progress, static_cast<float>(index), Aborted, caption(index + 1));
+    });
 
-        // The left-out rows get scores from weights that never saw them,
-        // and their Y residuals are predicted from those scores.
-        const IndexList leftRows(left.data(), static_cast<int>(left.size()));
-        NCDataVector<float> tl;
-        NCDataMatrixRows<float>(e, leftRows).SpecialNipalsRegressRowsFix(w, &tl);
-        for (std::size_t s = 0; s < left.size(); ++s) {
-            const int i = left[s];
-            const float ti = tl[static_cast<int>(s) + 1];
-            m_tpred(i, ti);
-            if (IsMisVal(ti))
-                continue;
+    m_roundCells = 0;
+    float* tpred = m_tpred.GetVectorForWriting();
+    const std::vector<float*> predicted = m_yPredResiduals.GetMatrixAsPointerPointer();
+    for (int r = 1; r <= m_groups; ++r) {
+        const Round& round = rounds[static_cast<std::size_t>(r - 1)];
+        if (!round.fitted) {
+            for (int i : round.left) {
+                tpred[i] = NCDataMatrix<float>::MisVal;
+                std::fill_n(predicted[static_cast<std::size_t>(i)] + 1, m, NCDataMatrix<float>::MisVal);
+            }
+            continue;
+        }
+        const NCPLS::Component& fit = round.fit;
+        const long long kept = static_cast<long long>(n) - static_cast<long long>(round.left.size());
+        m_roundCells += (2LL * fit.iterations + 2) * kept * k + static_cast<long long>(round.left.size()) * k;
+        m_wset.SetRow(r, fit.w);
+        m_pset.SetRow(r, fit.p);
+        m_cset.SetRow(r, fit.c);
+
+        // The left-out rows' Y residuals are predicted from their scores.
+        const float* c = fit.c.GetVector();
+        for (std::size_t s = 0; s < round.left.size(); ++s) {
+            const int i = round.left[s];
+            const float ti = round.tl[static_cast<int>(s) + 1];
+            const float* y = f[i].GetVector();
+            float* out = predicted[static_cast<std::size_t>(i)];
+            tpred[i] = ti;
             for (int j = 1; j <= m; ++j) {
-                const float y = f[i][j];
-                if (IsMisVal(y) || IsMisVal(c[j]))
-                    continue;
-                const float residual = y - ti * c[j];
-                m_yPredResiduals(i, j, residual);
-                ss[static_cast<std::size_t>(j)] += static_cast<double>(y) * y;
-                press[static_cast<std::size_t>(j)] += static_cast<double>(residual) * residual;
+                const bool present = !IsMisVal(ti) && !IsMisVal(y[j]) && !IsMisVal(c[j]);
+                const float residual = y[j] - ti * c[j];
+                out[j] = present ? residual : NCDataMatrix<float>::MisVal;
+                ss[static_cast<std::size_t>(j)] += present ? static_cast<double>(y[j]) * y[j] : 0.0;
+                press[static_cast<std::size_t>(j)] += present ? static_cast<double>(residual) * residual : 0.0;
             }
         }
     }
+    m_tpred.RecountMissing();
+    m_tset.RecountMissing();
     m_yPredResiduals.RecountMissing();
     NCCrossValidation::UpdateQ2(ss, press, m_ssYOriginal, m_q2YVar, m_q2YVarCum, m_q2, m_q2Cum);
 }
