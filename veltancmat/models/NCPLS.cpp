@@ -158,9 +158,6 @@ NCPLS::Component NCPLS::FitComponent(const NCDataMatrixRows<float>& e, const NCD
 {
     const bool singleResponse = f.SizeColumns() == 1;
     const double ssX = e.GetSS();
-    const double normX = IsMisVal(ssX) ? 0.0 : std::sqrt(ssX);
-    // Below this correlation the weights are noise: X carries no information about Y.
-    const double minCorrelation = 1e-6 / std::sqrt(static_cast<double>(e.SizeColumns()));
     const CancelText aborted("Calculation of", "PLS component aborted.");
 
     Component fit;
@@ -175,24 +172,15 @@ NCPLS::Component NCPLS::FitComponent(const NCDataMatrixRows<float>& e, const NCD
     for (;; ++iteration) {
         previous = u;
         e.SpecialNipalsRegressColumnsFix(u, &w);
-
-        const double r = std::sqrt(PresentSS(u)) * std::sqrt(PresentSS(w)) / normX;
-        if (strict && !(std::isnormal(r) && r >= minCorrelation))
-            throw NCError(ExceptionMessage::translate(
-                              "The correlation between X and Y is zero or almost zero.\nComponent {1} cannot be computed.") %
-                              std::to_string(component),
-                          NCError::Warning);
+        if (strict)
+            CheckCorrelation(u, w, ssX, e.SizeColumns(), component);
 
         w.Normalize();
         e.SpecialNipalsRegressRowsFix(w, &t);
         f.SpecialNipalsRegressColumnsFix(t, &c);
         f.SpecialNipalsRegressRowsFix(c, &u);
 
-        float v = 0.0f;
-        if (!singleResponse) {
-            const double x = u.Difference(previous);
-            v = x >= 1e-30 ? static_cast<float>((std::log10(x) + 10.0) * 10.0) : -1.0f;
-        }
+        const float v = Movement(u, previous, singleResponse);
 
         if (!quiet) {
             if (iteration == 1) {
@@ -214,6 +202,28 @@ NCPLS::Component NCPLS::FitComponent(const NCDataMatrixRows<float>& e, const NCD
     e.SpecialNipalsRegressColumnsFix(t, &fit.p);
     fit.iterations = iteration;
     return fit;
+}
+
+void NCPLS::CheckCorrelation(const NCDataVector<float>& u, const NCDataVector<float>& w, double ssX, int k,
+                             int component)
+{
+    const double normX = IsMisVal(ssX) ? 0.0 : std::sqrt(ssX);
+    // Below this correlation the weights are noise: X carries no information about Y.
+    const double minCorrelation = 1e-6 / std::sqrt(static_cast<double>(k));
+    const double r = std::sqrt(PresentSS(u)) * std::sqrt(PresentSS(w)) / normX;
+    if (!(std::isnormal(r) && r >= minCorrelation))
+        throw NCError(ExceptionMessage::translate(
+                          "The correlation between X and Y is zero or almost zero.\nComponent {1} cannot be computed.") %
+                          std::to_string(component),
+                      NCError::Warning);
+}
+
+float NCPLS::Movement(const NCDataVector<float>& u, const NCDataVector<float>& previous, bool singleResponse)
+{
+    if (singleResponse)
+        return 0.0f;
+    const double x = u.Difference(previous);
+    return x >= 1e-30 ? static_cast<float>((std::log10(x) + 10.0) * 10.0) : -1.0f;
 }
 
 void NCPLS::CalculateResiduals()

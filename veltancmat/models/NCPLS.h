@@ -120,6 +120,15 @@ private:
                                   bool quiet, bool strict);
     static NCDataVector<float> StartScores(const NCDataMatrixRows<float>& e, const NCDataMatrixRows<float>& f,
                                            const NCDataVector<float>* start);
+    // The correlation guard of component `component`: throws the level-1
+    // error when the Y scores u and the X weights w (before normalising)
+    // correlate too weakly, X having the sum of squares ssX over k variables.
+    static void CheckCorrelation(const NCDataVector<float>& u, const NCDataVector<float>& w, double ssX, int k,
+                                 int component);
+    // How far u moved from the previous iteration's Y scores, on the scale
+    // of the progress value: at or below zero once converged (always zero
+    // for a single response).
+    static float Movement(const NCDataVector<float>& u, const NCDataVector<float>& previous, bool singleResponse);
     void EmptyComponents();
 
     std::unique_ptr<NCDataMatrix<float>> m_cprim;

@@ -6,10 +6,13 @@
 #include "veltancmat/containers/NCDataMatrixRows.h"
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
-#include "veltancmat/containers/frame/SideBySide.h"
+#include "veltancmat/containers/NCNipalsBatch.h"
+#include "veltancmat/models/NipalsStart.h"
 #include "veltancmat/platform/NCError.h"
 
 #include <algorithm>
+#include <array>
+#include <memory>
 #include <cmath>
 #include <optional>
 #include <string>
@@ -41,6 +44,194 @@ void ResetToMissing(NCDataMatrix<float>& m, int rows, int cols)
 }
 
 } // namespace
+
+// A round leaves out one group of rows and fits the first component of a
+// PLS model on the rest.
+struct PLSCrossValidation::Round {
+    int index = 0; // 1-based
+    std::vector<int> left; // in order
+    bool fitted = false; // false when nothing is left out or nothing kept
+    bool done = false;
+    NCPLS::Component fit; // w, p, c and the iterations
+    NCDataVector<float> tl; // scores of the left-out rows
+};
+
+// Fits the rounds side by side: each step of NIPALS is one pass over X (or
+// Y) for every round still iterating, through `x` (or `y`). A round's
+// vectors run over all the rows, a left-out row's score missing, so that
+// the column projections skip it; the row projections give the left-out
+// rows scores too, which are the round's predictions once it has
+// converged. A round whose weights fail the correlation guard stops there,
+// and once every round has stopped the error of the first of them is
+// thrown, as fitting the rounds one by one would have done. Each fitted
+// round takes the sign of the model's component and writes its row of the
+// score set.
+void PLSCrossValidation::FitRounds(const NCNipalsBatch& x, const NCNipalsBatch& y, std::span<Round> rounds,
+                                   const NCDataVector<float>* start, int maxIterations,
+                                   const NCDataVector<float>& scores, NCProgress* progress, bool strict,
+                                   const std::function<void()>& roundsDone)
+{
+    constexpr float Missing = NCDataMatrix<float>::MisVal;
+    const NCDataMatrix<float>& f = *m_model->GetYResiduals();
+    const int n = f.SizeRows(), m = f.SizeColumns();
+    struct Fit {
+        Round* round;
+        NCDataVector<float> u, previous, t; // t: without the left-out rows once they are set apart
+        std::vector<float> left;            // the left-out rows' scores
+        double ssX = 0.0;
+        std::optional<NCError> failure;
+        // v without the left-out rows
+        void Keep(NCDataVector<float>& v) const
+        {
+            float* cells = v.GetVectorForWriting();
+            for (int i : round->left)
+                cells[i] = Missing;
+            v.RecountMissing();
+        }
+    };
+    std::vector<Fit> fits;
+    for (Round& round : rounds) {
+        round.done = !round.left.empty() && static_cast<int>(round.left.size()) < n ? false : true;
+        if (round.done)
+            continue;
+        Fit& fit = fits.emplace_back();
+        fit.round = &round;
+    }
+    roundsDone();
+    if (fits.empty())
+        return;
+
+    // The start scores, from the kept rows of Y. A start weight vector gives
+    // a row the same X score in every round, so that is projected once.
+    NCDataVector<float> startScores;
+    if (start && m > 1)
+        x.Rows(std::span<const NCDataVector<float>* const>(&start, 1),
+               std::span<NCDataVector<float>* const>(std::array{&startScores}));
+    for (Fit& fit : fits) {
+        const Round& round = *fit.round;
+        std::vector<int> kept;
+        kept.reserve(static_cast<std::size_t>(n) - round.left.size());
+        for (int i = 1, s = 0; i <= n; ++i) {
+            if (s < static_cast<int>(round.left.size()) && round.left[static_cast<std::size_t>(s)] == i)
+                ++s;
+            else
+                kept.push_back(i);
+        }
+        for (int i : kept)
+            fit.ssX += x.RowSS(i);
+        const IndexList keptRows(kept.data(), static_cast<int>(kept.size()));
+        const NCDataMatrixRows<float> fKept(f, keptRows);
+        NCDataVector<float> u;
+        if (start && m > 1) {
+            NCDataVector<float> t(static_cast<int>(kept.size())), c;
+            for (std::size_t s = 0; s < kept.size(); ++s)
+                t(static_cast<int>(s) + 1, startScores[kept[s]]);
+            fKept.SpecialNipalsRegressColumnsFix(t, &c);
+            fKept.SpecialNipalsRegressRowsFix(c, &u);
+        } else {
+            u = NCNipals::FilledStartColumn(fKept);
+        }
+        fit.u = NCDataVector<float>(n, Missing);
+        float* all = fit.u.GetVectorForWriting();
+        for (std::size_t s = 0; s < kept.size(); ++s)
+            all[kept[s]] = u[static_cast<int>(s) + 1];
+        fit.u.RecountMissing();
+    }
+
+    std::vector<Fit*> active;
+    for (Fit& fit : fits)
+        active.push_back(&fit);
+    std::vector<const NCDataVector<float>*> in;
+    std::vector<NCDataVector<float>*> out;
+    const auto step = [&](const NCNipalsBatch& batch, bool columns, auto from, auto to) {
+        in.clear();
+        out.clear();
+        for (Fit* fit : active) {
+            in.push_back(&from(*fit));
+            out.push_back(&to(*fit));
+        }
+        columns ? batch.Columns(in, out) : batch.Rows(in, out);
+    };
+    // The rounds' own arithmetic between the passes (a few vectors of N)
+    // is shared out too: on one thread it left the others waiting for a
+    // third of the time.
+    const auto eachFit = [&](auto&& body) {
+        const int count = static_cast<int>(active.size());
+#pragma omp parallel for schedule(static) if (count > 1 && n >= 1000)
+        for (int a = 0; a < count; ++a)
+            body(*active[static_cast<std::size_t>(a)]);
+    };
+    for (int iteration = 1; !active.empty(); ++iteration) {
+        step(x, true, [](Fit& fit) -> NCDataVector<float>& { return fit.u; },
+             [](Fit& fit) -> NCDataVector<float>& { return fit.round->fit.w; });
+        eachFit([&](Fit& fit) {
+            if (strict) {
+                try {
+                    NCPLS::CheckCorrelation(fit.u, fit.round->fit.w, fit.ssX, x.SizeColumns(), 1);
+                } catch (const NCError& error) {
+                    fit.failure = error;
+                    return;
+                }
+            }
+            fit.round->fit.w.Normalize();
+        });
+        std::erase_if(active, [](const Fit* fit) { return fit->failure.has_value(); });
+        step(x, false, [](Fit& fit) -> NCDataVector<float>& { return fit.round->fit.w; },
+             [](Fit& fit) -> NCDataVector<float>& { return fit.t; });
+        // The left-out rows' scores are set apart (they are the round's
+        // predictions if it stops here); the rest go on to Y.
+        eachFit([&](Fit& fit) {
+            fit.left.resize(fit.round->left.size());
+            for (std::size_t s = 0; s < fit.left.size(); ++s)
+                fit.left[s] = fit.t[fit.round->left[s]];
+            fit.Keep(fit.t);
+            std::swap(fit.u, fit.previous);
+        });
+        step(y, true, [](Fit& fit) -> NCDataVector<float>& { return fit.t; },
+             [](Fit& fit) -> NCDataVector<float>& { return fit.round->fit.c; });
+        step(y, false, [](Fit& fit) -> NCDataVector<float>& { return fit.round->fit.c; },
+             [](Fit& fit) -> NCDataVector<float>& { return fit.u; });
+        eachFit([&](Fit& fit) {
+            fit.Keep(fit.u);
+            const float v = NCPLS::Movement(fit.u, fit.previous, m == 1);
+            fit.round->fit.iterations = v > 0.0f && iteration < maxIterations ? 0 : iteration;
+        });
+        std::erase_if(active, [](const Fit* fit) { return fit->round->fit.iterations > 0; });
+        CheckBreak(progress, Aborted);
+    }
+    for (const Fit& fit : fits)
+        if (fit.failure)
+            throw *fit.failure;
+
+    // Loadings from the final scores of the kept rows.
+    active.clear();
+    for (Fit& fit : fits)
+        active.push_back(&fit);
+    step(x, true, [](Fit& fit) -> NCDataVector<float>& { return fit.t; },
+         [](Fit& fit) -> NCDataVector<float>& { return fit.round->fit.p; });
+
+    const std::vector<float*> roundScores = m_tset.GetMatrixAsPointerPointer();
+    for (Fit& fit : fits) {
+        Round& round = *fit.round;
+        NCPLS::Component& c = round.fit;
+        // The round's component takes the sign of the model's, so that the
+        // sets can be compared round by round.
+        const float* t = fit.t.GetVector();
+        double dot = 0.0;
+        for (int i = 1; i <= n; ++i)
+            dot += IsMisVal(t[i]) || IsMisVal(scores[i]) ? 0.0 : static_cast<double>(t[i]) * scores[i];
+        round.tl = NCDataVector<float>(static_cast<int>(fit.left.size()));
+        std::copy(fit.left.begin(), fit.left.end(), round.tl.GetVectorForWriting() + 1);
+        round.tl.RecountMissing();
+        if (dot < 0.0) {
+            for (NCDataVector<float>* v : {&c.w, &c.p, &c.c, &fit.t, &round.tl})
+                *v *= -1.0;
+        }
+        std::copy_n(fit.t.GetVector() + 1, n, roundScores[static_cast<std::size_t>(round.index)] + 1);
+        round.fitted = round.done = true;
+    }
+    roundsDone();
+}
 
 PLSCrossValidation::PLSCrossValidation(NCPLS* model, int groups, const IndexList* observationGroups)
     : m_model(model), m_groups(groups)
@@ -106,79 +297,30 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
         m_tpred = NCDataVector<float>(n, NCDataMatrix<float>::MisVal);
     std::vector<double> ss(static_cast<std::size_t>(m) + 1, 0.0), press(static_cast<std::size_t>(m) + 1, 0.0);
 
-    // The rounds are independent until their predictions are added up, so
-    // they run side by side (see RunSideBySide); the sums then follow the
-    // rounds in order, whichever finished first.
-    struct Round {
-        std::vector<int> left;
-        bool fitted = false;
-        NCPLS::Component fit;
-        NCDataVector<float> tl; // scores of the left-out rows
-    };
-    std::vector<Round> rounds(static_cast<std::size_t>(m_groups));
     // Round r leaves out the rows labelled r mod G.
+    std::vector<Round> rounds(static_cast<std::size_t>(m_groups));
+    for (int r = 0; r < m_groups; ++r)
+        rounds[static_cast<std::size_t>(r)].index = r + 1;
     for (int i = 1; i <= n; ++i)
         rounds[static_cast<std::size_t>(m_obsGroups[i] == 0 ? m_groups - 1 : m_obsGroups[i] - 1)].left.push_back(i);
 
-    // Taken before the rounds start: each round writes only its own row.
-    const std::vector<float*> roundScores = m_tset.GetMatrixAsPointerPointer();
-
     ProgressRange(progress, 0.0f, static_cast<float>(m_groups));
-    const auto caption = [&](int r) {
-        return ProgressCaption("CV = Cross-validation", "CV round %1% of %2%", r, m_groups);
-    };
-    const auto fitRound = [&](int index, bool alone) {
-        Round& round = rounds[static_cast<std::size_t>(index)];
-        const int r = index + 1;
-        // Rounds side by side fit quietly and only poll for a break; the
-        // calling thread reports them as they start.
-        std::optional<ProgressStep> step;
-        if (alone)
-            step.emplace(progress, static_cast<float>(index), Aborted, caption(r));
-        else
-            CheckBreak(progress, Aborted);
-        // A group without members predicts nothing; one holding every row
-        // leaves nothing to fit on.
-        const int label = r % m_groups;
-        std::vector<int> kept;
-        kept.reserve(static_cast<std::size_t>(n) - round.left.size());
-        for (int i = 1; i <= n; ++i)
-            if (m_obsGroups[i] != label)
-                kept.push_back(i);
-        if (round.left.empty() || kept.empty())
-            return;
-        // The round is the first component of a model on the kept rows,
-        // fitted on them in place rather than on copies. Without a progress
-        // object of its own the fit would create one per round; the rounds
-        // report into ours or stay quiet.
-        const IndexList keptRows(kept.data(), static_cast<int>(kept.size()));
-        round.fit = NCPLS::FitComponent(NCDataMatrixRows<float>(e, keptRows), NCDataMatrixRows<float>(f, keptRows),
-                                        1, maxIterations, progress, start, progress == nullptr || !alone, strict);
-        NCPLS::Component& fit = round.fit;
-        // The round's component takes the sign of the model's, so that the
-        // sets can be compared round by round.
-        double dot = 0.0;
-        for (std::size_t s = 0; s < kept.size(); ++s) {
-            const float a = fit.t[static_cast<int>(s) + 1], b = scores[kept[s]];
-            dot += IsMisVal(a) || IsMisVal(b) ? 0.0 : static_cast<double>(a) * b;
+    // The rounds share their passes over X, a pass serving every round of a
+    // batch, so each round is reported once it is done, in order.
+    int announced = 0;
+    const auto announce = [&] {
+        while (announced < m_groups && rounds[static_cast<std::size_t>(announced)].done) {
+            ProgressStep step(progress, static_cast<float>(announced), Aborted,
+                              ProgressCaption("CV = Cross-validation", "CV round %1% of %2%", announced + 1, m_groups));
+            ++announced;
         }
-        if (dot < 0.0) {
-            fit.w *= -1.0;
-            fit.p *= -1.0;
-            fit.c *= -1.0;
-            fit.t *= -1.0;
-        }
-        float* scoresOfRound = roundScores[static_cast<std::size_t>(r)];
-        for (std::size_t s = 0; s < kept.size(); ++s)
-            scoresOfRound[kept[s]] = fit.t[static_cast<int>(s) + 1];
-        // The left-out rows get scores from weights that never saw them.
-        const IndexList leftRows(round.left.data(), static_cast<int>(round.left.size()));
-        NCDataMatrixRows<float>(e, leftRows).SpecialNipalsRegressRowsFix(fit.w, &round.tl);
-        round.fitted = true;
     };
-    NCMultiThreading::RunSideBySide(m_groups, fitRound, [&](int index) {
-        ProgressStep announced(progress, static_cast<float>(index), Aborted, caption(index + 1));
-    });
+    const NCNipalsBatch xBatch(e), yBatch(f);
+    for (int first = 0; first < m_groups; first += NCNipalsBatch::MaxVectors)
+        FitRounds(xBatch, yBatch, std::span(rounds).subspan(static_cast<std::size_t>(first),
+                                                      static_cast<std::size_t>(std::min(NCNipalsBatch::MaxVectors,
+                                                                                        m_groups - first))),
+                  start, maxIterations, scores, progress, strict, announce);
 
     m_roundCells = 0;
     float* tpred = m_tpred.GetVectorForWriting();

@@ -8,7 +8,11 @@
 #include "veltancmat/platform/Export.h"
 #include "veltancmat/platform/NCProgress.h"
 
+#include <functional>
+#include <span>
 #include <vector>
+
+class NCNipalsBatch;
 
 // Cross-validation of the components of an NCPLS, one component per call.
 //
@@ -98,7 +102,11 @@ public:
                                                        const NCDataVector<float>& q2Responses, float q2Limit);
 
 private:
+    struct Round;
     void Init(const IndexList* observationGroups);
+    void FitRounds(const NCNipalsBatch& x, const NCNipalsBatch& y, std::span<Round> rounds, const NCDataVector<float>* start,
+                   int maxIterations, const NCDataVector<float>& scores, NCProgress* progress, bool strict,
+                   const std::function<void()>& roundsDone);
 
     NCPLS* m_model;
     int m_groups;

@@ -1,0 +1,403 @@
+#include "veltancmat/containers/NCNipalsBatch.h"
+
+#include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/containers/frame/Simd.h"
+#include "veltancmat/platform/NCError.h"
+
+#include <omp.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <utility>
+
+namespace {
+
+// Explicit 32-byte vectors, as in the single-vector kernels; the helpers
+// taking them are always inlined, so the ABI warning about passing them
+// does not apply.
+#pragma GCC diagnostic ignored "-Wpsabi"
+using FloatVec = float __attribute__((vector_size(32)));
+using DoubleVec = double __attribute__((vector_size(32)));
+using IntVec = int __attribute__((vector_size(32)));
+constexpr int Width = 8;
+constexpr int MaxVectors = NCNipalsBatch::MaxVectors;
+
+// Products are summed in float over this many rows (column projection) or
+// strips of a row (row projection) before they are widened into double:
+// the vectors stay in registers, and no float sum runs over more than eight
+// terms.
+constexpr int FlushEvery = 8;
+
+inline __attribute__((always_inline)) FloatVec Load(const float* p)
+{
+    FloatVec v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+
+// The cells of x with the missing ones as zero.
+inline __attribute__((always_inline)) FloatVec Present(FloatVec x)
+{
+    const IntVec gap = x == (FloatVec{} + NCMisVal<float>);
+    return reinterpret_cast<FloatVec>(reinterpret_cast<IntVec>(x) & ~gap);
+}
+
+inline __attribute__((always_inline)) void Widen(DoubleVec* total, FloatVec v)
+{
+    total[0] += __builtin_convertvector(__builtin_shufflevector(v, v, 0, 1, 2, 3), DoubleVec);
+    total[1] += __builtin_convertvector(__builtin_shufflevector(v, v, 4, 5, 6, 7), DoubleVec);
+}
+
+// total[0 .. 7] += v, in memory.
+inline __attribute__((always_inline)) void WidenInto(double* total, FloatVec v)
+{
+    DoubleVec t[2];
+    std::memcpy(t, total, sizeof t);
+    Widen(t, v);
+    std::memcpy(total, t, sizeof t);
+}
+
+inline __attribute__((always_inline)) float Cell(const float* x, int j, bool masked)
+{
+    return masked ? PresentOrZero(x[j]) : x[j];
+}
+
+// For the B <= FlushEvery rows x[0 .. B-1], adds x[b][j] * s[b * R + r] to
+// totals[r * stride + j] for every column j and vector r. Each strip of
+// eight columns keeps one float sum per vector in registers over the rows,
+// so every cell loaded serves all R vectors. With Masked, missing cells count
+// as zero.
+template <int R, bool Masked>
+VELTAN_SIMD_CLONES void ColumnBlock(double* __restrict totals, int stride, const float* const* x,
+                                    const float* __restrict s, int rows, int n)
+{
+    int j = 1;
+    for (; j + Width - 1 <= n; j += Width) {
+        FloatVec sum[R] = {};
+        for (int b = 0; b < rows; ++b) {
+            FloatVec xv = Load(x[b] + j);
+            if constexpr (Masked)
+                xv = Present(xv);
+            for (int r = 0; r < R; ++r)
+                sum[r] += xv * s[b * R + r];
+        }
+        for (int r = 0; r < R; ++r)
+            WidenInto(totals + static_cast<std::ptrdiff_t>(r) * stride + j, sum[r]);
+    }
+    for (; j <= n; ++j) {
+        float sum[R] = {};
+        for (int b = 0; b < rows; ++b) {
+            const float v = Cell(x[b], j, Masked);
+            for (int r = 0; r < R; ++r)
+                sum[r] += v * s[b * R + r];
+        }
+        for (int r = 0; r < R; ++r)
+            totals[static_cast<std::ptrdiff_t>(r) * stride + j] += sum[r];
+    }
+}
+
+// sums[r] = the sum over the columns of x[j] * p[r][j]. With Masked, missing
+// cells of x count as zero.
+template <int R, bool Masked>
+VELTAN_SIMD_CLONES void Dots(const float* __restrict x, const float* const* p, int n, double* sums)
+{
+    FloatVec sum[R] = {};
+    DoubleVec total[R][2] = {};
+    int j = 1, strips = 0;
+    for (; j + Width - 1 <= n; j += Width) {
+        FloatVec xv = Load(x + j);
+        if constexpr (Masked)
+            xv = Present(xv);
+        for (int r = 0; r < R; ++r)
+            sum[r] += xv * Load(p[r] + j);
+        if (++strips == FlushEvery) {
+            for (int r = 0; r < R; ++r) {
+                Widen(total[r], sum[r]);
+                sum[r] = FloatVec{};
+            }
+            strips = 0;
+        }
+    }
+    for (int r = 0; r < R; ++r) {
+        Widen(total[r], sum[r]);
+        const DoubleVec t = total[r][0] + total[r][1];
+        sums[r] = (t[0] + t[1]) + (t[2] + t[3]);
+    }
+    for (; j <= n; ++j) {
+        const float v = Cell(x, j, Masked);
+        for (int r = 0; r < R; ++r)
+            sums[r] += v * p[r][j];
+    }
+}
+
+using ColumnKernel = void (*)(double*, int, const float* const*, const float*, int, int);
+using DotKernel = void (*)(const float*, const float* const*, int, double*);
+
+template <bool Masked, std::size_t... R>
+constexpr std::array<ColumnKernel, MaxVectors> ColumnKernels(std::index_sequence<R...>)
+{
+    return {&ColumnBlock<static_cast<int>(R) + 1, Masked>...};
+}
+
+template <bool Masked, std::size_t... R>
+constexpr std::array<DotKernel, MaxVectors> DotKernels(std::index_sequence<R...>)
+{
+    return {&Dots<static_cast<int>(R) + 1, Masked>...};
+}
+
+// Indexed by [masked][vectors - 1].
+const std::array<ColumnKernel, MaxVectors> ColumnKernelTable[2] = {
+    ColumnKernels<false>(std::make_index_sequence<MaxVectors>()),
+    ColumnKernels<true>(std::make_index_sequence<MaxVectors>())};
+const std::array<DotKernel, MaxVectors> DotKernelTable[2] = {DotKernels<false>(std::make_index_sequence<MaxVectors>()),
+                                                             DotKernels<true>(std::make_index_sequence<MaxVectors>())};
+
+// Room for `count` elements from index 1 on, where element 1 starts a cache
+// line: the sums are stored as whole 64-byte vectors, and a store that
+// straddles two lines costs two.
+template <class T>
+T* LineAlignedFromOne(std::vector<T>& storage, std::size_t count)
+{
+    constexpr std::size_t perLine = 64 / sizeof(T);
+    storage.assign(count + 2 * perLine, T(0));
+    const auto address = reinterpret_cast<std::uintptr_t>(storage.data() + 1);
+    const std::size_t skip = (64 - address % 64) % 64 / sizeof(T);
+    return storage.data() + skip;
+}
+
+// The distance between two vectors' sums: whole lines, so that each vector's
+// element 1 starts one.
+int LineStride(int n, std::size_t elementSize)
+{
+    const int perLine = static_cast<int>(64 / elementSize);
+    return (n + perLine) / perLine * perLine;
+}
+
+// A pass with less arithmetic than this (cells times vectors) runs on one
+// thread: the fork and join of a team would cost more.
+constexpr long long MinParallelWork = 1 << 16;
+
+bool WorthParallel(long long rows, long long cols, int vectors)
+{
+    return rows * std::max(cols, 32LL) * vectors >= MinParallelWork;
+}
+
+int TeamSize(bool parallel)
+{
+    return parallel ? std::max(1, omp_get_max_threads()) : 1;
+}
+
+} // namespace
+
+NCNipalsBatch::NCNipalsBatch(const NCDataMatrix<float>& matrix) : m_matrix(matrix)
+{
+    const int rows = matrix.SizeRows(), n = matrix.SizeColumns();
+    m_rowSS.assign(static_cast<std::size_t>(rows) + 1, 0.0);
+    m_gapStart.assign(static_cast<std::size_t>(rows) + 2, 0);
+    for (int i = 1; i <= rows; ++i)
+        m_gapStart[static_cast<std::size_t>(i) + 1] = m_gapStart[static_cast<std::size_t>(i)] + matrix[i].GetNumMisVal();
+    m_gaps.resize(static_cast<std::size_t>(m_gapStart.back()));
+#pragma omp parallel for if (WorthParallel(rows, n, 1)) schedule(static)
+    for (int i = 1; i <= rows; ++i) {
+        const NCDataVector<float>& row = matrix[i];
+        const float* x = row.GetVector();
+        const float* self[1] = {x};
+        const bool complete = row.HasNoMissingValues();
+        // The row against itself: with its gaps zero in one factor, they add nothing.
+        DotKernelTable[complete ? 0 : 1][0](x, self, n, &m_rowSS[static_cast<std::size_t>(i)]);
+        if (!complete) {
+            int* gap = m_gaps.data() + m_gapStart[static_cast<std::size_t>(i)];
+            for (int j = 1; j <= n; ++j)
+                if (IsMisVal(x[j]))
+                    *gap++ = j;
+        }
+    }
+}
+
+void NCNipalsBatch::Columns(std::span<const NCDataVector<float>* const> scores,
+                            std::span<NCDataVector<float>* const> results) const
+{
+    if (scores.size() != results.size())
+        throw NCInternalError("NCNipalsBatch::Columns");
+    for (std::size_t first = 0; first < scores.size(); first += MaxVectors) {
+        const std::size_t count = std::min<std::size_t>(MaxVectors, scores.size() - first);
+        ColumnsUpTo8(scores.subspan(first, count), results.subspan(first, count));
+    }
+}
+
+void NCNipalsBatch::Rows(std::span<const NCDataVector<float>* const> weights,
+                         std::span<NCDataVector<float>* const> results) const
+{
+    if (weights.size() != results.size())
+        throw NCInternalError("NCNipalsBatch::Rows");
+    for (std::size_t first = 0; first < weights.size(); first += MaxVectors) {
+        const std::size_t count = std::min<std::size_t>(MaxVectors, weights.size() - first);
+        RowsUpTo8(weights.subspan(first, count), results.subspan(first, count));
+    }
+}
+
+void NCNipalsBatch::ColumnsUpTo8(std::span<const NCDataVector<float>* const> scores,
+                                 std::span<NCDataVector<float>* const> results) const
+{
+    const int rows = m_matrix.SizeRows(), n = m_matrix.SizeColumns();
+    const int vectors = static_cast<int>(scores.size());
+    for (int r = 0; r < vectors; ++r)
+        if (!scores[r] || !results[r] || scores[r]->Size() != rows)
+            throw NCInternalError("NCNipalsBatch::Columns");
+
+    // The scores row by row, a missing one as zero (it adds nothing), and
+    // per vector the sum of the present squares and how many there are.
+    const std::size_t cells = static_cast<std::size_t>(rows) * vectors;
+    std::vector<float> s(cells + 1);
+    std::vector<unsigned char> used(cells + 1);
+    double tt[MaxVectors] = {};
+    int rowsUsed[MaxVectors] = {};
+    for (int r = 0; r < vectors; ++r) {
+        const float* t = scores[r]->GetVector();
+        for (int i = 1; i <= rows; ++i) {
+            const std::size_t at = static_cast<std::size_t>(i - 1) * vectors + r;
+            const bool present = !IsMisVal(t[i]);
+            s[at] = present ? t[i] : 0.0f;
+            used[at] = present;
+            tt[r] += present ? static_cast<double>(t[i] * t[i]) : 0.0;
+            rowsUsed[r] += present;
+        }
+    }
+
+    // Each thread sums into its own arrays; they are added in thread order
+    // afterwards, so a given team size always gives the same bits.
+    const bool gaps = !m_gaps.empty();
+    const bool parallel = WorthParallel(rows, n, vectors);
+    const int team = TeamSize(parallel);
+    const int stride = LineStride(n, sizeof(double));
+    const std::size_t perThread = static_cast<std::size_t>(vectors) * stride;
+    std::vector<double> totalStorage;
+    double* const totals = LineAlignedFromOne(totalStorage, perThread * team);
+    std::vector<double> gapSquares(gaps ? perThread * team : 0, 0.0);
+    std::vector<int> gapCounts(gaps ? perThread * team : 0, 0);
+    const int blocks = (rows + FlushEvery - 1) / FlushEvery;
+#pragma omp parallel num_threads(team) if (parallel)
+    {
+        const std::size_t mine = perThread * static_cast<std::size_t>(omp_get_thread_num());
+        double* total = totals + mine;
+#pragma omp for schedule(static)
+        for (int block = 0; block < blocks; ++block) {
+            const int first = block * FlushEvery + 1;
+            const int count = std::min(FlushEvery, rows - first + 1);
+            const float* x[FlushEvery];
+            bool masked = false;
+            for (int b = 0; b < count; ++b) {
+                x[b] = m_matrix[first + b].GetVector();
+                masked |= !m_matrix[first + b].HasNoMissingValues();
+            }
+            const float* blockScores = s.data() + static_cast<std::size_t>(first - 1) * vectors;
+            ColumnKernelTable[masked][static_cast<std::size_t>(vectors) - 1](total, stride, x, blockScores, count, n);
+            if (!masked)
+                continue;
+            // A missing cell removes the squares of the scores it meets
+            // from its column's sum of squares, and the pair from its count.
+            for (int b = 0; b < count; ++b) {
+                const std::size_t at = static_cast<std::size_t>(first + b - 1) * vectors;
+                for (int g = m_gapStart[static_cast<std::size_t>(first + b)];
+                     g < m_gapStart[static_cast<std::size_t>(first + b) + 1]; ++g) {
+                    const std::size_t j = static_cast<std::size_t>(m_gaps[static_cast<std::size_t>(g)]);
+                    for (int r = 0; r < vectors; ++r) {
+                        const float v = blockScores[b * vectors + r];
+                        const std::size_t cell = mine + static_cast<std::size_t>(r) * stride + j;
+                        gapSquares[cell] += static_cast<double>(v * v);
+                        gapCounts[cell] += used[at + r];
+                    }
+                }
+            }
+        }
+    }
+
+    for (int r = 0; r < vectors; ++r) {
+        results[r]->SetSize(n);
+        float* out = results[r]->GetVectorForWriting();
+        for (int j = 1; j <= n; ++j) {
+            double s12 = 0.0, squares = 0.0;
+            int pairs = rowsUsed[r];
+            for (int thread = 0; thread < team; ++thread) {
+                const std::size_t cell = perThread * thread + static_cast<std::size_t>(r) * stride + j;
+                s12 += totals[cell];
+                if (gaps) {
+                    squares += gapSquares[cell];
+                    pairs -= gapCounts[cell];
+                }
+            }
+            // The one-third floor keeps a column with many gaps from being
+            // divided by almost nothing.
+            const double d = squares > 0.0 ? std::max(tt[r] / 3.0, tt[r] - squares) : tt[r];
+            const bool defined = pairs > 0 && std::fabs(d) > 1e-30;
+            out[j] = defined ? static_cast<float>(s12 / d) : NCMisVal<float>;
+        }
+        results[r]->RecountMissing();
+    }
+}
+
+void NCNipalsBatch::RowsUpTo8(std::span<const NCDataVector<float>* const> weights,
+                              std::span<NCDataVector<float>* const> results) const
+{
+    const int rows = m_matrix.SizeRows(), n = m_matrix.SizeColumns();
+    const int vectors = static_cast<int>(weights.size());
+    for (int r = 0; r < vectors; ++r)
+        if (!weights[r] || !results[r] || weights[r]->Size() != n)
+            throw NCInternalError("NCNipalsBatch::Rows");
+
+    // The weights as the kernel wants them: missing entries zero, with
+    // their squares and presence apart for the rows with gaps.
+    const std::size_t stride = static_cast<std::size_t>(LineStride(n, sizeof(float)));
+    std::vector<float> storage, p2(stride * vectors, 0.0f);
+    float* const p = LineAlignedFromOne(storage, stride * vectors);
+    std::vector<int> present(stride * vectors, 0);
+    const float* pv[MaxVectors];
+    double pp[MaxVectors] = {};
+    int presentInP[MaxVectors] = {};
+    for (int r = 0; r < vectors; ++r) {
+        const float* w = weights[r]->GetVector();
+        const std::size_t base = stride * r;
+        for (int j = 1; j <= n; ++j) {
+            if (IsMisVal(w[j]))
+                continue;
+            p[base + j] = w[j];
+            p2[base + j] = w[j] * w[j];
+            present[base + j] = 1;
+            pp[r] += static_cast<double>(p2[base + j]);
+            ++presentInP[r];
+        }
+        pv[r] = p + base;
+        results[r]->SetSize(rows);
+    }
+    float* out[MaxVectors];
+    for (int r = 0; r < vectors; ++r)
+        out[r] = results[r]->GetVectorForWriting();
+
+    const std::size_t kernel = static_cast<std::size_t>(vectors) - 1;
+#pragma omp parallel for if (WorthParallel(rows, n, vectors)) schedule(static)
+    for (int i = 1; i <= rows; ++i) {
+        const NCDataVector<float>& row = m_matrix[i];
+        const bool complete = row.HasNoMissingValues();
+        double sums[MaxVectors];
+        DotKernelTable[complete ? 0 : 1][kernel](row.GetVector(), pv, n, sums);
+        double gapSquares[MaxVectors] = {};
+        int gapPairs[MaxVectors] = {};
+        for (int g = m_gapStart[static_cast<std::size_t>(i)]; g < m_gapStart[static_cast<std::size_t>(i) + 1]; ++g) {
+            const std::size_t j = static_cast<std::size_t>(m_gaps[static_cast<std::size_t>(g)]);
+            for (int r = 0; r < vectors; ++r) {
+                gapSquares[r] += p2[stride * r + j];
+                gapPairs[r] += present[stride * r + j];
+            }
+        }
+        for (int r = 0; r < vectors; ++r) {
+            const double d = complete ? pp[r] : std::max(pp[r] / 3.0, pp[r] - gapSquares[r]);
+            const bool defined = presentInP[r] - gapPairs[r] > 0 && std::fabs(d) > 1e-30;
+            out[r][i] = defined ? static_cast<float>(sums[r] / d) : NCMisVal<float>;
+        }
+    }
+    for (int r = 0; r < vectors; ++r)
+        results[r]->RecountMissing();
+}
