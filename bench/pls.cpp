@@ -12,10 +12,12 @@
 // is (2 x iterations + 2) x X bytes over the time spent in NextComponent.
 // The reads of Y (at most 10 columns beside 500) are left out. The reported
 // time is the whole fit, with the copies of the data and the deflations.
-// The cross-validation's rate counts the model's and the rounds' reads
-// (the rounds' reads of the left-out rows too) over the time spent in the
-// model's and the cross-validation's NextComponent, bookkeeping of the
-// rounds included; the reported time is the whole run, with the model's
+// The cross-validation's rate counts the model's reads and the cells the
+// rounds work through as if each round read its own rows (the left-out rows'
+// projection too) over the time spent in the model's and the
+// cross-validation's NextComponent, bookkeeping of the rounds included. The
+// rounds share their passes, each loading X once per step for all of them,
+// so this is a rate of work rather than of memory traffic; the reported time is the whole run, with the model's
 // copy of the data and its deflations. Plain passes over the matrix the
 // iterations read (the model's X residuals, or X for the in-cache
 // cross-validation), timed between the pieces and outside the reported time,

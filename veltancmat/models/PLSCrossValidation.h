@@ -85,10 +85,11 @@ public:
     // observations, where chance Q2 values are small.
     float GetQ2Lim() const;
     int GetGroups() const { return m_groups; }
-    // X cells the rounds of the last call read: per round, its fit's sum of
-    // squares, two passes per NIPALS iteration and the loadings over the
-    // kept rows, and the projection of the left-out rows. For throughput
-    // figures.
+    // X cells the rounds of the last call worked through: per round, its
+    // fit's sum of squares, two passes per NIPALS iteration and the
+    // loadings over the kept rows, and the projection of the left-out rows.
+    // For throughput figures. The rounds share their passes over X, so the
+    // matrix itself is loaded once per step for all of them.
     long long GetRoundCells() const { return m_roundCells; }
 
     // The significance rule of a cross-validated PLS component, arguments
