@@ -14,7 +14,7 @@
 #include <array>
 #include <memory>
 #include <cmath>
-#include <optional>
+#include <exception>
 #include <string>
 
 namespace {
@@ -56,7 +56,7 @@ struct PLSCrossValidation::Round {
     NCDataVector<float> tl; // scores of the left-out rows
 };
 
-// Fits the rounds side by side: each step of NIPALS is one pass over X (or
+// Fits the rounds in lockstep: each step of NIPALS is one pass over X (or
 // Y) for every round still iterating, through `x` (or `y`). A round's
 // vectors run over all the rows, a left-out row's score missing, so that
 // the column projections skip it; the row projections give the left-out
@@ -79,8 +79,8 @@ void PLSCrossValidation::FitRounds(const NCNipalsBatch& x, const NCNipalsBatch& 
         NCDataVector<float> u, previous, t; // t: without the left-out rows once they are set apart
         std::vector<float> left;            // the left-out rows' scores
         double ssX = 0.0;
-        std::optional<NCError> failure;
-        // v without the left-out rows
+        std::exception_ptr failure; // the correlation error that stopped the round
+        // Makes the left-out rows of v missing.
         void Keep(NCDataVector<float>& v) const
         {
             float* cells = v.GetVectorForWriting();
@@ -91,7 +91,9 @@ void PLSCrossValidation::FitRounds(const NCNipalsBatch& x, const NCNipalsBatch& 
     };
     std::vector<Fit> fits;
     for (Round& round : rounds) {
-        round.done = !round.left.empty() && static_cast<int>(round.left.size()) < n ? false : true;
+        // A group without members predicts nothing; one holding every row
+        // leaves nothing to fit on.
+        round.done = round.left.empty() || static_cast<int>(round.left.size()) >= n;
         if (round.done)
             continue;
         Fit& fit = fits.emplace_back();
@@ -154,7 +156,10 @@ void PLSCrossValidation::FitRounds(const NCNipalsBatch& x, const NCNipalsBatch& 
     };
     // The rounds' own arithmetic between the passes (a few vectors of N)
     // is shared out too: on one thread it left the others waiting for a
-    // third of the time.
+    // third of the time. It allocates nothing, and the one error it can
+    // meet is kept for later, so nothing is thrown out of the team.
+    for (Fit& fit : fits)
+        fit.left.resize(fit.round->left.size());
     const auto eachFit = [&](auto&& body) {
         const int count = static_cast<int>(active.size());
 #pragma omp parallel for schedule(static) if (count > 1 && n >= 1000)
@@ -168,20 +173,19 @@ void PLSCrossValidation::FitRounds(const NCNipalsBatch& x, const NCNipalsBatch& 
             if (strict) {
                 try {
                     NCPLS::CheckCorrelation(fit.u, fit.round->fit.w, fit.ssX, x.SizeColumns(), 1);
-                } catch (const NCError& error) {
-                    fit.failure = error;
+                } catch (...) {
+                    fit.failure = std::current_exception();
                     return;
                 }
             }
             fit.round->fit.w.Normalize();
         });
-        std::erase_if(active, [](const Fit* fit) { return fit->failure.has_value(); });
+        std::erase_if(active, [](const Fit* fit) { return fit->failure != nullptr; });
         step(x, false, [](Fit& fit) -> NCDataVector<float>& { return fit.round->fit.w; },
              [](Fit& fit) -> NCDataVector<float>& { return fit.t; });
         // The left-out rows' scores are set apart (they are the round's
         // predictions if it stops here); the rest go on to Y.
         eachFit([&](Fit& fit) {
-            fit.left.resize(fit.round->left.size());
             for (std::size_t s = 0; s < fit.left.size(); ++s)
                 fit.left[s] = fit.t[fit.round->left[s]];
             fit.Keep(fit.t);
@@ -201,7 +205,7 @@ void PLSCrossValidation::FitRounds(const NCNipalsBatch& x, const NCNipalsBatch& 
     }
     for (const Fit& fit : fits)
         if (fit.failure)
-            throw *fit.failure;
+            std::rethrow_exception(fit.failure);
 
     // Loadings from the final scores of the kept rows.
     active.clear();
