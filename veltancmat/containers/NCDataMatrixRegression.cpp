@@ -205,17 +205,17 @@ bool WorthParallel(long long rows, long long cols)
 }
 
 // Rows are separate blocks, so the hardware prefetcher loses the stream at
-// each row's start, and the kernels ask for rows ahead themselves. The column
-// projection carries two read-write sum streams besides the row, so fewer of
-// its loads are in flight: asking for the row eight ahead into the second
-// level cache (where requests do not hold first-level miss slots) measured
-// about a fifth faster with missing cells than two ahead into the first. The
-// row projection's dot products do best with the row two ahead, into the
-// first level.
+// each row's start. The column projection carries two read-write sum
+// streams besides the row, so fewer of its loads are in flight, and it asks
+// for rows ahead itself: the row eight ahead into the second-level cache
+// (where requests do not hold first-level miss slots) measured about a fifth
+// faster with missing cells than two ahead into the first, and without
+// asking its masked blocks lose a third. The row projection reads the row
+// alone; asking for rows ahead (two ahead into the first level, one, or
+// four into the second) measured from even to a sixth slower with missing
+// cells than leaving the stream to the hardware, timed call by call.
 constexpr int ColumnAhead = 8;
 constexpr int ColumnLocality = 1; // prefetcht2
-constexpr int RowAhead = 2;
-constexpr int RowLocality = 3; // prefetcht0
 
 // A thread's share of a matrix this small stays in its second-level cache
 // between passes (as in the rounds of a cross-validation), and asking for
@@ -853,7 +853,6 @@ void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>& rowTable, const Vector& p,
     T* out = result->GetVectorForWriting();
     int missing = 0;
     const bool parallel = WorthParallel(rows, n);
-    const bool prefetch = WorthPrefetching<T>(rows, n, parallel);
     if (n < ShortRow) {
 #pragma omp parallel if (parallel) reduction(+ : missing)
         missing += ShortRowKernels<T>[static_cast<std::size_t>(n)](rowTable, pv.data(), p2.data(), present.data(), pp,
@@ -863,8 +862,6 @@ void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>& rowTable, const Vector& p,
     }
 #pragma omp parallel for if (parallel) schedule(static) reduction(+ : missing)
     for (int i = 1; i <= rows; ++i) {
-        if (prefetch && i + RowAhead <= rows)
-            PrefetchRow<RowLocality>(rowTable[i + RowAhead].GetVector(), n);
         const Vector& row = rowTable[i];
         const T* x = row.GetVector();
         double sum = 0.0, d = pp;
