@@ -154,6 +154,12 @@ TEST(PLSCrossValidation, BadSetupIsRefusedAndABreakCancels)
     EXPECT_EQ(CancelMessage([&] { Next(pls, cv, &progress); }), "PLS component aborted.");
     EXPECT_NE(observer.captions.find("CV round 1 of 3|"), std::string::npos);
     EXPECT_EQ(observer.captions.find("CV round 3 of 3|"), std::string::npos);
+    // The first round's caption shows while the rounds run, and a break
+    // then stops them.
+    NCProgress early;
+    BreakAt first(early, "CV round 1 of 3");
+    EXPECT_EQ(CancelMessage([&] { Next(pls, cv, &early); }), "PLS component aborted.");
+    EXPECT_EQ(first.captions.find("CV round 2 of 3|"), std::string::npos);
 }
 
 // Each round is the first component of a model fitted on its kept rows

@@ -15,6 +15,7 @@
 #include <memory>
 #include <cmath>
 #include <exception>
+#include <optional>
 #include <string>
 
 namespace {
@@ -310,12 +311,19 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
 
     ProgressRange(progress, 0.0f, static_cast<float>(m_groups));
     // The rounds share their passes over X, a pass serving every round of a
-    // batch, so each round is reported once it is done, in order.
+    // batch, so they are reported in order as they are done: the step of
+    // the first round not yet done stays open (its caption showing) while
+    // the batch that holds it runs.
     int announced = 0;
+    std::optional<ProgressStep> open;
     const auto announce = [&] {
-        while (announced < m_groups && rounds[static_cast<std::size_t>(announced)].done) {
-            ProgressStep step(progress, static_cast<float>(announced), Aborted,
-                              ProgressCaption("CV = Cross-validation", "CV round %1% of %2%", announced + 1, m_groups));
+        while (announced < m_groups) {
+            if (!open)
+                open.emplace(progress, static_cast<float>(announced), Aborted,
+                             ProgressCaption("CV = Cross-validation", "CV round %1% of %2%", announced + 1, m_groups));
+            if (!rounds[static_cast<std::size_t>(announced)].done)
+                return;
+            open.reset();
             ++announced;
         }
     };
