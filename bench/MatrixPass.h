@@ -65,8 +65,10 @@ inline void PlainPass(benchmark::State& state, const NCDataMatrix<float>& m)
 // bandwidth drifts by a third within seconds, so comparing two benchmarks
 // run at different moments says little; a pair taken a millisecond apart
 // sees the same machine.
+// `vectors` is how many times a call counts the matrix: more than once for
+// the batched projections, whose work is a pass per vector.
 template <class Kernel>
-void AgainstPlainPass(benchmark::State& state, const NCDataMatrix<float>& m, Kernel&& kernel)
+void AgainstPlainPass(benchmark::State& state, const NCDataMatrix<float>& m, Kernel&& kernel, int vectors = 1)
 {
     using Clock = std::chrono::steady_clock;
     Threads(state);
@@ -82,10 +84,10 @@ void AgainstPlainPass(benchmark::State& state, const NCDataMatrix<float>& m, Ker
         kernelSeconds += seconds;
         state.SetIterationTime(seconds);
     }
-    Finish(state, m.SizeRows(), m.SizeColumns());
+    Finish(state, m.SizeRows() * vectors, m.SizeColumns());
     const double bytes = static_cast<double>(state.iterations()) * m.SizeRows() * m.SizeColumns() * sizeof(float);
     Rate(state, "plain_bytes_per_second", bytes / plainSeconds);
-    state.counters["of_plain"] = plainSeconds / kernelSeconds;
+    state.counters["of_plain"] = vectors * plainSeconds / kernelSeconds;
 }
 
 // Plain passes sampled between the timed pieces of a longer benchmark (a

@@ -3,8 +3,11 @@
 // read-only pass over the same rows in the same binary. Each benchmark
 // reports the matrix bytes it reads per call as bytes_per_second; the
 // projections also time a plain pass over their own matrix before every
-// call and report its rate and their share of it (of_plain).
+// call and report its rate and their share of it (of_plain). The batched
+// projections serve seven vectors per pass and count the matrix once per
+// vector.
 #include "veltancmat/containers/NCDataMatrix.h"
+#include "veltancmat/containers/NCNipalsBatch.h"
 
 #include "MatrixPass.h"
 
@@ -80,6 +83,39 @@ void BM_RegressRows(benchmark::State& state)
     });
 }
 
+// Seven vectors at once through NCNipalsBatch, as the rounds of a
+// 7-group cross-validation use them: the rate counts the matrix once per
+// vector (the work), beside the plain pass over the matrix read once.
+void BM_BatchColumns(benchmark::State& state)
+{
+    Threads(state);
+    const NCDataMatrix<float>& m = Data(state.range(1) != 0);
+    const NCNipalsBatch batch(m);
+    std::vector<NCDataVector<float>> scores(7, Filled(Rows)), results(7);
+    std::vector<const NCDataVector<float>*> in;
+    std::vector<NCDataVector<float>*> out;
+    for (int r = 0; r < 7; ++r) {
+        in.push_back(&scores[static_cast<std::size_t>(r)]);
+        out.push_back(&results[static_cast<std::size_t>(r)]);
+    }
+    BenchMatrix::AgainstPlainPass(state, m, [&] { batch.Columns(in, out); }, 7);
+}
+
+void BM_BatchRows(benchmark::State& state)
+{
+    Threads(state);
+    const NCDataMatrix<float>& m = Data(state.range(1) != 0);
+    const NCNipalsBatch batch(m);
+    std::vector<NCDataVector<float>> weights(7, Filled(Cols)), results(7);
+    std::vector<const NCDataVector<float>*> in;
+    std::vector<NCDataVector<float>*> out;
+    for (int r = 0; r < 7; ++r) {
+        in.push_back(&weights[static_cast<std::size_t>(r)]);
+        out.push_back(&results[static_cast<std::size_t>(r)]);
+    }
+    BenchMatrix::AgainstPlainPass(state, m, [&] { batch.Rows(in, out); }, 7);
+}
+
 } // namespace
 
 BENCHMARK(BM_PlainPass)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
@@ -89,6 +125,16 @@ BENCHMARK(BM_RegressColumns)
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime();
 BENCHMARK(BM_RegressRows)
+    ->ArgNames({"threads", "missing"})
+    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseManualTime();
+BENCHMARK(BM_BatchColumns)
+    ->ArgNames({"threads", "missing"})
+    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseManualTime();
+BENCHMARK(BM_BatchRows)
     ->ArgNames({"threads", "missing"})
     ->ArgsProduct({{1, 2}, {0, 1}})
     ->Unit(benchmark::kMillisecond)

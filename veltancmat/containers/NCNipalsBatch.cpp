@@ -154,6 +154,35 @@ VELTAN_SIMD_CLONES void NarrowDots(const float* __restrict x, const float* __res
     std::memcpy(sums, total, sizeof total);
 }
 
+// squares[0 .. 7] += add, counts[0 .. 7] += pairs: a missing cell's share
+// for every vector at once.
+inline __attribute__((always_inline)) void AddGap(double* squares, int* counts, const DoubleVec* add, IntVec pairs)
+{
+    static_assert(MaxVectors == 8, "one pair of double vectors and one int vector per gap");
+    DoubleVec s[2];
+    IntVec c;
+    std::memcpy(s, squares, sizeof s);
+    std::memcpy(&c, counts, sizeof c);
+    s[0] += add[0];
+    s[1] += add[1];
+    c += pairs;
+    std::memcpy(squares, s, sizeof s);
+    std::memcpy(counts, &c, sizeof c);
+}
+
+// The same into sums held by the caller, from a column's shares in memory.
+inline __attribute__((always_inline)) void AddGap(DoubleVec* squares, IntVec& pairs, const double* add,
+                                                  const int* present)
+{
+    DoubleVec s[2];
+    IntVec c;
+    std::memcpy(s, add, sizeof s);
+    std::memcpy(&c, present, sizeof c);
+    squares[0] += s[0];
+    squares[1] += s[1];
+    pairs += c;
+}
+
 using ColumnKernel = void (*)(double*, int, const float* const*, const float*, int, int);
 using DotKernel = void (*)(const float*, const float* const*, int, double*);
 
@@ -278,8 +307,18 @@ void NCNipalsBatch::ColumnsUpTo8(std::span<const NCDataVector<float>* const> sco
     const std::size_t perThread = static_cast<std::size_t>(vectors) * stride;
     std::vector<double> totalStorage;
     double* const totals = LineAlignedFromOne(totalStorage, perThread * team);
-    std::vector<double> gapSquares(gaps ? perThread * team : 0, 0.0);
-    std::vector<int> gapCounts(gaps ? perThread * team : 0, 0);
+    // What the missing cells remove, per thread and column with the vectors
+    // side by side (gapSquares[thread][j * MaxVectors + r]), so that a gap
+    // is one short vector update rather than a scattered one per vector.
+    // Each thread has a block of its own: in one shared block the two
+    // threads' halves slowed each other threefold.
+    const std::size_t gapCells = static_cast<std::size_t>(n + 1) * MaxVectors;
+    std::vector<std::vector<double>> gapSquares(static_cast<std::size_t>(team));
+    std::vector<std::vector<int>> gapCounts(static_cast<std::size_t>(team));
+    for (int thread = 0; gaps && thread < team; ++thread) {
+        gapSquares[static_cast<std::size_t>(thread)].assign(gapCells, 0.0);
+        gapCounts[static_cast<std::size_t>(thread)].assign(gapCells, 0);
+    }
     const int blocks = (rows + ColumnBlockRows - 1) / ColumnBlockRows;
     const float* t[MaxVectors];
     for (int r = 0; r < vectors; ++r)
@@ -293,6 +332,8 @@ void NCNipalsBatch::ColumnsUpTo8(std::span<const NCDataVector<float>* const> sco
         const int thread = omp_get_thread_num();
         const std::size_t mine = perThread * static_cast<std::size_t>(thread);
         double* total = totals + mine;
+        double* mySquares = gaps ? gapSquares[static_cast<std::size_t>(thread)].data() : nullptr;
+        int* myCounts = gaps ? gapCounts[static_cast<std::size_t>(thread)].data() : nullptr;
         double myTT[MaxVectors] = {};
         int myUsed[MaxVectors] = {};
 #pragma omp for schedule(static) nowait
@@ -323,16 +364,18 @@ void NCNipalsBatch::ColumnsUpTo8(std::span<const NCDataVector<float>* const> sco
             // A missing cell removes the squares of the scores it meets
             // from its column's sum of squares, and the pair from its count.
             for (int b = 0; b < count; ++b) {
-                for (int g = m_gapStart[static_cast<std::size_t>(first + b)];
-                     g < m_gapStart[static_cast<std::size_t>(first + b) + 1]; ++g) {
-                    const std::size_t j = static_cast<std::size_t>(m_gaps[static_cast<std::size_t>(g)]);
-                    for (int r = 0; r < vectors; ++r) {
-                        const float v = s[b * vectors + r];
-                        const std::size_t cell = mine + static_cast<std::size_t>(r) * stride + j;
-                        gapSquares[cell] += static_cast<double>(v * v);
-                        gapCounts[cell] += used[b * vectors + r] ? 1 : 0;
-                    }
+                DoubleVec squares[2] = {};
+                IntVec pairs = {};
+                for (int r = 0; r < vectors; ++r) {
+                    const float v = s[b * vectors + r];
+                    squares[r / 4][r % 4] = static_cast<double>(v * v);
+                    pairs[r] = used[b * vectors + r] ? 1 : 0;
                 }
+                const int* gap = m_gaps.data() + m_gapStart[static_cast<std::size_t>(first + b)];
+                const int* end = m_gaps.data() + m_gapStart[static_cast<std::size_t>(first + b) + 1];
+                for (; gap < end; ++gap)
+                    AddGap(mySquares + static_cast<std::size_t>(*gap) * MaxVectors,
+                           myCounts + static_cast<std::size_t>(*gap) * MaxVectors, squares, pairs);
             }
         }
         std::copy_n(myTT, MaxVectors, tt.data() + static_cast<std::size_t>(thread) * MaxVectors);
@@ -352,11 +395,12 @@ void NCNipalsBatch::ColumnsUpTo8(std::span<const NCDataVector<float>* const> sco
             double s12 = 0.0, squares = 0.0;
             int pairs = pairsWithoutGaps;
             for (int thread = 0; thread < team; ++thread) {
-                const std::size_t cell = perThread * thread + static_cast<std::size_t>(r) * stride + j;
-                s12 += totals[cell];
+                const std::size_t cell = static_cast<std::size_t>(r) * stride + j;
+                s12 += totals[perThread * thread + cell];
                 if (gaps) {
-                    squares += gapSquares[cell];
-                    pairs -= gapCounts[cell];
+                    const std::size_t at = static_cast<std::size_t>(j) * MaxVectors + r;
+                    squares += gapSquares[static_cast<std::size_t>(thread)][at];
+                    pairs -= gapCounts[static_cast<std::size_t>(thread)][at];
                 }
             }
             // The one-third floor keeps a column with many gaps from being
@@ -380,11 +424,14 @@ void NCNipalsBatch::RowsUpTo8(std::span<const NCDataVector<float>* const> weight
             throw NCInternalError("NCNipalsBatch::Rows");
 
     // The weights as the kernel wants them: missing entries zero, with
-    // their squares and presence apart for the rows with gaps.
+    // their squares and presence apart for the rows with gaps, column by
+    // column with the vectors side by side (p2[j * MaxVectors + r]), so that
+    // a gap adds its share for every vector at once.
     const std::size_t stride = static_cast<std::size_t>(LineStride(n, sizeof(float)));
-    std::vector<float> storage, p2(stride * vectors, 0.0f);
+    std::vector<float> storage;
     float* const p = LineAlignedFromOne(storage, stride * vectors);
-    std::vector<int> present(stride * vectors, 0);
+    std::vector<double> p2(static_cast<std::size_t>(n + 1) * MaxVectors, 0.0);
+    std::vector<int> present(static_cast<std::size_t>(n + 1) * MaxVectors, 0);
     const float* pv[MaxVectors];
     double pp[MaxVectors] = {};
     int presentInP[MaxVectors] = {};
@@ -394,10 +441,11 @@ void NCNipalsBatch::RowsUpTo8(std::span<const NCDataVector<float>* const> weight
         for (int j = 1; j <= n; ++j) {
             if (IsMisVal(w[j]))
                 continue;
+            const float square = w[j] * w[j];
             p[base + j] = w[j];
-            p2[base + j] = w[j] * w[j];
-            present[base + j] = 1;
-            pp[r] += static_cast<double>(p2[base + j]);
+            p2[static_cast<std::size_t>(j) * MaxVectors + r] = square;
+            present[static_cast<std::size_t>(j) * MaxVectors + r] = 1;
+            pp[r] += static_cast<double>(square);
             ++presentInP[r];
         }
         pv[r] = p + base;
@@ -423,17 +471,15 @@ void NCNipalsBatch::RowsUpTo8(std::span<const NCDataVector<float>* const> weight
             NarrowDots(row.GetVector(), lanes.data(), n, !complete, sums);
         else
             DotKernelTable[complete ? 0 : 1][kernel](row.GetVector(), pv, n, sums);
-        double gapSquares[MaxVectors] = {};
-        int gapPairs[MaxVectors] = {};
-        for (int g = m_gapStart[static_cast<std::size_t>(i)]; g < m_gapStart[static_cast<std::size_t>(i) + 1]; ++g) {
-            const std::size_t j = static_cast<std::size_t>(m_gaps[static_cast<std::size_t>(g)]);
-            for (int r = 0; r < vectors; ++r) {
-                gapSquares[r] += p2[stride * r + j];
-                gapPairs[r] += present[stride * r + j];
-            }
-        }
+        DoubleVec gapSquares[2] = {};
+        IntVec gapPairs = {};
+        const int* gap = m_gaps.data() + m_gapStart[static_cast<std::size_t>(i)];
+        const int* end = m_gaps.data() + m_gapStart[static_cast<std::size_t>(i) + 1];
+        for (; gap < end; ++gap)
+            AddGap(gapSquares, gapPairs, p2.data() + static_cast<std::size_t>(*gap) * MaxVectors,
+                   present.data() + static_cast<std::size_t>(*gap) * MaxVectors);
         for (int r = 0; r < vectors; ++r) {
-            const double d = complete ? pp[r] : std::max(pp[r] / 3.0, pp[r] - gapSquares[r]);
+            const double d = complete ? pp[r] : std::max(pp[r] / 3.0, pp[r] - gapSquares[r / 4][r % 4]);
             const bool defined = presentInP[r] - gapPairs[r] > 0 && std::fabs(d) > 1e-30;
             out[r][i] = defined ? static_cast<float>(sums[r] / d) : NCMisVal<float>;
         }
