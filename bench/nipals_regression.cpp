@@ -86,34 +86,30 @@ void BM_RegressRows(benchmark::State& state)
 // Seven vectors at once through NCNipalsBatch, as the rounds of a
 // 7-group cross-validation use them: the rate counts the matrix once per
 // vector (the work), beside the plain pass over the matrix read once.
-void BM_BatchColumns(benchmark::State& state)
+template <class Pass>
+void BatchOfSeven(benchmark::State& state, int length, Pass&& pass)
 {
     Threads(state);
     const NCDataMatrix<float>& m = Data(state.range(1) != 0);
     const NCNipalsBatch batch(m);
-    std::vector<NCDataVector<float>> scores(7, Filled(Rows)), results(7);
+    std::vector<NCDataVector<float>> vectors(7, Filled(length)), results(7);
     std::vector<const NCDataVector<float>*> in;
     std::vector<NCDataVector<float>*> out;
-    for (int r = 0; r < 7; ++r) {
-        in.push_back(&scores[static_cast<std::size_t>(r)]);
-        out.push_back(&results[static_cast<std::size_t>(r)]);
+    for (std::size_t r = 0; r < 7; ++r) {
+        in.push_back(&vectors[r]);
+        out.push_back(&results[r]);
     }
-    BenchMatrix::AgainstPlainPass(state, m, [&] { batch.Columns(in, out); }, 7);
+    BenchMatrix::AgainstPlainPass(state, m, [&] { pass(batch, in, out); }, 7);
+}
+
+void BM_BatchColumns(benchmark::State& state)
+{
+    BatchOfSeven(state, Rows, [](const NCNipalsBatch& b, const auto& in, const auto& out) { b.Columns(in, out); });
 }
 
 void BM_BatchRows(benchmark::State& state)
 {
-    Threads(state);
-    const NCDataMatrix<float>& m = Data(state.range(1) != 0);
-    const NCNipalsBatch batch(m);
-    std::vector<NCDataVector<float>> weights(7, Filled(Cols)), results(7);
-    std::vector<const NCDataVector<float>*> in;
-    std::vector<NCDataVector<float>*> out;
-    for (int r = 0; r < 7; ++r) {
-        in.push_back(&weights[static_cast<std::size_t>(r)]);
-        out.push_back(&results[static_cast<std::size_t>(r)]);
-    }
-    BenchMatrix::AgainstPlainPass(state, m, [&] { batch.Rows(in, out); }, 7);
+    BatchOfSeven(state, Cols, [](const NCNipalsBatch& b, const auto& in, const auto& out) { b.Rows(in, out); });
 }
 
 } // namespace

@@ -271,26 +271,33 @@ NCNipalsBatch::NCNipalsBatch(const NCDataMatrix<float>& matrix) : m_matrix(matri
     }
 }
 
+namespace {
+
+// Calls pass(in, out) on runs of at most MaxVectors vectors.
+template <class Pass>
+void InRunsOfEight(std::span<const NCDataVector<float>* const> in, std::span<NCDataVector<float>* const> out,
+                   const char* member, Pass&& pass)
+{
+    if (in.size() != out.size())
+        throw NCInternalError(member);
+    for (std::size_t first = 0; first < in.size(); first += MaxVectors) {
+        const std::size_t count = std::min<std::size_t>(MaxVectors, in.size() - first);
+        pass(in.subspan(first, count), out.subspan(first, count));
+    }
+}
+
+} // namespace
+
 void NCNipalsBatch::Columns(std::span<const NCDataVector<float>* const> scores,
                             std::span<NCDataVector<float>* const> results) const
 {
-    if (scores.size() != results.size())
-        throw NCInternalError("NCNipalsBatch::Columns");
-    for (std::size_t first = 0; first < scores.size(); first += MaxVectors) {
-        const std::size_t count = std::min<std::size_t>(MaxVectors, scores.size() - first);
-        ColumnsUpTo8(scores.subspan(first, count), results.subspan(first, count));
-    }
+    InRunsOfEight(scores, results, "NCNipalsBatch::Columns", [&](auto in, auto out) { ColumnsUpTo8(in, out); });
 }
 
 void NCNipalsBatch::Rows(std::span<const NCDataVector<float>* const> weights,
                          std::span<NCDataVector<float>* const> results) const
 {
-    if (weights.size() != results.size())
-        throw NCInternalError("NCNipalsBatch::Rows");
-    for (std::size_t first = 0; first < weights.size(); first += MaxVectors) {
-        const std::size_t count = std::min<std::size_t>(MaxVectors, weights.size() - first);
-        RowsUpTo8(weights.subspan(first, count), results.subspan(first, count));
-    }
+    InRunsOfEight(weights, results, "NCNipalsBatch::Rows", [&](auto in, auto out) { RowsUpTo8(in, out); });
 }
 
 void NCNipalsBatch::ColumnsUpTo8(std::span<const NCDataVector<float>* const> scores,
