@@ -273,13 +273,18 @@ NCNipalsBatch::NCNipalsBatch(const NCDataMatrix<float>& matrix) : m_matrix(matri
 
 namespace {
 
-// Calls pass(in, out) on runs of at most MaxVectors vectors.
+// Calls pass(in, out) on runs of at most MaxVectors vectors, once every
+// input is known to have `size` elements and every output to exist, so
+// that a bad argument leaves every result as it was.
 template <class Pass>
 void InRunsOfEight(std::span<const NCDataVector<float>* const> in, std::span<NCDataVector<float>* const> out,
-                   const char* member, Pass&& pass)
+                   int size, const char* member, Pass&& pass)
 {
     if (in.size() != out.size())
         throw NCInternalError(member);
+    for (std::size_t r = 0; r < in.size(); ++r)
+        if (!in[r] || !out[r] || in[r]->Size() != size)
+            throw NCInternalError(member);
     for (std::size_t first = 0; first < in.size(); first += MaxVectors) {
         const std::size_t count = std::min<std::size_t>(MaxVectors, in.size() - first);
         pass(in.subspan(first, count), out.subspan(first, count));
@@ -291,13 +296,13 @@ void InRunsOfEight(std::span<const NCDataVector<float>* const> in, std::span<NCD
 void NCNipalsBatch::Columns(std::span<const NCDataVector<float>* const> scores,
                             std::span<NCDataVector<float>* const> results) const
 {
-    InRunsOfEight(scores, results, "NCNipalsBatch::Columns", [&](auto in, auto out) { ColumnsUpTo8(in, out); });
+    InRunsOfEight(scores, results, m_matrix.SizeRows(), "NCNipalsBatch::Columns", [&](auto in, auto out) { ColumnsUpTo8(in, out); });
 }
 
 void NCNipalsBatch::Rows(std::span<const NCDataVector<float>* const> weights,
                          std::span<NCDataVector<float>* const> results) const
 {
-    InRunsOfEight(weights, results, "NCNipalsBatch::Rows", [&](auto in, auto out) { RowsUpTo8(in, out); });
+    InRunsOfEight(weights, results, m_matrix.SizeColumns(), "NCNipalsBatch::Rows", [&](auto in, auto out) { RowsUpTo8(in, out); });
 }
 
 void NCNipalsBatch::ColumnsUpTo8(std::span<const NCDataVector<float>* const> scores,
@@ -305,9 +310,6 @@ void NCNipalsBatch::ColumnsUpTo8(std::span<const NCDataVector<float>* const> sco
 {
     const int rows = m_matrix.SizeRows(), n = m_matrix.SizeColumns();
     const int vectors = static_cast<int>(scores.size());
-    for (int r = 0; r < vectors; ++r)
-        if (!scores[r] || !results[r] || scores[r]->Size() != rows)
-            throw NCInternalError("NCNipalsBatch::Columns");
 
     // Each thread sums into its own arrays; they are added in thread order
     // afterwards, so a given team size always gives the same bits.
@@ -430,9 +432,6 @@ void NCNipalsBatch::RowsUpTo8(std::span<const NCDataVector<float>* const> weight
 {
     const int rows = m_matrix.SizeRows(), n = m_matrix.SizeColumns();
     const int vectors = static_cast<int>(weights.size());
-    for (int r = 0; r < vectors; ++r)
-        if (!weights[r] || !results[r] || weights[r]->Size() != n)
-            throw NCInternalError("NCNipalsBatch::Rows");
 
     // The weights as the kernel wants them: missing entries zero, with
     // their squares and presence apart for the rows with gaps, column by
