@@ -2,6 +2,8 @@
 
 #include "cli/ToolError.h"
 
+#include "veltancmat/containers/frame/MissingValue.h"
+
 #include <csv.h>
 
 #include <cerrno>
@@ -17,8 +19,6 @@
 namespace veltan_cli {
 
 namespace {
-
-constexpr float Missing = -99.0f;
 
 std::string Quoted(const std::string& name) { return "\"" + name + "\""; }
 
@@ -111,10 +111,10 @@ private:
             SplitHeader();
         const std::size_t first = m_table.hasNames ? 1 : 0;
         for (std::size_t c = first; c < m_fields.size(); ++c) {
-            float v = Missing;
+            float v = NCMisVal<float>;
             if (!ParseCell(m_fields[c], v))
                 throw ToolError(CellMessage(c, "\"" + m_fields[c] + "\" is not a number"));
-            if (v != Missing && std::fabs(v) > std::numeric_limits<float>::max())
+            if (!IsMisVal(v) && std::fabs(v) > std::numeric_limits<float>::max())
                 throw ToolError(CellMessage(c, "\"" + m_fields[c] + "\" is beyond the range of a float"));
             m_cells.push_back(v);
         }
@@ -221,7 +221,7 @@ DataTable SelectVariables(const DataTable& table, const std::vector<int>& variab
 bool ParseCell(std::string_view cell, float& value)
 {
     if (cell.empty() || cell == "NA") {
-        value = Missing;
+        value = NCMisVal<float>;
         return true;
     }
     // from_chars takes no leading plus sign; a spreadsheet may write one.

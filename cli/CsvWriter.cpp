@@ -2,6 +2,8 @@
 
 #include "cli/ToolError.h"
 
+#include "veltancmat/containers/frame/MissingValue.h"
+
 #include <csv.h>
 
 #include <cerrno>
@@ -87,7 +89,7 @@ void OutputFiles::CommitAll()
 
 std::string FormatValue(float value)
 {
-    if (value == -99.0f)
+    if (IsMisVal(value))
         return {};
     char buffer[32];
     const auto [end, ec] = std::to_chars(buffer, buffer + sizeof buffer, value);

@@ -2,9 +2,13 @@
 
 #include "cli/CsvWriter.h"
 
+#include "veltancmat/containers/frame/MissingValue.h"
+
 #include <nlohmann/json.hpp>
 
 #include <cstdlib>
+#include <initializer_list>
+#include <utility>
 
 namespace veltan_cli {
 
@@ -16,7 +20,7 @@ using Json = nlohmann::ordered_json;
 // the double nearest to it.
 Json Number(float v)
 {
-    if (v == -99.0f)
+    if (IsMisVal(v))
         return nullptr;
     return std::strtod(FormatValue(v).c_str(), nullptr);
 }
@@ -29,11 +33,63 @@ Json Numbers(const std::vector<float>& values)
     return list;
 }
 
-std::string Dump(const Json& doc) { return doc.dump(2, ' ', false, Json::error_handler_t::replace); }
+// One row of a component table: its number, its values in order, its code
+// and whether the model kept it.
+Json ComponentRow(std::size_t r, std::initializer_list<std::pair<const char*, float>> values,
+                  SignificanceE::Significance significance, int kept)
+{
+    Json row;
+    row["component"] = r + 1;
+    for (const auto& [key, value] : values)
+        row[key] = Number(value);
+    row["significance"] = SignificanceE::GetSignificance(significance);
+    row["kept"] = static_cast<int>(r) < kept;
+    return row;
+}
+
+// The fields that close every fit's document.
+void FitEnd(Json& doc, Json components, int kept, const std::string& stopReason)
+{
+    doc["components"] = std::move(components);
+    doc["kept"] = kept;
+    doc["stop_reason"] = stopReason.empty() ? Json(nullptr) : Json(stopReason);
+}
+
+// A score vector per observation, and its predicted responses when given.
+Json ObservationRows(const DataTable& table, const NCDataMatrix<float>& scores, const NCDataMatrix<float>* predictions)
+{
+    Json rows = Json::array();
+    for (int i = 1; i <= table.Observations(); ++i) {
+        Json row;
+        row["observation"] = table.observations[static_cast<std::size_t>(i - 1)];
+        if (predictions) {
+            Json y = Json::array();
+            for (int j = 1; j <= predictions->SizeColumns(); ++j)
+                y.push_back(Number((*predictions)[i][j]));
+            row["y"] = y;
+        }
+        Json t = Json::array();
+        for (int a = 1; a <= scores.SizeRows(); ++a)
+            t.push_back(Number(scores[a][i]));
+        row["t"] = t;
+        rows.push_back(row);
+    }
+    return rows;
+}
+
+std::string Finish(Json& doc, const std::vector<WrittenFile>& files)
+{
+    Json list = Json::object();
+    for (const WrittenFile& file : files)
+        list[file.key] = file.path;
+    doc["files"] = list;
+    return doc.dump(2, ' ', false, Json::error_handler_t::replace);
+}
 
 } // namespace
 
-std::string PcaJson(const DataTable& table, const PcaOptions& options, const PcaFit& fit)
+std::string PcaJson(const DataTable& table, const PcaOptions& options, const PcaFit& fit,
+                    const std::vector<WrittenFile>& files)
 {
     Json doc;
     doc["command"] = "pca";
@@ -47,31 +103,21 @@ std::string PcaJson(const DataTable& table, const PcaOptions& options, const Pca
     Json components = Json::array();
     for (std::size_t r = 0; r < fit.records.size(); ++r) {
         const PCA_CrossValidated::Component& c = fit.records[r];
-        components.push_back({{"component", r + 1},
-                              {"r2x", Number(c.r2)},
-                              {"r2x_cum", Number(c.r2Cum)},
-                              {"eigenvalue", Number(c.eigenvalue)},
-                              {"q2", Number(c.q2)},
-                              {"q2_cum", Number(c.q2Cum)},
-                              {"q2_limit", Number(c.q2Limit)},
-                              {"significance", SignificanceE::GetSignificance(c.significance)},
-                              {"kept", static_cast<int>(r) < fit.kept}});
+        components.push_back(ComponentRow(r,
+                                          {{"r2x", c.r2},
+                                           {"r2x_cum", c.r2Cum},
+                                           {"eigenvalue", c.eigenvalue},
+                                           {"q2", c.q2},
+                                           {"q2_cum", c.q2Cum},
+                                           {"q2_limit", c.q2Limit}},
+                                          c.significance, fit.kept));
     }
-    doc["components"] = components;
-    doc["kept"] = fit.kept;
-    doc["stop_reason"] = fit.stopReason.empty() ? Json(nullptr) : Json(fit.stopReason);
-    Json files = Json::object();
-    if (!options.scoresPath.empty())
-        files["scores"] = options.scoresPath;
-    if (!options.loadingsPath.empty())
-        files["loadings"] = options.loadingsPath;
-    if (!options.savePath.empty())
-        files["model"] = options.savePath;
-    doc["files"] = files;
-    return doc.dump(2, ' ', false, Json::error_handler_t::replace);
+    FitEnd(doc, std::move(components), fit.kept, fit.stopReason);
+    return Finish(doc, files);
 }
 
-std::string PredictJson(const PredictOptions& options, const DataTable& table, const NCDataMatrix<float>& scores)
+std::string PredictJson(const PredictOptions& options, const DataTable& table, const NCDataMatrix<float>& scores,
+                        const std::vector<WrittenFile>& files)
 {
     Json doc;
     doc["command"] = "predict";
@@ -79,22 +125,36 @@ std::string PredictJson(const PredictOptions& options, const DataTable& table, c
     doc["data"] = table.source;
     doc["observations"] = table.Observations();
     doc["components"] = scores.SizeRows();
-    Json rows = Json::array();
-    for (int i = 1; i <= table.Observations(); ++i) {
-        Json t = Json::array();
-        for (int a = 1; a <= scores.SizeRows(); ++a)
-            t.push_back(Number(scores[a][i]));
-        rows.push_back({{"observation", table.observations[static_cast<std::size_t>(i - 1)]}, {"t", t}});
-    }
-    doc["scores"] = rows;
-    Json files = Json::object();
-    if (!options.scoresPath.empty())
-        files["scores"] = options.scoresPath;
-    doc["files"] = files;
-    return doc.dump(2, ' ', false, Json::error_handler_t::replace);
+    doc["scores"] = ObservationRows(table, scores, nullptr);
+    return Finish(doc, files);
 }
 
-std::string PlsJson(const PlsData& data, const PlsOptions& options, const PlsFit& fit, const PermutationTest* test)
+namespace {
+
+Json PermutationsJson(const PermutationTest* test)
+{
+    if (!test)
+        return nullptr;
+    Json rows = Json::array();
+    for (const PermutationRow& row : test->rows)
+        rows.push_back(
+            {{"correlation", Number(row.correlation)}, {"r2y_cum", Number(row.r2y)}, {"q2_cum", Number(row.q2)}});
+    return {{"count", test->rows.size()},
+            {"seed", test->seed},
+            {"components", test->components},
+            {"r2y_cum", Number(test->r2y)},
+            {"q2_cum", Number(test->q2)},
+            {"r2y_intercept", test->r2yIntercept},
+            {"q2_intercept", test->q2Intercept},
+            {"r2y_reached", test->r2yReached},
+            {"q2_reached", test->q2Reached},
+            {"rows", rows}};
+}
+
+} // namespace
+
+std::string PlsJson(const PlsData& data, const PlsOptions& options, const PlsFit& fit, const PermutationTest* test,
+                    const std::vector<WrittenFile>& files)
 {
     Json doc;
     doc["command"] = "pls";
@@ -111,57 +171,29 @@ std::string PlsJson(const PlsData& data, const PlsOptions& options, const PlsFit
     Json components = Json::array();
     for (std::size_t r = 0; r < fit.records.size(); ++r) {
         const PlsComponent& c = fit.records[r];
-        components.push_back({{"component", r + 1},
-                              {"r2x", Number(c.r2x)},
-                              {"r2x_cum", Number(c.r2xCum)},
-                              {"r2y", Number(c.r2y)},
-                              {"r2y_cum", Number(c.r2yCum)},
-                              {"q2", Number(c.q2)},
-                              {"q2_cum", Number(c.q2Cum)},
-                              {"q2_limit", Number(c.q2Limit)},
-                              {"significance", SignificanceE::GetSignificance(c.significance)},
-                              {"kept", static_cast<int>(r) < fit.kept},
-                              {"r2y_responses", Numbers(c.r2yResponses)},
-                              {"r2y_cum_responses", Numbers(c.r2yCumResponses)},
-                              {"q2_responses", Numbers(c.q2Responses)},
-                              {"q2_cum_responses", Numbers(c.q2CumResponses)}});
+        Json row = ComponentRow(r,
+                                {{"r2x", c.r2x},
+                                 {"r2x_cum", c.r2xCum},
+                                 {"r2y", c.r2y},
+                                 {"r2y_cum", c.r2yCum},
+                                 {"q2", c.q2},
+                                 {"q2_cum", c.q2Cum},
+                                 {"q2_limit", c.q2Limit}},
+                                c.significance, fit.kept);
+        row["r2y_responses"] = Numbers(c.r2yResponses);
+        row["r2y_cum_responses"] = Numbers(c.r2yCumResponses);
+        row["q2_responses"] = Numbers(c.q2Responses);
+        row["q2_cum_responses"] = Numbers(c.q2CumResponses);
+        components.push_back(std::move(row));
     }
-    doc["components"] = components;
-    doc["kept"] = fit.kept;
-    doc["stop_reason"] = fit.stopReason.empty() ? Json(nullptr) : Json(fit.stopReason);
-    if (test) {
-        Json rows = Json::array();
-        for (const PermutationRow& row : test->rows)
-            rows.push_back({{"correlation", Number(row.correlation)}, {"r2y_cum", Number(row.r2y)},
-                            {"q2_cum", Number(row.q2)}});
-        doc["permutations"] = {{"count", test->rows.size()},
-                               {"seed", test->seed},
-                               {"components", test->components},
-                               {"r2y_cum", Number(test->r2y)},
-                               {"q2_cum", Number(test->q2)},
-                               {"r2y_intercept", test->r2yIntercept},
-                               {"q2_intercept", test->q2Intercept},
-                               {"r2y_reached", test->r2yReached},
-                               {"q2_reached", test->q2Reached},
-                               {"rows", rows}};
-    } else {
-        doc["permutations"] = nullptr;
-    }
-    Json files = Json::object();
-    const std::pair<const char*, const std::string*> written[] = {
-        {"coefficients", &options.coefficientsPath}, {"fitted", &options.fittedPath},
-        {"cv_predictions", &options.cvPredictionsPath}, {"scores", &options.scoresPath},
-        {"model", &options.savePath}, {"permutations", &options.permutationsPath}};
-    for (const auto& [key, path] : written)
-        if (!path->empty())
-            files[key] = *path;
-    doc["files"] = files;
-    return Dump(doc);
+    FitEnd(doc, std::move(components), fit.kept, fit.stopReason);
+    doc["permutations"] = PermutationsJson(test);
+    return Finish(doc, files);
 }
 
 std::string PlsPredictJson(const PredictOptions& options, const DataTable& table,
                            const std::vector<std::string>& responses, const NCDataMatrix<float>& predictions,
-                           const NCDataMatrix<float>& scores)
+                           const NCDataMatrix<float>& scores, const std::vector<WrittenFile>& files)
 {
     Json doc;
     doc["command"] = "predict";
@@ -171,23 +203,8 @@ std::string PlsPredictJson(const PredictOptions& options, const DataTable& table
     doc["observations"] = table.Observations();
     doc["components"] = scores.SizeRows();
     doc["responses"] = responses;
-    Json rows = Json::array();
-    for (int i = 1; i <= table.Observations(); ++i) {
-        Json y = Json::array(), t = Json::array();
-        for (int j = 1; j <= predictions.SizeColumns(); ++j)
-            y.push_back(Number(predictions[i][j]));
-        for (int a = 1; a <= scores.SizeRows(); ++a)
-            t.push_back(Number(scores[a][i]));
-        rows.push_back({{"observation", table.observations[static_cast<std::size_t>(i - 1)]}, {"y", y}, {"t", t}});
-    }
-    doc["predictions"] = rows;
-    Json files = Json::object();
-    if (!options.predictionsPath.empty())
-        files["predictions"] = options.predictionsPath;
-    if (!options.scoresPath.empty())
-        files["scores"] = options.scoresPath;
-    doc["files"] = files;
-    return Dump(doc);
+    doc["predictions"] = ObservationRows(table, scores, &predictions);
+    return Finish(doc, files);
 }
 
 } // namespace veltan_cli

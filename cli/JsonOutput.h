@@ -4,6 +4,7 @@
 #include "cli/PcaCommand.h"
 #include "cli/PlsCommand.h"
 #include "cli/PredictCommand.h"
+#include "cli/RunSkeleton.h"
 
 #include <string>
 
@@ -11,14 +12,18 @@ namespace veltan_cli {
 
 // The single JSON documents --json prints (layout in docs/cli.md). Values
 // the library leaves missing are null; floats are written in their
-// shortest exact form.
-std::string PcaJson(const DataTable& table, const PcaOptions& options, const PcaFit& fit);
-std::string PredictJson(const PredictOptions& options, const DataTable& table, const NCDataMatrix<float>& scores);
+// shortest exact form. `files` are the files the run wrote, listed under
+// "files" by their keys.
+std::string PcaJson(const DataTable& table, const PcaOptions& options, const PcaFit& fit,
+                    const std::vector<WrittenFile>& files);
+std::string PredictJson(const PredictOptions& options, const DataTable& table, const NCDataMatrix<float>& scores,
+                        const std::vector<WrittenFile>& files);
 // test may be null (no permutation test asked for).
-std::string PlsJson(const PlsData& data, const PlsOptions& options, const PlsFit& fit, const PermutationTest* test);
+std::string PlsJson(const PlsData& data, const PlsOptions& options, const PlsFit& fit, const PermutationTest* test,
+                    const std::vector<WrittenFile>& files);
 // predictions: N x M in the responses' units; scores: A x N.
 std::string PlsPredictJson(const PredictOptions& options, const DataTable& table,
                            const std::vector<std::string>& responses, const NCDataMatrix<float>& predictions,
-                           const NCDataMatrix<float>& scores);
+                           const NCDataMatrix<float>& scores, const std::vector<WrittenFile>& files);
 
 } // namespace veltan_cli

@@ -1,10 +1,13 @@
 #include "cli/PcaCommand.h"
 
+#include "cli/Command.h"
+#include "cli/CommonOptions.h"
 #include "cli/CsvWriter.h"
 #include "cli/FitLimits.h"
 #include "cli/JsonOutput.h"
 #include "cli/Preprocess.h"
-#include "cli/ProgressBar.h"
+#include "cli/RunSkeleton.h"
+#include "cli/SvgPlot.h"
 #include "cli/ToolError.h"
 
 #include "veltancmat/platform/Exception.h"
@@ -12,6 +15,8 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <filesystem>
+#include <functional>
 #include <sstream>
 
 namespace veltan_cli {
@@ -118,45 +123,137 @@ PcaFit FitPca(const DataTable& table, const PcaOptions& options, NCProgress& pro
     return fit;
 }
 
+namespace {
+
+// "t[1] (36.2 %)": a component's axis, with the share of X it explains.
+std::string ComponentAxis(char letter, int a, const PcaFit& fit)
+{
+    char share[32];
+    std::snprintf(share, sizeof share, " (%.1f %%)",
+                  100.0 * static_cast<double>(fit.records[static_cast<std::size_t>(a - 1)].r2));
+    return std::string(1, letter) + "[" + std::to_string(a) + "]" + share;
+}
+
+// The plane of components 1 and 2 of `prim` (scores or loadings), each
+// mark labelled with its name; with one component kept, component 1
+// against the row index instead, as the title then says.
+PlotFigure ComponentPlane(const std::string& what, char letter, const NCDataMatrix<float>& prim,
+                          const std::vector<std::string>& names, const std::string& indexTitle, const PcaFit& fit,
+                          const std::string& source)
+{
+    if (fit.kept == 0)
+        throw ToolError(source + ": no component was kept, so there are no " + what + " to plot");
+    PlotPanel panel;
+    panel.zeroLines = true;
+    PlotSeries points;
+    points.labels = names;
+    const bool plane = fit.kept >= 2;
+    for (int i = 1; i <= prim.SizeColumns(); ++i) {
+        points.x.push_back(plane ? static_cast<double>(prim[1][i]) : i);
+        points.y.push_back(static_cast<double>(prim[plane ? 2 : 1][i]));
+    }
+    panel.series.push_back(std::move(points));
+    panel.xTitle = plane ? ComponentAxis(letter, 1, fit) : indexTitle;
+    panel.yTitle = ComponentAxis(letter, plane ? 2 : 1, fit);
+    const std::string name = std::filesystem::path(source).filename().string();
+    panel.title = plane ? std::string(1, letter) + "[2] against " + letter + "[1]"
+                        : std::string(1, letter) + "[1] against " + indexTitle + " (one component kept)";
+    return PlotFigure{"PCA " + what + " of " + name, {std::move(panel)}};
+}
+
+std::function<void(std::ostream&)> Plot(PlotFigure figure)
+{
+    return [figure = std::move(figure)](std::ostream& file) { WriteSvg(file, figure); };
+}
+
+void WritePcaFiles(RunOutputs& files, const DataTable& table, const PcaOptions& options, const PcaFit& fit)
+{
+    const NCDataMatrix<float>& loadings = *fit.model->pca.GetPprim();
+    files.Add("scores", options.scoresPath, [&](std::ostream& file) {
+        WriteTransposedCsv(file, ObservationHeader(table), table.observations, Numbered("t", fit.kept), fit.scores);
+    }, WrittenTo("Scores", options.scoresPath));
+    files.Add("loadings", options.loadingsPath, [&](std::ostream& file) {
+        WriteTransposedCsv(file, "variable", table.variables, Numbered("p", fit.kept), loadings);
+    }, WrittenTo("Loadings", options.loadingsPath));
+    files.Add("model", options.savePath,
+              [&](std::ostream& file) { WriteModel(*fit.model, file, options.savePath); },
+              SavedTo("Model", options.savePath));
+    if (!options.plotPath.empty())
+        files.Add("plot", options.plotPath,
+                  Plot(ComponentPlane("scores", 't', fit.scores, table.observations, "observation index", fit,
+                                      table.source)),
+                  WrittenTo("Score plot", options.plotPath));
+    if (!options.loadingsPlotPath.empty())
+        files.Add("loadings_plot", options.loadingsPlotPath,
+                  Plot(ComponentPlane("loadings", 'p', loadings, table.variables, "variable index", fit,
+                                      table.source)),
+                  WrittenTo("Loading plot", options.loadingsPlotPath));
+}
+
+class PcaCommand final : public Command {
+public:
+    CLI::App& Register(CLI::App& tool) override;
+    int Run(const std::string& bundledData, std::ostream& out) override;
+    std::string Context() const override { return m_options.data; }
+
+private:
+    PcaOptions m_options;
+    std::string m_scale = "uv";
+    std::string m_names = "auto";
+};
+
+CLI::App& PcaCommand::Register(CLI::App& tool)
+{
+    CLI::App& command = *tool.add_subcommand(
+        "pca", "Fit a PCA model, one cross-validated component at a time, and print its component table. "
+               "Without DATA, the bundled wine data set is analysed.");
+    AddDataArgument(command, m_options.data,
+                    "CSV table: a header row of variable names, an optional first column of observation names; "
+                    "empty cells, NA and -99 are missing");
+    AddComponentsOption(command, m_options.components);
+    AddCvGroupsOption(command, m_options.cvGroups);
+    AddScaleOption(command, m_scale, "Column scaling: uv (unit variance), pareto, center, none");
+    AddLogOption(command, m_options.logVariables, "Take log10 of variable VAR before scaling (repeat for more)");
+    AddNamesOption(command, m_names);
+    AddOutputOption(command, "--scores", m_options.scoresPath, "Write the scores (observations x components) as CSV");
+    AddOutputOption(command, "--loadings", m_options.loadingsPath,
+                    "Write the loadings (variables x components) as CSV");
+    AddOutputOption(command, "--save", m_options.savePath,
+                    "Save the model with its scaling and transforms for predict", "MODEL");
+    AddOutputOption(command, "--plot", m_options.plotPath,
+                    "Draw the scores of components 1 and 2, labelled with the observation names, as SVG");
+    AddOutputOption(command, "--plot-loadings", m_options.loadingsPlotPath,
+                    "Draw the loadings of components 1 and 2, labelled with the variable names, as SVG");
+    AddFitRunFlags(command, m_options.json, m_options.progress);
+    return command;
+}
+
+int PcaCommand::Run(const std::string& bundledData, std::ostream& out)
+{
+    m_options.bundled = UseBundledTable(m_options.data, bundledData);
+    m_options.scale = ScalingNamed(m_scale);
+    m_options.names = NamesColumnNamed(m_names);
+    return RunPca(m_options, out);
+}
+
+} // namespace
+
 int RunPca(const PcaOptions& options, std::ostream& out)
 {
     const DataTable table = ReadCsvTable(options.data, options.names);
-
-    NCProgress progress("Fitting PCA", 0.0f, 1.0f, false, true, false, table.source);
-    // The guard stays until the files are in place, so that a Ctrl-C while
-    // they are written still removes the temporary files on its way out.
-    InterruptGuard interrupt(progress);
     PcaFit fit;
-    {
-        ProgressBar bar(progress, options.progress || ProgressBar::StderrIsTerminal());
-        fit = FitPca(table, options, progress);
-    }
-
-    OutputFiles files;
-    if (!options.scoresPath.empty())
-        WriteTransposedCsv(files.Add(options.scoresPath), ObservationHeader(table), table.observations,
-                           Numbered("t", fit.kept), fit.scores);
-    if (!options.loadingsPath.empty())
-        WriteTransposedCsv(files.Add(options.loadingsPath), "variable", table.variables, Numbered("p", fit.kept),
-                           *fit.model->pca.GetPprim());
-    if (!options.savePath.empty())
-        WriteModel(*fit.model, files.Add(options.savePath), options.savePath);
-    if (InterruptGuard::Interrupted())
-        throw CancelException();
-    files.CommitAll();
-
-    if (options.json) {
-        out << PcaJson(table, options, fit) << "\n";
-        return ExitOk;
-    }
-    PrintTable(out, table, options, fit);
-    if (!options.scoresPath.empty())
-        out << "Scores written to " << options.scoresPath << "\n";
-    if (!options.loadingsPath.empty())
-        out << "Loadings written to " << options.loadingsPath << "\n";
-    if (!options.savePath.empty())
-        out << "Model saved to " << options.savePath << "\n";
-    return ExitOk;
+    RunSteps steps;
+    steps.task = "Fitting PCA";
+    steps.source = table.source;
+    steps.drawBar = options.progress;
+    steps.json = options.json;
+    steps.compute = [&](NCProgress& progress) { fit = FitPca(table, options, progress); };
+    steps.write = [&](RunOutputs& files) { WritePcaFiles(files, table, options, fit); };
+    steps.document = [&](const std::vector<WrittenFile>& files) { return PcaJson(table, options, fit, files); };
+    steps.report = [&](std::ostream& report) { PrintTable(report, table, options, fit); };
+    return RunCommand(steps, out);
 }
+
+std::unique_ptr<Command> MakePcaCommand() { return std::make_unique<PcaCommand>(); }
 
 } // namespace veltan_cli

@@ -26,6 +26,8 @@ struct PcaOptions {
     std::string scoresPath;
     std::string loadingsPath;
     std::string savePath;
+    std::string plotPath;         // SVG score plot
+    std::string loadingsPlotPath; // SVG loading plot
     bool json = false;
     bool progress = false; // draw the bar even when stderr is not a terminal
 };

@@ -1,20 +1,27 @@
 #include "cli/PlsCommand.h"
 
+#include "cli/Command.h"
+#include "cli/CommonOptions.h"
 #include "cli/CsvWriter.h"
 #include "cli/FitLimits.h"
 #include "cli/JsonOutput.h"
 #include "cli/ModelFile.h"
 #include "cli/Preprocess.h"
-#include "cli/ProgressBar.h"
+#include "cli/RunSkeleton.h"
+#include "cli/SvgPlot.h"
 #include "cli/ToolError.h"
 
+#include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/models/PLSCrossValidation.h"
 #include "veltancmat/platform/Exception.h"
 #include "veltancmat/platform/NCError.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <filesystem>
+#include <limits>
 #include <random>
 
 namespace veltan_cli {
@@ -426,69 +433,189 @@ void WritePermutations(std::ostream& out, const PermutationTest& test)
 
 } // namespace
 
+namespace {
+
+// One panel per response: its observed values against their
+// cross-validated predictions, both in the response's units, on one scale
+// so that the line y = x is the diagonal a perfect model would fill.
+PlotFigure PredictionPlot(const PlsData& data, const PlsFit& fit)
+{
+    PlotFigure figure;
+    figure.title = "PLS of " + std::filesystem::path(data.x.source).filename().string() + ": observed against " +
+                   "cross-validated predictions, " + Plural(fit.kept, "component");
+    const auto value = [](float v) { return IsMisVal(v) ? std::nan("") : static_cast<double>(v); };
+    for (int j = 1; j <= data.y.Variables(); ++j) {
+        PlotPanel panel;
+        panel.title = data.y.variables[static_cast<std::size_t>(j - 1)];
+        panel.xTitle = "Cross-validated prediction";
+        panel.yTitle = "Observed";
+        panel.sameScales = true;
+        PlotSeries points{PlotSeries::Kind::Points, "observations", {}, {}, data.x.observations};
+        double low = std::numeric_limits<double>::infinity(), high = -low;
+        for (int i = 1; i <= data.y.Observations(); ++i) {
+            points.x.push_back(value(fit.cvPredicted[i][j]));
+            points.y.push_back(value(data.y.values[i][j]));
+            for (const double v : {points.x.back(), points.y.back()})
+                if (std::isfinite(v)) {
+                    low = std::min(low, v);
+                    high = std::max(high, v);
+                }
+        }
+        panel.series.push_back(std::move(points));
+        if (low <= high)
+            panel.series.push_back({PlotSeries::Kind::Line, "y = x", {low, high}, {low, high}, {}});
+        figure.panels.push_back(std::move(panel));
+    }
+    return figure;
+}
+
+void WritePlsFiles(RunOutputs& files, const PlsData& data, const PlsOptions& options, const PlsFit& fit,
+                   const PermutationTest* test)
+{
+    const std::string corner = ObservationHeader(data.x);
+    const std::vector<std::string>& rows = data.x.observations;
+    files.Add("coefficients", options.coefficientsPath,
+              [&](std::ostream& file) { WriteCoefficients(file, data, fit); },
+              WrittenTo("Coefficients", options.coefficientsPath));
+    files.Add("fitted", options.fittedPath,
+              [&](std::ostream& file) { WriteTableCsv(file, corner, rows, data.y.variables, fit.fitted); },
+              WrittenTo("Fitted values", options.fittedPath));
+    files.Add("cv_predictions", options.cvPredictionsPath,
+              [&](std::ostream& file) { WriteTableCsv(file, corner, rows, data.y.variables, fit.cvPredicted); },
+              WrittenTo("Cross-validated predictions", options.cvPredictionsPath));
+    files.Add("scores", options.scoresPath,
+              [&](std::ostream& file) { WriteTransposedCsv(file, corner, rows, Numbered("t", fit.kept), fit.scores); },
+              WrittenTo("Scores", options.scoresPath));
+    files.Add("model", options.savePath,
+              [&](std::ostream& file) { WriteModelRecord(*fit.model, file, options.savePath); },
+              SavedTo("Model", options.savePath));
+    if (test)
+        files.Add("permutations", options.permutationsPath,
+                  [&](std::ostream& file) { WritePermutations(file, *test); },
+                  WrittenTo("Permutations", options.permutationsPath));
+    files.Add("plot", options.plotPath,
+              [&](std::ostream& file) { WriteSvg(file, PredictionPlot(data, fit)); },
+              WrittenTo("Prediction plot", options.plotPath));
+}
+
+// The permutation test of the fitted model, at one component when none was
+// significant.
+std::unique_ptr<PermutationTest> TestByPermutation(const PlsOptions& options, const PlsFit& fit,
+                                                   NCProgress& progress)
+{
+    const int a = std::max(fit.kept, 1);
+    const PlsComponent& real = fit.records[static_cast<std::size_t>(a - 1)];
+    const unsigned seed = options.seed ? *options.seed : std::random_device{}();
+    progress.SetText("Permutation test");
+    return std::make_unique<PermutationTest>(RunPermutationTest(
+        fit.x, fit.y, a, fit.cvGroups, options.permutations, seed, real.r2yCum, real.q2Cum, progress));
+}
+
+class PlsCommand final : public Command {
+public:
+    CLI::App& Register(CLI::App& tool) override;
+    int Run(const std::string& bundledData, std::ostream& out) override;
+    std::string Context() const override { return m_options.data; }
+
+private:
+    void RegisterOutputs(CLI::App& command);
+
+    PlsOptions m_options;
+    std::string m_scale = "uv";
+    std::string m_yScale;
+    std::string m_names = "auto";
+    unsigned m_seed = 0;
+    CLI::Option* m_seedOption = nullptr;
+};
+
+CLI::App& PlsCommand::Register(CLI::App& tool)
+{
+    CLI::App& command = *tool.add_subcommand(
+        "pls", "Fit a PLS regression of responses on the other variables, one cross-validated component at a "
+               "time, and print its component table. Without DATA, the bundled wine data set is used.");
+    AddDataArgument(command, m_options.data, "CSV table of the X variables, and of the responses named by --y");
+    command
+        .add_option("-y,--y", m_options.yNames,
+                    "A response column (repeat for more); with --responses, the columns of that table to use "
+                    "(default all)")
+        ->type_name("NAME")
+        ->allow_extra_args(false);
+    command.add_option("--responses", m_options.responsesData, "CSV table of the responses, row for row with DATA")
+        ->type_name("YDATA");
+    AddComponentsOption(command, m_options.components);
+    AddCvGroupsOption(command, m_options.cvGroups);
+    AddScaleOption(command, m_scale,
+                   "Scaling of the X columns, and of the responses unless --y-scale is given: uv (unit variance), "
+                   "pareto, center, none");
+    AddYScaleOption(command, m_yScale, "Scaling of the responses (default: as --scale)");
+    AddLogOption(command, m_options.logVariables,
+                 "Take log10 of variable VAR, X or response, before scaling (repeat for more)");
+    AddNamesOption(command, m_names);
+    RegisterOutputs(command);
+    AddFitRunFlags(command, m_options.json, m_options.progress);
+    return command;
+}
+
+void PlsCommand::RegisterOutputs(CLI::App& command)
+{
+    AddOutputOption(command, "--coefficients", m_options.coefficientsPath,
+                    "Write the regression coefficients (X variables x responses) as CSV");
+    AddOutputOption(command, "--fitted", m_options.fittedPath, "Write the fitted responses as CSV");
+    AddOutputOption(command, "--cv-predictions", m_options.cvPredictionsPath,
+                    "Write the cross-validated predictions of the responses as CSV");
+    AddOutputOption(command, "--scores", m_options.scoresPath, "Write the X scores (observations x components) as CSV");
+    AddOutputOption(command, "--save", m_options.savePath,
+                    "Save the model with its scaling and transforms for predict", "MODEL");
+    command
+        .add_option("--permutations", m_options.permutations,
+                    "Refit to N shufflings of the responses and report the intercepts of R2Y and Q2")
+        ->check(CLI::Range(1, 100000));
+    m_seedOption = command.add_option("--seed", m_seed, "Seed of the shuffling (default: random, and reported)");
+    AddOutputOption(command, "--permutations-out", m_options.permutationsPath,
+                    "Write every permutation's correlation, R2Y(cum) and Q2(cum) as CSV");
+    AddOutputOption(command, "--plot", m_options.plotPath,
+                    "Draw each response's observed values against their cross-validated predictions as SVG");
+}
+
+int PlsCommand::Run(const std::string& bundledData, std::ostream& out)
+{
+    m_options.bundled = UseBundledTable(m_options.data, bundledData);
+    m_options.scale = ScalingNamed(m_scale);
+    m_options.yScale = ScalingNamed(m_yScale.empty() ? m_scale : m_yScale);
+    m_options.names = NamesColumnNamed(m_names);
+    if (m_seedOption->count() > 0)
+        m_options.seed = m_seed;
+    return RunPls(m_options, out);
+}
+
+} // namespace
+
 int RunPls(const PlsOptions& options, std::ostream& out)
 {
     if (options.permutations == 0 && !options.permutationsPath.empty())
         throw ToolError("--permutations-out needs --permutations N", ExitUsage);
     const PlsData data = ReadPlsData(options);
-
-    NCProgress progress("Fitting PLS", 0.0f, 1.0f, false, true, false, data.x.source);
-    // The guard stays until the files are in place, so that a Ctrl-C while
-    // they are written still removes the temporary files on its way out.
-    InterruptGuard interrupt(progress);
     PlsFit fit;
     std::unique_ptr<PermutationTest> test;
-    {
-        ProgressBar bar(progress, options.progress || ProgressBar::StderrIsTerminal());
+    RunSteps steps;
+    steps.task = "Fitting PLS";
+    steps.source = data.x.source;
+    steps.drawBar = options.progress;
+    steps.json = options.json;
+    steps.blankLineBeforeFiles = true;
+    steps.compute = [&](NCProgress& progress) {
         fit = FitPls(data, options, progress);
-        if (options.permutations > 0) {
-            // A model without a significant component is tested at one.
-            const int a = std::max(fit.kept, 1);
-            const PlsComponent& real = fit.records[static_cast<std::size_t>(a - 1)];
-            const unsigned seed = options.seed ? *options.seed : std::random_device{}();
-            progress.SetText("Permutation test");
-            test = std::make_unique<PermutationTest>(RunPermutationTest(
-                fit.x, fit.y, a, fit.cvGroups, options.permutations, seed, real.r2yCum, real.q2Cum, progress));
-        }
-    }
-
-    const std::string corner = ObservationHeader(data.x);
-    OutputFiles files;
-    if (!options.coefficientsPath.empty())
-        WriteCoefficients(files.Add(options.coefficientsPath), data, fit);
-    if (!options.fittedPath.empty())
-        WriteTableCsv(files.Add(options.fittedPath), corner, data.x.observations, data.y.variables, fit.fitted);
-    if (!options.cvPredictionsPath.empty())
-        WriteTableCsv(files.Add(options.cvPredictionsPath), corner, data.x.observations, data.y.variables,
-                      fit.cvPredicted);
-    if (!options.scoresPath.empty())
-        WriteTransposedCsv(files.Add(options.scoresPath), corner, data.x.observations, Numbered("t", fit.kept),
-                           fit.scores);
-    if (!options.savePath.empty())
-        WriteModelRecord(*fit.model, files.Add(options.savePath), options.savePath);
-    if (test && !options.permutationsPath.empty())
-        WritePermutations(files.Add(options.permutationsPath), *test);
-    if (InterruptGuard::Interrupted())
-        throw CancelException();
-    files.CommitAll();
-
-    if (options.json) {
-        out << PlsJson(data, options, fit, test.get()) << "\n";
-        return ExitOk;
-    }
-    PrintReport(out, data, options, fit, test.get());
-    const std::pair<const std::string*, const char*> written[] = {
-        {&options.coefficientsPath, "Coefficients"},      {&options.fittedPath, "Fitted values"},
-        {&options.cvPredictionsPath, "Cross-validated predictions"}, {&options.scoresPath, "Scores"},
-        {&options.savePath, "Model"},                     {&options.permutationsPath, "Permutations"}};
-    bool first = true;
-    for (const auto& [path, what] : written)
-        if (!path->empty()) {
-            out << (first ? "\n" : "") << what << (path == &options.savePath ? " saved to " : " written to ") << *path
-                << "\n";
-            first = false;
-        }
-    return ExitOk;
+        if (options.permutations > 0)
+            test = TestByPermutation(options, fit, progress);
+    };
+    steps.write = [&](RunOutputs& files) { WritePlsFiles(files, data, options, fit, test.get()); };
+    steps.document = [&](const std::vector<WrittenFile>& files) {
+        return PlsJson(data, options, fit, test.get(), files);
+    };
+    steps.report = [&](std::ostream& report) { PrintReport(report, data, options, fit, test.get()); };
+    return RunCommand(steps, out);
 }
+
+std::unique_ptr<Command> MakePlsCommand() { return std::make_unique<PlsCommand>(); }
 
 } // namespace veltan_cli

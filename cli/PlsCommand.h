@@ -36,6 +36,7 @@ struct PlsOptions {
     int permutations = 0;
     std::optional<unsigned> seed; // none: drawn at random and reported
     std::string permutationsPath;
+    std::string plotPath; // SVG: observed against cross-validated predictions
     bool json = false;
     bool progress = false;
 };

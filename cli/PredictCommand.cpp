@@ -1,29 +1,26 @@
 #include "cli/PredictCommand.h"
 
+#include "cli/Command.h"
+#include "cli/CommonOptions.h"
 #include "cli/CsvWriter.h"
 #include "cli/JsonOutput.h"
+#include "cli/ModelFile.h"
 #include "cli/Preprocess.h"
-#include "cli/ProgressBar.h"
+#include "cli/Report.h"
+#include "cli/RunSkeleton.h"
 #include "cli/ToolError.h"
 
-#include "cli/ModelFile.h"
-#include "cli/Report.h"
-
+#include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/models/NCPCAPred.h"
 #include "veltancmat/models/NCPLSPred.h"
-#include "veltancmat/platform/Exception.h"
+#include "veltancmat/models/NipalsDefaults.h"
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <vector>
 
 namespace veltan_cli {
-
-namespace {
-
-constexpr int MaxIterations = 200;
-
-} // namespace
 
 NCDataMatrix<float> PredictScores(PcaModelFile& model, const std::string& modelPath, const DataTable& table)
 {
@@ -32,7 +29,7 @@ NCDataMatrix<float> PredictScores(PcaModelFile& model, const std::string& modelP
     const NCDataMatrix<float>& pprim = *model.pca.GetPprim();
     if (pprim.SizeRows() == 0)
         return NCDataMatrix<float>(0, table.Observations());
-    NCPCAPred pred(&x, &pprim, MaxIterations, MaxMissingFraction);
+    NCPCAPred pred(&x, &pprim, NCNipals::DefaultMaxIterations, MaxMissingFraction);
     return pred.GetTPredPrim();
 }
 
@@ -80,51 +77,125 @@ void PredictResponses(PlsModelFile& model, const std::string& modelPath, const D
         predictions = pred.GetYPred();
         // A row without a score has no prediction either.
         for (int i = 1; i <= n; ++i)
-            if (scores[a][i] == -99.0f)
+            if (IsMisVal(scores[a][i]))
                 for (int j = 1; j <= m; ++j)
-                    predictions(i, j, -99.0f);
+                    predictions(i, j, NCMisVal<float>);
     }
     UndoPreprocessing(predictions, model.yTransform.get(), model.yScale);
 }
 
 namespace {
 
+// The run shared by both kinds of model: nothing to draw a bar for, but a
+// Ctrl-C meanwhile must still keep a temporary file from being left behind.
+RunSteps PredictSteps(const PredictOptions& options, std::function<void(NCProgress&)> compute)
+{
+    RunSteps steps;
+    steps.json = options.json;
+    steps.compute = std::move(compute);
+    return steps;
+}
+
 int RunPlsPredict(const PredictOptions& options, std::ostream& out)
 {
-    NCProgress progress;
-    InterruptGuard interrupt(progress);
-    std::unique_ptr<PlsModelFile> model = LoadPlsModel(options.model);
-    const DataTable table = ReadCsvTable(options.data, options.names);
+    std::unique_ptr<PlsModelFile> model;
+    DataTable table;
     NCDataMatrix<float> predictions, scores;
-    PredictResponses(*model, options.model, table, predictions, scores);
-    if (InterruptGuard::Interrupted())
-        throw CancelException();
+    RunSteps steps = PredictSteps(options, [&](NCProgress&) {
+        model = LoadPlsModel(options.model);
+        table = ReadCsvTable(options.data, options.names);
+        PredictResponses(*model, options.model, table, predictions, scores);
+    });
+    const auto writeCsv = [&](std::ostream& file, const NCDataMatrix<float>& values, bool transposed) {
+        if (transposed)
+            WriteTransposedCsv(file, ObservationHeader(table), table.observations, Numbered("t", values.SizeRows()),
+                               values);
+        else
+            WriteTableCsv(file, ObservationHeader(table), table.observations, model->responses, values);
+    };
+    steps.write = [&](RunOutputs& files) {
+        files.Add("predictions", options.predictionsPath, [&](std::ostream& file) { writeCsv(file, predictions, false); },
+                  "Predicted " + Plural(static_cast<int>(model->responses.size()), "response") + " of " +
+                      Plural(table.Observations(), "observation") + " written to " + options.predictionsPath);
+        // Without a predictions file the predictions are the output, and
+        // the scores file goes unannounced.
+        files.Add("scores", options.scoresPath, [&](std::ostream& file) { writeCsv(file, scores, true); },
+                  options.predictionsPath.empty()
+                      ? ""
+                      : "Scores on " + Plural(scores.SizeRows(), "component") + " written to " + options.scoresPath);
+    };
+    steps.document = [&](const std::vector<WrittenFile>& files) {
+        return PlsPredictJson(options, table, model->responses, predictions, scores, files);
+    };
+    steps.report = [&](std::ostream& report) {
+        if (options.predictionsPath.empty())
+            writeCsv(report, predictions, false);
+    };
+    return RunCommand(steps, out);
+}
 
-    const std::string corner = ObservationHeader(table);
-    OutputFiles files;
-    if (!options.predictionsPath.empty())
-        WriteTableCsv(files.Add(options.predictionsPath), corner, table.observations, model->responses,
-                      predictions);
-    if (!options.scoresPath.empty())
-        WriteTransposedCsv(files.Add(options.scoresPath), corner, table.observations,
-                           Numbered("t", scores.SizeRows()), scores);
-    if (InterruptGuard::Interrupted())
-        throw CancelException();
-    files.CommitAll();
+int RunPcaPredict(const PredictOptions& options, std::ostream& out)
+{
+    std::unique_ptr<PcaModelFile> model;
+    DataTable table;
+    NCDataMatrix<float> scores;
+    RunSteps steps = PredictSteps(options, [&](NCProgress&) {
+        model = LoadModel(options.model);
+        table = ReadCsvTable(options.data, options.names);
+        scores = PredictScores(*model, options.model, table);
+    });
+    const auto write = [&](std::ostream& file) {
+        WriteTransposedCsv(file, ObservationHeader(table), table.observations, Numbered("t", scores.SizeRows()),
+                           scores);
+    };
+    steps.write = [&](RunOutputs& files) {
+        files.Add("scores", options.scoresPath, write,
+                  "Scores of " + Plural(table.Observations(), "observation") + " on " +
+                      Plural(scores.SizeRows(), "component") + " written to " + options.scoresPath);
+    };
+    steps.document = [&](const std::vector<WrittenFile>& files) {
+        return PredictJson(options, table, scores, files);
+    };
+    steps.report = [&](std::ostream& report) {
+        if (options.scoresPath.empty())
+            write(report);
+    };
+    return RunCommand(steps, out);
+}
 
-    const int n = table.Observations();
-    if (options.json) {
-        out << PlsPredictJson(options, table, model->responses, predictions, scores) << "\n";
-    } else if (options.predictionsPath.empty()) {
-        WriteTableCsv(out, corner, table.observations, model->responses, predictions);
-    } else {
-        out << "Predicted " << Plural(static_cast<int>(model->responses.size()), "response") << " of "
-            << Plural(n, "observation") << " written to " << options.predictionsPath << "\n";
-    }
-    if (!options.json && !options.scoresPath.empty() && !options.predictionsPath.empty())
-        out << "Scores on " << Plural(scores.SizeRows(), "component") << " written to " << options.scoresPath
-            << "\n";
-    return ExitOk;
+class PredictCommand final : public Command {
+public:
+    CLI::App& Register(CLI::App& tool) override;
+    int Run(const std::string& bundledData, std::ostream& out) override;
+    std::string Context() const override { return m_options.data; }
+
+private:
+    PredictOptions m_options;
+    std::string m_names = "auto";
+};
+
+CLI::App& PredictCommand::Register(CLI::App& tool)
+{
+    CLI::App& command =
+        *tool.add_subcommand("predict", "Scores of new observations under a model saved by pca --save, or their "
+                                        "predicted responses under one saved by pls --save");
+    command.add_option("model", m_options.model, "Model file written by pca --save or pls --save")
+        ->type_name("MODEL")
+        ->required();
+    AddDataArgument(command, m_options.data, "CSV table with the model's variables, in its order")->required();
+    AddNamesOption(command, m_names);
+    AddOutputOption(command, "--scores", m_options.scoresPath,
+                    "Write the scores as CSV (for a PCA model: instead of printing them)");
+    AddOutputOption(command, "--predictions", m_options.predictionsPath,
+                    "PLS models: write the predicted responses as CSV instead of printing them");
+    AddJsonFlag(command, m_options.json, "Print one JSON document");
+    return command;
+}
+
+int PredictCommand::Run(const std::string&, std::ostream& out)
+{
+    m_options.names = NamesColumnNamed(m_names);
+    return RunPredict(m_options, out);
 }
 
 } // namespace
@@ -136,36 +207,9 @@ int RunPredict(const PredictOptions& options, std::ostream& out)
     if (!options.predictionsPath.empty())
         throw ToolError("--predictions: " + options.model + " is a PCA model, which predicts no responses",
                         ExitUsage);
-    // Scoring cannot be stopped halfway, but a Ctrl-C meanwhile must still
-    // keep a temporary file from being left behind.
-    NCProgress progress;
-    InterruptGuard interrupt(progress);
-    std::unique_ptr<PcaModelFile> model = LoadModel(options.model);
-    const DataTable table = ReadCsvTable(options.data, options.names);
-    const NCDataMatrix<float> scores = PredictScores(*model, options.model, table);
-    if (InterruptGuard::Interrupted())
-        throw CancelException();
-    std::vector<std::string> columns;
-    for (int a = 1; a <= scores.SizeRows(); ++a)
-        columns.push_back("t" + std::to_string(a));
-
-    if (!options.scoresPath.empty()) {
-        AtomicFile file(options.scoresPath);
-        WriteTransposedCsv(file.Stream(), ObservationHeader(table), table.observations, columns, scores);
-        if (InterruptGuard::Interrupted())
-            throw CancelException();
-        file.Commit();
-    }
-    if (options.json) {
-        out << PredictJson(options, table, scores) << "\n";
-    } else if (options.scoresPath.empty()) {
-        WriteTransposedCsv(out, ObservationHeader(table), table.observations, columns, scores);
-    } else {
-        out << "Scores of " << table.Observations() << " observation" << (table.Observations() == 1 ? "" : "s")
-            << " on " << scores.SizeRows() << " component" << (scores.SizeRows() == 1 ? "" : "s")
-            << " written to " << options.scoresPath << "\n";
-    }
-    return ExitOk;
+    return RunPcaPredict(options, out);
 }
+
+std::unique_ptr<Command> MakePredictCommand() { return std::make_unique<PredictCommand>(); }
 
 } // namespace veltan_cli

@@ -3,6 +3,8 @@
 #include "cli/CsvWriter.h"
 #include "cli/ToolError.h"
 
+#include "veltancmat/containers/frame/MissingValue.h"
+
 #include <algorithm>
 
 namespace veltan_cli {
@@ -107,10 +109,10 @@ void UndoPreprocessing(NCDataMatrix<float>& values, const NCTransform* transform
     const NCDataVector<float>& factor = scale.GetScaleVector();
     for (int j = 1; j <= values.SizeColumns(); ++j) {
         // A missing centre or factor is a step the scaling skipped.
-        const double c = j <= centre.size() && centre[j] != -99.0f ? centre[j] : 0.0;
-        const double f = j <= factor.size() && factor[j] != -99.0f && factor[j] != 0.0f ? factor[j] : 1.0;
+        const double c = j <= centre.size() && !IsMisVal(centre[j]) ? centre[j] : 0.0;
+        const double f = j <= factor.size() && !IsMisVal(factor[j]) && factor[j] != 0.0f ? factor[j] : 1.0;
         for (int i = 1; i <= values.SizeRows(); ++i)
-            if (values[i][j] != -99.0f)
+            if (!IsMisVal(values[i][j]))
                 values(i, j, static_cast<float>(values[i][j] / f + c));
         if (transform)
             (*transform)[j].BackTransformColumn(&values, j);

@@ -1,5 +1,7 @@
 #include "cli/Report.h"
 
+#include "veltancmat/containers/frame/MissingValue.h"
+
 #include <cstdio>
 
 namespace veltan_cli {
@@ -9,7 +11,7 @@ std::string Plural(int n, const char* word) { return std::to_string(n) + " " + w
 std::string Cell(float v, int width)
 {
     char buffer[48];
-    if (v == -99.0f)
+    if (IsMisVal(v))
         std::snprintf(buffer, sizeof buffer, "%*s", width, "-");
     else
         std::snprintf(buffer, sizeof buffer, "%*.3f", width, static_cast<double>(v));

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <memory>
+#include <ostream>
+#include <string>
+
+namespace veltan_cli {
+
+// One `veltan` subcommand: it declares its own options and runs from them.
+// A new command is one file pair implementing this and one line in
+// CommandList.h.
+class Command {
+public:
+    virtual ~Command() = default;
+
+    // Adds the subcommand, with its options bound to the object, to `tool`.
+    virtual CLI::App& Register(CLI::App& tool) = 0;
+
+    // Runs once the command line has been parsed. `bundledData` is the table
+    // a command may fall back on without DATA. Returns the exit code; throws
+    // ToolError, CancelException or library errors for the caller to report.
+    virtual int Run(const std::string& bundledData, std::ostream& out) = 0;
+
+    // The file a library error is reported against: the table being read.
+    virtual std::string Context() const = 0;
+};
+
+// The factories of the commands CommandList.h names.
+#define VELTAN_COMMAND(Name) std::unique_ptr<Command> Make##Name##Command();
+#include "cli/CommandList.h"
+#undef VELTAN_COMMAND
+
+} // namespace veltan_cli

@@ -1,0 +1,7 @@
+// Every subcommand of the tool, in the order --help lists them: one
+// VELTAN_COMMAND(Name) line per command, whose file pair defines
+// `std::unique_ptr<Command> MakeNameCommand()`. Included with the macro
+// defined by the reader; deliberately without an include guard.
+VELTAN_COMMAND(Pca)
+VELTAN_COMMAND(Pls)
+VELTAN_COMMAND(Predict)

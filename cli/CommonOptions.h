@@ -1,0 +1,58 @@
+#pragma once
+
+#include "cli/CsvTable.h"
+
+#include "veltancmat/preprocess/NCScale.h"
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+#include <vector>
+
+namespace veltan_cli {
+
+// The option groups several commands share, declared here once so that
+// every command spells, checks and explains them alike. Each command calls
+// them in the order its --help lists them.
+
+// The scaling names as the options take them, parsed after the command
+// line is read (the choice is kept as text so --help shows the names).
+NCScale::Scaling ScalingNamed(const std::string& name);
+NamesColumn NamesColumnNamed(const std::string& name);
+
+// The DATA positional (a CSV table); the caller adds ->required() when the
+// command has no bundled table to fall back on.
+CLI::Option* AddDataArgument(CLI::App& command, std::string& path, const std::string& help);
+
+// --names auto|first|none.
+void AddNamesOption(CLI::App& command, std::string& mode);
+
+// -c,--components N and -g,--cv-groups G of a cross-validated fit.
+void AddComponentsOption(CLI::App& command, int& components);
+void AddCvGroupsOption(CLI::App& command, int& groups);
+
+// A scaling choice: --scale (with its default shown) or --y-scale (empty
+// meaning "as --scale").
+void AddScaleOption(CLI::App& command, std::string& name, const std::string& help);
+void AddYScaleOption(CLI::App& command, std::string& name, const std::string& help);
+
+// --log VAR, repeatable.
+void AddLogOption(CLI::App& command, std::vector<std::string>& variables, const std::string& help);
+
+// An output file option such as --scores FILE; `typeName` is what --help
+// shows for the value.
+void AddOutputOption(CLI::App& command, const std::string& name, std::string& path, const std::string& help,
+                     const std::string& typeName = "FILE");
+
+// --json, with the wording of the command's document.
+void AddJsonFlag(CLI::App& command, bool& json, const std::string& help);
+
+// The flags of a fit's run: --json and --progress. (--threads will join
+// them here, so that every fitting command takes it alike.)
+void AddFitRunFlags(CLI::App& command, bool& json, bool& progress);
+
+// A command that fits the bundled data set without DATA: fills `path` with
+// it and returns true when no table was named.
+bool UseBundledTable(std::string& path, const std::string& bundledData);
+
+} // namespace veltan_cli

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace veltan_cli {
+
+// The tool's plots: SVG figures of one or more panels, written with the
+// standard library only so that every command can draw without another
+// dependency. Coordinates are data units; a NaN coordinate is not drawn,
+// which is how callers leave out missing values.
+
+// Tick marks at round values: steps of 1, 2 or 5 times a power of ten
+// (Heckbert's "nice numbers", Graphics Gems, 1990). The axis runs from the
+// first to the last tick, which enclose [low, high].
+struct AxisTicks {
+    double low = 0.0, high = 1.0, step = 1.0;
+    std::vector<double> values;
+};
+
+// About `target` ticks over [low, high]; a single value (low == high) gets
+// a small range around it. Both ends must be finite.
+AxisTicks NiceTicks(double low, double high, int target = 5);
+
+// A tick value with as many decimals as its step needs ("0.25", "-4",
+// "2e+12" for values too large or small for plain decimals).
+std::string FormatTick(double value, double step);
+
+// Text or an attribute value with &, <, >, " and ' written as entities.
+std::string XmlEscape(std::string_view text);
+
+struct PlotSeries {
+    enum class Kind { Points, Line, Bars };
+    Kind kind = Kind::Points;
+    std::string name;                // its legend entry; "" for none
+    std::vector<double> x, y;        // bars rise from 0 to y at x
+    std::vector<std::string> labels; // points: one per point, or none at all
+};
+
+struct PlotPanel {
+    std::string title, xTitle, yTitle;
+    std::vector<PlotSeries> series;
+    bool sameScales = false; // one range for both axes (observed against predicted)
+    bool zeroLines = false;  // dashed lines through the origin (scores, loadings)
+};
+
+struct PlotFigure {
+    std::string title;
+    std::vector<PlotPanel> panels; // laid out in rows of up to two
+};
+
+// Each point is a <circle class="point">, each bar a <rect class="bar">,
+// each point label a <text class="label">: one element per mark.
+void WriteSvg(std::ostream& out, const PlotFigure& figure);
+
+} // namespace veltan_cli
