@@ -135,9 +135,11 @@ Axis MakeAxis(const Range& range, double from, double to)
         r.low = 0.0;
         r.high = 1.0;
     }
-    // A margin of 4 % keeps marks off the frame.
+    // A margin of 4 % keeps marks off the frame, without taking an axis of
+    // counts or positive values below zero.
     const double pad = (r.high - r.low) * 0.04;
-    axis.ticks = NiceTicks(r.low - pad, r.high + pad);
+    axis.ticks = NiceTicks(r.low >= 0.0 ? std::max(0.0, r.low - pad) : r.low - pad,
+                           r.high <= 0.0 ? std::min(0.0, r.high + pad) : r.high + pad);
     axis.from = from;
     axis.to = to;
     return axis;
@@ -166,11 +168,16 @@ void PointLabels(std::ostream& out, const PlotSeries& s, const Axis& x, const Ax
             continue;
         const double px = x(s.x[i]), py = y(s.y[i]);
         const double width = TextWidth(s.labels[i], size), ascent = size * 0.8, descent = size * 0.25;
+        const double above = py - 5.0 - ascent - descent, below = py + 5.0 + ascent + descent;
         const Box candidates[] = {
             {px + 5.0, py - ascent + 3.0, px + 5.0 + width, py + descent + 3.0},
             {px - 5.0 - width, py - ascent + 3.0, px - 5.0, py + descent + 3.0},
-            {px - width / 2.0, py - 5.0 - ascent - descent, px + width / 2.0, py - 5.0},
-            {px - width / 2.0, py + 5.0, px + width / 2.0, py + 5.0 + ascent + descent},
+            {px - width / 2.0, above, px + width / 2.0, py - 5.0},
+            {px - width / 2.0, py + 5.0, px + width / 2.0, below},
+            {px - width, above, px, py - 5.0},
+            {px, above, px + width, py - 5.0},
+            {px - width, py + 5.0, px, below},
+            {px, py + 5.0, px + width, below},
         };
         for (const Box& box : candidates) {
             if (box.left < area.left || box.right > area.right || box.top < area.top || box.bottom > area.bottom ||

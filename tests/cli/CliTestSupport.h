@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <set>
 #include <sstream>
 #include <string>
@@ -113,6 +114,34 @@ inline RunResult WaitTool(const TempDir& dir, pid_t pid)
 inline RunResult RunTool(const TempDir& dir, const std::vector<std::string>& args)
 {
     return WaitTool(dir, StartTool(dir, args));
+}
+
+// Two latent directions plus noise: clearly two significant components.
+inline std::string TwoFactorTable(int n, int k, unsigned seed)
+{
+    std::mt19937 rng(seed);
+    std::normal_distribution<double> normal;
+    std::ostringstream csv;
+    csv << "obs";
+    for (int j = 1; j <= k; ++j)
+        csv << ",v" << j;
+    csv << "\n";
+    for (int i = 1; i <= n; ++i) {
+        const double a = normal(rng), b = normal(rng);
+        csv << "o" << i;
+        for (int j = 1; j <= k; ++j)
+            csv << "," << 10.0 + a * (j % 3 - 1) + b * (j % 2 ? 1.0 : -0.5) + 0.2 * normal(rng);
+        csv << "\n";
+    }
+    return csv.str();
+}
+
+// Runs the tool and checks its exit code; a failure shows what it said.
+inline RunResult Veltan(const TempDir& dir, const std::vector<std::string>& args, int code = 0)
+{
+    RunResult r = RunTool(dir, args);
+    EXPECT_EQ(r.exitCode, code) << r.err;
+    return r;
 }
 
 inline std::string WineCsv() { return std::string(VELTAN_TEST_SOURCE_DIR) + "/../data/wine.csv"; }

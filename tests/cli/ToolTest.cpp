@@ -35,34 +35,6 @@ Rows Numbers(const std::string& csv)
     return rows;
 }
 
-// Two latent directions plus noise: clearly two significant components.
-std::string TwoFactorTable(int n, int k, unsigned seed)
-{
-    std::mt19937 rng(seed);
-    std::normal_distribution<double> normal;
-    std::ostringstream csv;
-    csv << "obs";
-    for (int j = 1; j <= k; ++j)
-        csv << ",v" << j;
-    csv << "\n";
-    for (int i = 1; i <= n; ++i) {
-        const double a = normal(rng), b = normal(rng);
-        csv << "o" << i;
-        for (int j = 1; j <= k; ++j)
-            csv << "," << 10.0 + a * (j % 3 - 1) + b * (j % 2 ? 1.0 : -0.5) + 0.2 * normal(rng);
-        csv << "\n";
-    }
-    return csv.str();
-}
-
-// Runs the tool and checks its exit code; a failure shows what it said.
-RunResult Veltan(const TempDir& dir, const std::vector<std::string>& args, int code = 0)
-{
-    RunResult r = RunTool(dir, args);
-    EXPECT_EQ(r.exitCode, code) << r.err;
-    return r;
-}
-
 // The first `components` scores of each of `rows` rows, from two runs.
 void ExpectSameScores(const Rows& got, const Rows& want, std::size_t rows, int components)
 {
