@@ -27,6 +27,18 @@ public:
     virtual std::string Context() const = 0;
 };
 
+// The state every command reading one table shares: its options, and the
+// --names choice as typed (parsed once the command line is read).
+template <class Options>
+class TableCommand : public Command {
+public:
+    std::string Context() const override { return m_options.data; }
+
+protected:
+    Options m_options;
+    std::string m_names = "auto";
+};
+
 // The factories of the commands CommandList.h names.
 #define VELTAN_COMMAND(Name) std::unique_ptr<Command> Make##Name##Command();
 #include "cli/CommandList.h"

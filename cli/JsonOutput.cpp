@@ -47,6 +47,14 @@ Json ComponentRow(std::size_t r, std::initializer_list<std::pair<const char*, fl
     return row;
 }
 
+// The settings of a fit that follow its scaling.
+void FitSettings(Json& doc, const std::vector<std::string>& logVariables, int cvGroups, bool fixed)
+{
+    doc["log"] = logVariables;
+    doc["cv_groups"] = cvGroups;
+    doc["fixed"] = fixed;
+}
+
 // The fields that close every fit's document.
 void FitEnd(Json& doc, Json components, int kept, const std::string& stopReason)
 {
@@ -97,9 +105,7 @@ std::string PcaJson(const DataTable& table, const PcaOptions& options, const Pca
     doc["observations"] = table.Observations();
     doc["variables"] = table.Variables();
     doc["scaling"] = ScaleOptionName(options.scale);
-    doc["log"] = options.logVariables;
-    doc["cv_groups"] = fit.cvGroups;
-    doc["fixed"] = fit.fixed;
+    FitSettings(doc, options.logVariables, fit.cvGroups, fit.fixed);
     Json components = Json::array();
     for (std::size_t r = 0; r < fit.records.size(); ++r) {
         const PCA_CrossValidated::Component& c = fit.records[r];
@@ -165,9 +171,7 @@ std::string PlsJson(const PlsData& data, const PlsOptions& options, const PlsFit
     doc["responses"] = data.y.variables;
     doc["scaling"] = ScaleOptionName(options.scale);
     doc["y_scaling"] = ScaleOptionName(options.yScale);
-    doc["log"] = options.logVariables;
-    doc["cv_groups"] = fit.cvGroups;
-    doc["fixed"] = fit.fixed;
+    FitSettings(doc, options.logVariables, fit.cvGroups, fit.fixed);
     Json components = Json::array();
     for (std::size_t r = 0; r < fit.records.size(); ++r) {
         const PlsComponent& c = fit.records[r];

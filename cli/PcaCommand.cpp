@@ -190,51 +190,46 @@ void WritePcaFiles(RunOutputs& files, const DataTable& table, const PcaOptions& 
                   WrittenTo("Loading plot", options.loadingsPlotPath));
 }
 
-class PcaCommand final : public Command {
+class PcaCommand final : public TableCommand<PcaOptions> {
 public:
-    CLI::App& Register(CLI::App& tool) override;
-    int Run(const std::string& bundledData, std::ostream& out) override;
-    std::string Context() const override { return m_options.data; }
+    CLI::App& Register(CLI::App& tool) override
+    {
+        CLI::App& command = *tool.add_subcommand(
+            "pca", "Fit a PCA model, one cross-validated component at a time, and print its component table. "
+                   "Without DATA, the bundled wine data set is analysed.");
+        AddDataArgument(command, m_options.data,
+                        "CSV table: a header row of variable names, an optional first column of observation names; "
+                        "empty cells, NA and -99 are missing");
+        AddComponentsOption(command, m_options.components);
+        AddCvGroupsOption(command, m_options.cvGroups);
+        AddScaleOption(command, m_scale, "Column scaling: uv (unit variance), pareto, center, none");
+        AddLogOption(command, m_options.logVariables, "Take log10 of variable VAR before scaling (repeat for more)");
+        AddNamesOption(command, m_names);
+        AddOutputOption(command, "--scores", m_options.scoresPath,
+                        "Write the scores (observations x components) as CSV");
+        AddOutputOption(command, "--loadings", m_options.loadingsPath,
+                        "Write the loadings (variables x components) as CSV");
+        AddOutputOption(command, "--save", m_options.savePath,
+                        "Save the model with its scaling and transforms for predict", "MODEL");
+        AddOutputOption(command, "--plot", m_options.plotPath,
+                        "Draw the scores of components 1 and 2, labelled with the observation names, as SVG");
+        AddOutputOption(command, "--plot-loadings", m_options.loadingsPlotPath,
+                        "Draw the loadings of components 1 and 2, labelled with the variable names, as SVG");
+        AddFitRunFlags(command, m_options.json, m_options.progress);
+        return command;
+    }
+
+    int Run(const std::string& bundledData, std::ostream& out) override
+    {
+        m_options.bundled = UseBundledTable(m_options.data, bundledData);
+        m_options.scale = ScalingNamed(m_scale);
+        m_options.names = NamesColumnNamed(m_names);
+        return RunPca(m_options, out);
+    }
 
 private:
-    PcaOptions m_options;
     std::string m_scale = "uv";
-    std::string m_names = "auto";
 };
-
-CLI::App& PcaCommand::Register(CLI::App& tool)
-{
-    CLI::App& command = *tool.add_subcommand(
-        "pca", "Fit a PCA model, one cross-validated component at a time, and print its component table. "
-               "Without DATA, the bundled wine data set is analysed.");
-    AddDataArgument(command, m_options.data,
-                    "CSV table: a header row of variable names, an optional first column of observation names; "
-                    "empty cells, NA and -99 are missing");
-    AddComponentsOption(command, m_options.components);
-    AddCvGroupsOption(command, m_options.cvGroups);
-    AddScaleOption(command, m_scale, "Column scaling: uv (unit variance), pareto, center, none");
-    AddLogOption(command, m_options.logVariables, "Take log10 of variable VAR before scaling (repeat for more)");
-    AddNamesOption(command, m_names);
-    AddOutputOption(command, "--scores", m_options.scoresPath, "Write the scores (observations x components) as CSV");
-    AddOutputOption(command, "--loadings", m_options.loadingsPath,
-                    "Write the loadings (variables x components) as CSV");
-    AddOutputOption(command, "--save", m_options.savePath,
-                    "Save the model with its scaling and transforms for predict", "MODEL");
-    AddOutputOption(command, "--plot", m_options.plotPath,
-                    "Draw the scores of components 1 and 2, labelled with the observation names, as SVG");
-    AddOutputOption(command, "--plot-loadings", m_options.loadingsPlotPath,
-                    "Draw the loadings of components 1 and 2, labelled with the variable names, as SVG");
-    AddFitRunFlags(command, m_options.json, m_options.progress);
-    return command;
-}
-
-int PcaCommand::Run(const std::string& bundledData, std::ostream& out)
-{
-    m_options.bundled = UseBundledTable(m_options.data, bundledData);
-    m_options.scale = ScalingNamed(m_scale);
-    m_options.names = NamesColumnNamed(m_names);
-    return RunPca(m_options, out);
-}
 
 } // namespace
 

@@ -511,82 +511,75 @@ std::unique_ptr<PermutationTest> TestByPermutation(const PlsOptions& options, co
         fit.x, fit.y, a, fit.cvGroups, options.permutations, seed, real.r2yCum, real.q2Cum, progress));
 }
 
-class PlsCommand final : public Command {
+class PlsCommand final : public TableCommand<PlsOptions> {
 public:
-    CLI::App& Register(CLI::App& tool) override;
-    int Run(const std::string& bundledData, std::ostream& out) override;
-    std::string Context() const override { return m_options.data; }
+    CLI::App& Register(CLI::App& tool) override
+    {
+        CLI::App& command = *tool.add_subcommand(
+            "pls", "Fit a PLS regression of responses on the other variables, one cross-validated component at a "
+                   "time, and print its component table. Without DATA, the bundled wine data set is used.");
+        AddDataArgument(command, m_options.data, "CSV table of the X variables, and of the responses named by --y");
+        command
+            .add_option("-y,--y", m_options.yNames,
+                        "A response column (repeat for more); with --responses, the columns of that table to use "
+                        "(default all)")
+            ->type_name("NAME")
+            ->allow_extra_args(false);
+        command.add_option("--responses", m_options.responsesData, "CSV table of the responses, row for row with DATA")
+            ->type_name("YDATA");
+        AddComponentsOption(command, m_options.components);
+        AddCvGroupsOption(command, m_options.cvGroups);
+        AddScaleOption(command, m_scale,
+                       "Scaling of the X columns, and of the responses unless --y-scale is given: uv (unit variance), "
+                       "pareto, center, none");
+        AddYScaleOption(command, m_yScale, "Scaling of the responses (default: as --scale)");
+        AddLogOption(command, m_options.logVariables,
+                     "Take log10 of variable VAR, X or response, before scaling (repeat for more)");
+        AddNamesOption(command, m_names);
+        RegisterOutputs(command);
+        AddFitRunFlags(command, m_options.json, m_options.progress);
+        return command;
+    }
+
+    int Run(const std::string& bundledData, std::ostream& out) override
+    {
+        m_options.bundled = UseBundledTable(m_options.data, bundledData);
+        m_options.scale = ScalingNamed(m_scale);
+        m_options.yScale = ScalingNamed(m_yScale.empty() ? m_scale : m_yScale);
+        m_options.names = NamesColumnNamed(m_names);
+        if (m_seedOption->count() > 0)
+            m_options.seed = m_seed;
+        return RunPls(m_options, out);
+    }
 
 private:
-    void RegisterOutputs(CLI::App& command);
+    void RegisterOutputs(CLI::App& command)
+    {
+        AddOutputOption(command, "--coefficients", m_options.coefficientsPath,
+                        "Write the regression coefficients (X variables x responses) as CSV");
+        AddOutputOption(command, "--fitted", m_options.fittedPath, "Write the fitted responses as CSV");
+        AddOutputOption(command, "--cv-predictions", m_options.cvPredictionsPath,
+                        "Write the cross-validated predictions of the responses as CSV");
+        AddOutputOption(command, "--scores", m_options.scoresPath,
+                        "Write the X scores (observations x components) as CSV");
+        AddOutputOption(command, "--save", m_options.savePath,
+                        "Save the model with its scaling and transforms for predict", "MODEL");
+        command
+            .add_option("--permutations", m_options.permutations,
+                        "Refit to N shufflings of the responses and report the intercepts of R2Y and Q2")
+            ->check(CLI::Range(1, 100000));
+        m_seedOption = command.add_option("--seed", m_seed, "Seed of the shuffling (default: random, and reported)");
+        AddOutputOption(command, "--permutations-out", m_options.permutationsPath,
+                        "Write every permutation's correlation, R2Y(cum) and Q2(cum) as CSV");
+        AddOutputOption(command, "--plot", m_options.plotPath,
+                        "Draw each response's observed values against their cross-validated predictions as SVG");
+    }
 
-    PlsOptions m_options;
     std::string m_scale = "uv";
     std::string m_yScale;
-    std::string m_names = "auto";
     unsigned m_seed = 0;
     CLI::Option* m_seedOption = nullptr;
 };
-
-CLI::App& PlsCommand::Register(CLI::App& tool)
-{
-    CLI::App& command = *tool.add_subcommand(
-        "pls", "Fit a PLS regression of responses on the other variables, one cross-validated component at a "
-               "time, and print its component table. Without DATA, the bundled wine data set is used.");
-    AddDataArgument(command, m_options.data, "CSV table of the X variables, and of the responses named by --y");
-    command
-        .add_option("-y,--y", m_options.yNames,
-                    "A response column (repeat for more); with --responses, the columns of that table to use "
-                    "(default all)")
-        ->type_name("NAME")
-        ->allow_extra_args(false);
-    command.add_option("--responses", m_options.responsesData, "CSV table of the responses, row for row with DATA")
-        ->type_name("YDATA");
-    AddComponentsOption(command, m_options.components);
-    AddCvGroupsOption(command, m_options.cvGroups);
-    AddScaleOption(command, m_scale,
-                   "Scaling of the X columns, and of the responses unless --y-scale is given: uv (unit variance), "
-                   "pareto, center, none");
-    AddYScaleOption(command, m_yScale, "Scaling of the responses (default: as --scale)");
-    AddLogOption(command, m_options.logVariables,
-                 "Take log10 of variable VAR, X or response, before scaling (repeat for more)");
-    AddNamesOption(command, m_names);
-    RegisterOutputs(command);
-    AddFitRunFlags(command, m_options.json, m_options.progress);
-    return command;
-}
-
-void PlsCommand::RegisterOutputs(CLI::App& command)
-{
-    AddOutputOption(command, "--coefficients", m_options.coefficientsPath,
-                    "Write the regression coefficients (X variables x responses) as CSV");
-    AddOutputOption(command, "--fitted", m_options.fittedPath, "Write the fitted responses as CSV");
-    AddOutputOption(command, "--cv-predictions", m_options.cvPredictionsPath,
-                    "Write the cross-validated predictions of the responses as CSV");
-    AddOutputOption(command, "--scores", m_options.scoresPath, "Write the X scores (observations x components) as CSV");
-    AddOutputOption(command, "--save", m_options.savePath,
-                    "Save the model with its scaling and transforms for predict", "MODEL");
-    command
-        .add_option("--permutations", m_options.permutations,
-                    "Refit to N shufflings of the responses and report the intercepts of R2Y and Q2")
-        ->check(CLI::Range(1, 100000));
-    m_seedOption = command.add_option("--seed", m_seed, "Seed of the shuffling (default: random, and reported)");
-    AddOutputOption(command, "--permutations-out", m_options.permutationsPath,
-                    "Write every permutation's correlation, R2Y(cum) and Q2(cum) as CSV");
-    AddOutputOption(command, "--plot", m_options.plotPath,
-                    "Draw each response's observed values against their cross-validated predictions as SVG");
-}
-
-int PlsCommand::Run(const std::string& bundledData, std::ostream& out)
-{
-    m_options.bundled = UseBundledTable(m_options.data, bundledData);
-    m_options.scale = ScalingNamed(m_scale);
-    m_options.yScale = ScalingNamed(m_yScale.empty() ? m_scale : m_yScale);
-    m_options.names = NamesColumnNamed(m_names);
-    if (m_seedOption->count() > 0)
-        m_options.seed = m_seed;
-    return RunPls(m_options, out);
-}
 
 } // namespace
 

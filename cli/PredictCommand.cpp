@@ -114,7 +114,8 @@ int RunPlsPredict(const PredictOptions& options, std::ostream& out)
             WriteTableCsv(file, ObservationHeader(table), table.observations, model->responses, values);
     };
     steps.write = [&](RunOutputs& files) {
-        files.Add("predictions", options.predictionsPath, [&](std::ostream& file) { writeCsv(file, predictions, false); },
+        files.Add("predictions", options.predictionsPath,
+                  [&](std::ostream& file) { writeCsv(file, predictions, false); },
                   "Predicted " + Plural(static_cast<int>(model->responses.size()), "response") + " of " +
                       Plural(table.Observations(), "observation") + " written to " + options.predictionsPath);
         // Without a predictions file the predictions are the output, and
@@ -163,40 +164,32 @@ int RunPcaPredict(const PredictOptions& options, std::ostream& out)
     return RunCommand(steps, out);
 }
 
-class PredictCommand final : public Command {
+class PredictCommand final : public TableCommand<PredictOptions> {
 public:
-    CLI::App& Register(CLI::App& tool) override;
-    int Run(const std::string& bundledData, std::ostream& out) override;
-    std::string Context() const override { return m_options.data; }
+    CLI::App& Register(CLI::App& tool) override
+    {
+        CLI::App& command =
+            *tool.add_subcommand("predict", "Scores of new observations under a model saved by pca --save, or their "
+                                            "predicted responses under one saved by pls --save");
+        command.add_option("model", m_options.model, "Model file written by pca --save or pls --save")
+            ->type_name("MODEL")
+            ->required();
+        AddDataArgument(command, m_options.data, "CSV table with the model's variables, in its order")->required();
+        AddNamesOption(command, m_names);
+        AddOutputOption(command, "--scores", m_options.scoresPath,
+                        "Write the scores as CSV (for a PCA model: instead of printing them)");
+        AddOutputOption(command, "--predictions", m_options.predictionsPath,
+                        "PLS models: write the predicted responses as CSV instead of printing them");
+        AddJsonFlag(command, m_options.json, "Print one JSON document");
+        return command;
+    }
 
-private:
-    PredictOptions m_options;
-    std::string m_names = "auto";
+    int Run(const std::string&, std::ostream& out) override
+    {
+        m_options.names = NamesColumnNamed(m_names);
+        return RunPredict(m_options, out);
+    }
 };
-
-CLI::App& PredictCommand::Register(CLI::App& tool)
-{
-    CLI::App& command =
-        *tool.add_subcommand("predict", "Scores of new observations under a model saved by pca --save, or their "
-                                        "predicted responses under one saved by pls --save");
-    command.add_option("model", m_options.model, "Model file written by pca --save or pls --save")
-        ->type_name("MODEL")
-        ->required();
-    AddDataArgument(command, m_options.data, "CSV table with the model's variables, in its order")->required();
-    AddNamesOption(command, m_names);
-    AddOutputOption(command, "--scores", m_options.scoresPath,
-                    "Write the scores as CSV (for a PCA model: instead of printing them)");
-    AddOutputOption(command, "--predictions", m_options.predictionsPath,
-                    "PLS models: write the predicted responses as CSV instead of printing them");
-    AddJsonFlag(command, m_options.json, "Print one JSON document");
-    return command;
-}
-
-int PredictCommand::Run(const std::string&, std::ostream& out)
-{
-    m_options.names = NamesColumnNamed(m_names);
-    return RunPredict(m_options, out);
-}
 
 } // namespace
 

@@ -120,7 +120,8 @@ TEST(SvgPlot, XmlCheckerRefusesWhatAStrictParserRefuses)
 TEST(SvgPlot, FigureHasOneMarkPerValueAndEscapedText)
 {
     const double nan = std::numeric_limits<double>::quiet_NaN();
-    PlotSeries points{PlotSeries::Kind::Points, "obs <1>", {1, 2, nan, 4}, {3, -1, 2, 0.5}, {"a&b", "<c>", "d", "\"e\""}};
+    PlotSeries points{
+        PlotSeries::Kind::Points, "obs <1>", {1, 2, nan, 4}, {3, -1, 2, 0.5}, {"a&b", "<c>", "d", "\"e\""}};
     PlotSeries line{PlotSeries::Kind::Line, "y = x", {0, 4}, {0, 4}, {}};
     PlotSeries bars{PlotSeries::Kind::Bars, "", {1, 2, 3}, {2.5, -1.0, nan}, {}};
     const PlotFigure figure{"Title & <more>",
@@ -237,7 +238,8 @@ TEST(VeltanPlot, UnwritablePlotsLeaveNoFile)
              {"pca", dir.File("d.csv"), "--plot", dir.File("t.svg"), "--plot-loadings", dir.File("no/p.svg")},
              {"pls", dir.File("d.csv"), "--y", "v1", "--fitted", dir.File("f.csv"), "--plot", dir.File("no/y.svg")}}) {
         const RunResult r = Veltan(dir, args, 1);
-        EXPECT_THAT(r.err, testing::MatchesRegex("veltan: .*/no/[tpy]\\.svg: cannot create: No such file or directory\n"));
+        EXPECT_THAT(r.err,
+                    testing::MatchesRegex("veltan: .*/no/[tpy]\\.svg: cannot create: No such file or directory\n"));
         EXPECT_EQ(r.out, "");
         EXPECT_EQ(dir.Entries(), std::set<std::string>{"d.csv"});
     }
