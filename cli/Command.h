@@ -1,5 +1,7 @@
 #pragma once
 
+#include "cli/CommonOptions.h"
+
 #include <CLI/CLI.hpp>
 
 #include <memory>
@@ -27,14 +29,26 @@ public:
     virtual std::string Context() const = 0;
 };
 
-// The state every command reading one table shares: its options, and the
-// --names choice as typed (parsed once the command line is read).
+// A command reading one table: it keeps its options and the --names choice
+// as typed, and before running resolves the choice and, when its options
+// allow it (a `bundled` member), the bundled table in place of a missing
+// DATA. The derived command declares its options in Register and runs in
+// Execute.
 template <class Options>
 class TableCommand : public Command {
 public:
-    std::string Context() const override { return m_options.data; }
+    int Run(const std::string& bundledData, std::ostream& out) final
+    {
+        if constexpr (requires(Options& o) { o.bundled = true; })
+            m_options.bundled = UseBundledTable(m_options.data, bundledData);
+        m_options.names = NamesColumnNamed(m_names);
+        return Execute(out);
+    }
+    std::string Context() const final { return m_options.data; }
 
 protected:
+    virtual int Execute(std::ostream& out) = 0;
+
     Options m_options;
     std::string m_names = "auto";
 };

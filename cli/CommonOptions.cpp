@@ -73,6 +73,11 @@ void AddOutputOption(CLI::App& command, const std::string& name, std::string& pa
     command.add_option(name, path, help)->type_name(typeName);
 }
 
+void AddSaveOption(CLI::App& command, std::string& path)
+{
+    AddOutputOption(command, "--save", path, "Save the model with its scaling and transforms for predict", "MODEL");
+}
+
 void AddJsonFlag(CLI::App& command, bool& json, const std::string& help) { command.add_flag("--json", json, help); }
 
 void AddFitRunFlags(CLI::App& command, bool& json, bool& progress)

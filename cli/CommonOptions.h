@@ -44,6 +44,9 @@ void AddLogOption(CLI::App& command, std::vector<std::string>& variables, const 
 void AddOutputOption(CLI::App& command, const std::string& name, std::string& path, const std::string& help,
                      const std::string& typeName = "FILE");
 
+// --save MODEL: the model file predict reads.
+void AddSaveOption(CLI::App& command, std::string& path);
+
 // --json, with the wording of the command's document.
 void AddJsonFlag(CLI::App& command, bool& json, const std::string& help);
 

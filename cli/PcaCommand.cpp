@@ -191,7 +191,8 @@ void WritePcaFiles(RunOutputs& files, const DataTable& table, const PcaOptions& 
 }
 
 class PcaCommand final : public TableCommand<PcaOptions> {
-public:
+    std::string m_scale = "uv";
+
     CLI::App& Register(CLI::App& tool) override
     {
         CLI::App& command = *tool.add_subcommand(
@@ -209,8 +210,7 @@ public:
                         "Write the scores (observations x components) as CSV");
         AddOutputOption(command, "--loadings", m_options.loadingsPath,
                         "Write the loadings (variables x components) as CSV");
-        AddOutputOption(command, "--save", m_options.savePath,
-                        "Save the model with its scaling and transforms for predict", "MODEL");
+        AddSaveOption(command, m_options.savePath);
         AddOutputOption(command, "--plot", m_options.plotPath,
                         "Draw the scores of components 1 and 2, labelled with the observation names, as SVG");
         AddOutputOption(command, "--plot-loadings", m_options.loadingsPlotPath,
@@ -219,16 +219,11 @@ public:
         return command;
     }
 
-    int Run(const std::string& bundledData, std::ostream& out) override
+    int Execute(std::ostream& out) override
     {
-        m_options.bundled = UseBundledTable(m_options.data, bundledData);
         m_options.scale = ScalingNamed(m_scale);
-        m_options.names = NamesColumnNamed(m_names);
         return RunPca(m_options, out);
     }
-
-private:
-    std::string m_scale = "uv";
 };
 
 } // namespace

@@ -512,7 +512,32 @@ std::unique_ptr<PermutationTest> TestByPermutation(const PlsOptions& options, co
 }
 
 class PlsCommand final : public TableCommand<PlsOptions> {
-public:
+    std::string m_scale = "uv";
+    std::string m_yScale;
+    unsigned m_seed = 0;
+    CLI::Option* m_seedOption = nullptr;
+
+    void RegisterOutputs(CLI::App& command)
+    {
+        AddOutputOption(command, "--coefficients", m_options.coefficientsPath,
+                        "Write the regression coefficients (X variables x responses) as CSV");
+        AddOutputOption(command, "--fitted", m_options.fittedPath, "Write the fitted responses as CSV");
+        AddOutputOption(command, "--cv-predictions", m_options.cvPredictionsPath,
+                        "Write the cross-validated predictions of the responses as CSV");
+        AddOutputOption(command, "--scores", m_options.scoresPath,
+                        "Write the X scores (observations x components) as CSV");
+        AddSaveOption(command, m_options.savePath);
+        command
+            .add_option("--permutations", m_options.permutations,
+                        "Refit to N shufflings of the responses and report the intercepts of R2Y and Q2")
+            ->check(CLI::Range(1, 100000));
+        m_seedOption = command.add_option("--seed", m_seed, "Seed of the shuffling (default: random, and reported)");
+        AddOutputOption(command, "--permutations-out", m_options.permutationsPath,
+                        "Write every permutation's correlation, R2Y(cum) and Q2(cum) as CSV");
+        AddOutputOption(command, "--plot", m_options.plotPath,
+                        "Draw each response's observed values against their cross-validated predictions as SVG");
+    }
+
     CLI::App& Register(CLI::App& tool) override
     {
         CLI::App& command = *tool.add_subcommand(
@@ -541,44 +566,14 @@ public:
         return command;
     }
 
-    int Run(const std::string& bundledData, std::ostream& out) override
+    int Execute(std::ostream& out) override
     {
-        m_options.bundled = UseBundledTable(m_options.data, bundledData);
         m_options.scale = ScalingNamed(m_scale);
         m_options.yScale = ScalingNamed(m_yScale.empty() ? m_scale : m_yScale);
-        m_options.names = NamesColumnNamed(m_names);
         if (m_seedOption->count() > 0)
             m_options.seed = m_seed;
         return RunPls(m_options, out);
     }
-
-private:
-    void RegisterOutputs(CLI::App& command)
-    {
-        AddOutputOption(command, "--coefficients", m_options.coefficientsPath,
-                        "Write the regression coefficients (X variables x responses) as CSV");
-        AddOutputOption(command, "--fitted", m_options.fittedPath, "Write the fitted responses as CSV");
-        AddOutputOption(command, "--cv-predictions", m_options.cvPredictionsPath,
-                        "Write the cross-validated predictions of the responses as CSV");
-        AddOutputOption(command, "--scores", m_options.scoresPath,
-                        "Write the X scores (observations x components) as CSV");
-        AddOutputOption(command, "--save", m_options.savePath,
-                        "Save the model with its scaling and transforms for predict", "MODEL");
-        command
-            .add_option("--permutations", m_options.permutations,
-                        "Refit to N shufflings of the responses and report the intercepts of R2Y and Q2")
-            ->check(CLI::Range(1, 100000));
-        m_seedOption = command.add_option("--seed", m_seed, "Seed of the shuffling (default: random, and reported)");
-        AddOutputOption(command, "--permutations-out", m_options.permutationsPath,
-                        "Write every permutation's correlation, R2Y(cum) and Q2(cum) as CSV");
-        AddOutputOption(command, "--plot", m_options.plotPath,
-                        "Draw each response's observed values against their cross-validated predictions as SVG");
-    }
-
-    std::string m_scale = "uv";
-    std::string m_yScale;
-    unsigned m_seed = 0;
-    CLI::Option* m_seedOption = nullptr;
 };
 
 } // namespace

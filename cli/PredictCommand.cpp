@@ -165,7 +165,6 @@ int RunPcaPredict(const PredictOptions& options, std::ostream& out)
 }
 
 class PredictCommand final : public TableCommand<PredictOptions> {
-public:
     CLI::App& Register(CLI::App& tool) override
     {
         CLI::App& command =
@@ -184,11 +183,7 @@ public:
         return command;
     }
 
-    int Run(const std::string&, std::ostream& out) override
-    {
-        m_options.names = NamesColumnNamed(m_names);
-        return RunPredict(m_options, out);
-    }
+    int Execute(std::ostream& out) override { return RunPredict(m_options, out); }
 };
 
 } // namespace
