@@ -59,6 +59,54 @@ bool ReadTransform(InputStreamDirectory& directory, unsigned short index, std::u
     return true;
 }
 
+bool ModelFileRecord::WriteCounts(OutputStreamDirectory& directory, unsigned short index) const
+{
+    const std::int32_t kept = components;
+    const std::int32_t fitted = observations;
+    const bool ok = WriteFourBytes(&kept, 1, directory.GetOutput(index));
+    return ok && WriteFourBytes(&fitted, 1, directory.GetOutput(static_cast<unsigned short>(index + 1)));
+}
+
+bool ModelFileRecord::ReadCounts(InputStreamDirectory& directory, unsigned short index, std::int32_t& kept,
+                                 std::int32_t& fitted)
+{
+    directory.ReadRequired(index, &kept, 1, 4);
+    directory.ReadRequired(static_cast<unsigned short>(index + 1), &fitted, 1, 4);
+    return fitted >= 0;
+}
+
+bool WriteBlock(OutputStreamDirectory& directory, unsigned short first, const std::vector<std::string>& names,
+                const std::unique_ptr<NCTransform>& transform, const NCScale& scale)
+{
+    const bool ok = WriteNames(names, directory.GetOutput(first));
+    if (transform)
+        directory.GetOutput(static_cast<unsigned short>(first + 1)) << *transform;
+    directory.GetOutput(static_cast<unsigned short>(first + 2)) << scale;
+    return ok;
+}
+
+bool ReadBlock(InputStreamDirectory& directory, unsigned short first, std::vector<std::string>& names,
+               std::unique_ptr<NCTransform>& transform, NCScale& scale)
+{
+    return ReadNames(directory.GetRequiredInput(first, 4), names) &&
+           ReadTransform(directory, static_cast<unsigned short>(first + 1), transform) &&
+           static_cast<bool>(directory.GetRequiredInput(static_cast<unsigned short>(first + 2)) >> scale);
+}
+
+bool BlockFits(const std::vector<std::string>& names, const std::unique_ptr<NCTransform>& transform,
+               const NCScale& scale)
+{
+    const int k = static_cast<int>(names.size());
+    return scale.Size() == k && Fits(transform, k);
+}
+
+void ResetBlock(const std::unique_ptr<NCTransform>& transform, const NCScale& scale)
+{
+    if (transform)
+        transform->QvStreamableReset();
+    scale.QvStreamableReset();
+}
+
 bool WriteNames(const std::vector<std::string>& names, std::ostream& out)
 {
     const auto count = static_cast<std::uint32_t>(names.size());

@@ -1,8 +1,10 @@
 #pragma once
 
 #include "veltancmat/platform/QvStream.h"
+#include "veltancmat/preprocess/NCScale.h"
 #include "veltancmat/preprocess/NCTransform.h"
 
+#include <cstdint>
 #include <iosfwd>
 #include <memory>
 #include <string>
@@ -25,9 +27,19 @@ public:
     bool QvStreamableStartRead(std::istream& in) final;
     void QvStreamableReset() const final;
 
+    int components = 0;   // kept: the model's matrices hold exactly these
+    int observations = 0; // the model was fitted on
+
 protected:
     ModelFileRecord(QvStreamableData& header, short version) : m_header(header), m_version(version) {}
     ~ModelFileRecord() override = default;
+
+    // The two counts as int32 entries `index` and `index + 1`, stored apart
+    // because reading a model record does not restore its component count.
+    bool WriteCounts(OutputStreamDirectory& directory, unsigned short index) const;
+    // False for a negative observation count.
+    static bool ReadCounts(InputStreamDirectory& directory, unsigned short index, std::int32_t& kept,
+                           std::int32_t& fitted);
 
 private:
     virtual bool Write(std::ostream& out) const = 0;
@@ -53,6 +65,19 @@ inline bool Fits(const std::unique_ptr<NCTransform>& transform, int width)
     return !transform || transform->Size() == width;
 }
 
+// The preprocessing of one block (X or Y) as three entries from `first`:
+// its variable names, its transforms ("NCT", left out when null) and its
+// scaling ("NCS").
+bool WriteBlock(OutputStreamDirectory& directory, unsigned short first, const std::vector<std::string>& names,
+                const std::unique_ptr<NCTransform>& transform, const NCScale& scale);
+bool ReadBlock(InputStreamDirectory& directory, unsigned short first, std::vector<std::string>& names,
+               std::unique_ptr<NCTransform>& transform, NCScale& scale);
+// Whether a block read agrees with itself: transforms and scaling as wide
+// as its list of names.
+bool BlockFits(const std::vector<std::string>& names, const std::unique_ptr<NCTransform>& transform,
+               const NCScale& scale);
+void ResetBlock(const std::unique_ptr<NCTransform>& transform, const NCScale& scale);
+
 // A list of names as a u32 count, then one string each.
 bool WriteNames(const std::vector<std::string>& names, std::ostream& out);
 bool ReadNames(std::istream& in, std::vector<std::string>& names);
@@ -67,6 +92,16 @@ void WriteModelRecord(const QvStreamBase& model, std::ostream& out, const std::s
 // file"), a version it does not read, damaged.
 void LoadModelRecord(const std::string& path, QvStreamBase& model, const QvStreamableData& data, short version,
                      const std::string& kind);
+
+// A new model of class Model (with its record's MyStreamableData) read
+// from `path` as LoadModelRecord reads it.
+template <class Model>
+std::unique_ptr<Model> LoadModelFile(const std::string& path, short version, const std::string& kind)
+{
+    auto model = std::make_unique<Model>();
+    LoadModelRecord(path, *model, Model::MyStreamableData, version, kind);
+    return model;
+}
 
 // The magic of the record the file at `path` starts with, or "" when it
 // starts with no plausible record header. Throws ToolError when the file

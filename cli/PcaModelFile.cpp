@@ -1,9 +1,5 @@
 #include "cli/PcaModelFile.h"
 
-#include "veltancmat/platform/BinaryIO.h"
-
-#include <cstdint>
-
 namespace veltan_cli {
 
 namespace {
@@ -18,24 +14,16 @@ PcaModelFile::~PcaModelFile() = default;
 
 void PcaModelFile::ResetParts() const
 {
-    if (transform)
-        transform->QvStreamableReset();
-    scale.QvStreamableReset();
+    ResetBlock(transform, scale);
     pca.QvStreamableReset();
 }
 
 bool PcaModelFile::Write(std::ostream& out) const
 {
     OutputStreamDirectory directory(out, 6);
-    bool ok = WriteNames(variables, directory.GetOutput(0));
-    if (transform)
-        directory.GetOutput(1) << *transform;
-    directory.GetOutput(2) << scale;
+    bool ok = WriteBlock(directory, 0, variables, transform, scale);
     directory.GetOutput(3) << pca;
-    const std::int32_t kept = components;
-    const std::int32_t fitted = observations;
-    ok = ok && WriteFourBytes(&kept, 1, directory.GetOutput(4));
-    ok = ok && WriteFourBytes(&fitted, 1, directory.GetOutput(5));
+    ok = WriteCounts(directory, 4) && ok;
     return directory.Close() && ok && out.good();
 }
 
@@ -44,24 +32,17 @@ bool PcaModelFile::Read(std::istream& in)
     try {
         InputStreamDirectory directory(in);
         std::vector<std::string> readNames;
-        if (!ReadNames(directory.GetRequiredInput(0, 4), readNames))
-            return false;
         std::unique_ptr<NCTransform> readTransform;
         NCScale readScale;
         NCPCA readPca;
-        if (!ReadTransform(directory, 1, readTransform) || !(directory.GetRequiredInput(2) >> readScale) ||
-            !(directory.GetRequiredInput(3) >> readPca))
-            return false;
         std::int32_t kept = 0, fitted = 0;
-        directory.ReadRequired(4, &kept, 1, 4);
-        directory.ReadRequired(5, &fitted, 1, 4);
-        if (!directory.Close())
+        if (!ReadBlock(directory, 0, readNames, readTransform, readScale) ||
+            !(directory.GetRequiredInput(3) >> readPca) || !ReadCounts(directory, 4, kept, fitted) ||
+            !directory.Close())
             return false;
-
-        const int k = static_cast<int>(readNames.size());
         const NCDataMatrix<float>& pprim = *readPca.GetPprim();
-        if (readScale.Size() != k || pprim.SizeColumns() != k || !Fits(readTransform, k) ||
-            kept != pprim.SizeRows() || fitted < 0)
+        if (!BlockFits(readNames, readTransform, readScale) ||
+            pprim.SizeColumns() != static_cast<int>(readNames.size()) || kept != pprim.SizeRows())
             return false;
         variables = std::move(readNames);
         transform = std::move(readTransform);
@@ -82,9 +63,7 @@ void WriteModel(const PcaModelFile& model, std::ostream& out, const std::string&
 
 std::unique_ptr<PcaModelFile> LoadModel(const std::string& path)
 {
-    auto model = std::make_unique<PcaModelFile>();
-    LoadModelRecord(path, *model, PcaModelFile::MyStreamableData, FileVersion, "PCA");
-    return model;
+    return LoadModelFile<PcaModelFile>(path, FileVersion, "PCA");
 }
 
 } // namespace veltan_cli

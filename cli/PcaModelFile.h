@@ -33,8 +33,6 @@ public:
     std::unique_ptr<NCTransform> transform; // null: no variable is transformed
     NCScale scale;
     NCPCA pca;
-    int components = 0;
-    int observations = 0;
 
     static QvStreamableData MyStreamableData; // "VeltanPCAModel", 1
 

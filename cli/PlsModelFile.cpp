@@ -1,9 +1,5 @@
 #include "cli/PlsModelFile.h"
 
-#include "veltancmat/platform/BinaryIO.h"
-
-#include <cstdint>
-
 namespace veltan_cli {
 
 namespace {
@@ -18,33 +14,35 @@ PlsModelFile::~PlsModelFile() = default;
 
 void PlsModelFile::ResetParts() const
 {
-    if (transform)
-        transform->QvStreamableReset();
-    if (yTransform)
-        yTransform->QvStreamableReset();
-    scale.QvStreamableReset();
-    yScale.QvStreamableReset();
+    ResetBlock(transform, scale);
+    ResetBlock(yTransform, yScale);
     pls.QvStreamableReset();
 }
 
 bool PlsModelFile::Write(std::ostream& out) const
 {
     OutputStreamDirectory directory(out, 9);
-    bool ok = WriteNames(variables, directory.GetOutput(0));
-    if (transform)
-        directory.GetOutput(1) << *transform;
-    directory.GetOutput(2) << scale;
-    ok = ok && WriteNames(responses, directory.GetOutput(3));
-    if (yTransform)
-        directory.GetOutput(4) << *yTransform;
-    directory.GetOutput(5) << yScale;
+    bool ok = WriteBlock(directory, 0, variables, transform, scale);
+    ok = WriteBlock(directory, 3, responses, yTransform, yScale) && ok;
     directory.GetOutput(6) << pls;
-    const std::int32_t kept = components;
-    const std::int32_t fitted = observations;
-    ok = ok && WriteFourBytes(&kept, 1, directory.GetOutput(7));
-    ok = ok && WriteFourBytes(&fitted, 1, directory.GetOutput(8));
+    ok = WriteCounts(directory, 7) && ok;
     return directory.Close() && ok && out.good();
 }
+
+namespace {
+
+// Matrices without rows need not keep their widths through a stream.
+bool ModelFits(const NCPLS& pls, int kept, int k, int m)
+{
+    const NCDataMatrix<float>& wprim = *pls.GetWprim();
+    const NCDataMatrix<float>& pprim = *pls.GetPprim();
+    const NCDataMatrix<float>& cprim = *pls.GetCprim();
+    const bool widths =
+        kept == 0 || (wprim.SizeColumns() == k && pprim.SizeColumns() == k && cprim.SizeColumns() == m);
+    return widths && kept == pprim.SizeRows() && kept == wprim.SizeRows() && kept == cprim.SizeRows();
+}
+
+} // namespace
 
 bool PlsModelFile::Read(std::istream& in)
 {
@@ -54,29 +52,15 @@ bool PlsModelFile::Read(std::istream& in)
         std::unique_ptr<NCTransform> readTransform, readYTransform;
         NCScale readScale, readYScale;
         NCPLS readPls;
-        if (!ReadNames(directory.GetRequiredInput(0, 4), readVariables) ||
-            !ReadTransform(directory, 1, readTransform) || !(directory.GetRequiredInput(2) >> readScale) ||
-            !ReadNames(directory.GetRequiredInput(3, 4), readResponses) ||
-            !ReadTransform(directory, 4, readYTransform) || !(directory.GetRequiredInput(5) >> readYScale) ||
-            !(directory.GetRequiredInput(6) >> readPls))
-            return false;
         std::int32_t kept = 0, fitted = 0;
-        directory.ReadRequired(7, &kept, 1, 4);
-        directory.ReadRequired(8, &fitted, 1, 4);
-        if (!directory.Close())
+        if (!ReadBlock(directory, 0, readVariables, readTransform, readScale) ||
+            !ReadBlock(directory, 3, readResponses, readYTransform, readYScale) ||
+            !(directory.GetRequiredInput(6) >> readPls) || !ReadCounts(directory, 7, kept, fitted) ||
+            !directory.Close())
             return false;
-
-        const int k = static_cast<int>(readVariables.size());
-        const int m = static_cast<int>(readResponses.size());
-        const NCDataMatrix<float>& wprim = *readPls.GetWprim();
-        const NCDataMatrix<float>& pprim = *readPls.GetPprim();
-        const NCDataMatrix<float>& cprim = *readPls.GetCprim();
-        // Matrices without rows need not keep their widths through a stream.
-        const bool widths = kept == 0 || (wprim.SizeColumns() == k && pprim.SizeColumns() == k &&
-                                          cprim.SizeColumns() == m);
-        if (readScale.Size() != k || readYScale.Size() != m || !Fits(readTransform, k) ||
-            !Fits(readYTransform, m) || !widths || kept != pprim.SizeRows() || kept != wprim.SizeRows() ||
-            kept != cprim.SizeRows() || fitted < 0)
+        if (!BlockFits(readVariables, readTransform, readScale) ||
+            !BlockFits(readResponses, readYTransform, readYScale) ||
+            !ModelFits(readPls, kept, static_cast<int>(readVariables.size()), static_cast<int>(readResponses.size())))
             return false;
         variables = std::move(readVariables);
         transform = std::move(readTransform);
@@ -95,9 +79,7 @@ bool PlsModelFile::Read(std::istream& in)
 
 std::unique_ptr<PlsModelFile> LoadPlsModel(const std::string& path)
 {
-    auto model = std::make_unique<PlsModelFile>();
-    LoadModelRecord(path, *model, PlsModelFile::MyStreamableData, FileVersion, "PLS");
-    return model;
+    return LoadModelFile<PlsModelFile>(path, FileVersion, "PLS");
 }
 
 } // namespace veltan_cli

@@ -36,8 +36,6 @@ public:
     std::unique_ptr<NCTransform> yTransform; // Y; null: none transformed
     NCScale yScale;                          // Y
     NCPLS pls;
-    int components = 0;
-    int observations = 0;
 
     static QvStreamableData MyStreamableData; // "VeltanPLSModel", 1
 
