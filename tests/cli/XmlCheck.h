@@ -66,108 +66,147 @@ inline std::string Text(std::string_view text, std::string& fault)
 
 } // namespace xml_detail
 
-inline XmlDocument ParseXml(std::string_view doc)
-{
-    XmlDocument result;
-    std::string& fault = result.fault;
-    std::vector<std::size_t> open; // indices into elements
-    std::size_t i = 0;
-    if (doc.substr(0, 5) == "<?xml") {
-        i = doc.find("?>");
-        if (i == std::string_view::npos)
-            return {"unclosed declaration", {}};
-        i += 2;
+namespace xml_detail {
+
+// Reads a document front to back, keeping the first fault.
+class Reader {
+public:
+    explicit Reader(std::string_view doc) : m_doc(doc) {}
+
+    XmlDocument Read()
+    {
+        if (m_doc.substr(0, 5) == "<?xml") {
+            m_at = m_doc.find("?>");
+            if (m_at == std::string_view::npos)
+                return {"unclosed declaration", {}};
+            m_at += 2;
+        }
+        while (m_at < m_doc.size() && m_result.fault.empty() && TextThenTag()) {
+        }
+        if (m_result.fault.empty() && !m_open.empty())
+            m_result.fault = "unclosed <" + m_result.elements[m_open.back()].name + ">";
+        if (m_result.fault.empty() && !m_root)
+            m_result.fault = "no root element";
+        return m_result;
     }
-    bool root = false;
-    while (i < doc.size() && fault.empty()) {
-        const std::size_t lt = doc.find('<', i);
-        const std::string_view between = doc.substr(i, lt == std::string_view::npos ? doc.size() - i : lt - i);
-        const std::string text = xml_detail::Text(between, fault);
-        if (!open.empty())
-            result.elements[open.back()].text += text;
+
+private:
+    // The text up to the next tag, then the tag; false at the end.
+    bool TextThenTag()
+    {
+        const std::size_t lt = m_doc.find('<', m_at);
+        const std::string_view between = m_doc.substr(m_at, lt == std::string_view::npos ? m_doc.npos : lt - m_at);
+        const std::string text = Text(between, m_result.fault);
+        if (!m_open.empty())
+            m_result.elements[m_open.back()].text += text;
         else if (between.find_first_not_of(" \t\r\n") != std::string_view::npos)
-            fault = "text outside the root element";
-        if (lt == std::string_view::npos || !fault.empty())
-            break;
-        if (doc.substr(lt, 4) == "<!--") {
-            const std::size_t end = doc.find("-->", lt);
+            m_result.fault = "text outside the root element";
+        if (lt == std::string_view::npos || !m_result.fault.empty())
+            return false;
+        m_at = lt;
+        if (m_doc.substr(lt, 4) == "<!--") {
+            const std::size_t end = m_doc.find("-->", lt);
             if (end == std::string_view::npos)
-                fault = "unclosed comment";
-            i = end + 3;
-            continue;
+                m_result.fault = "unclosed comment";
+            m_at = end + 3;
+        } else if (m_doc.substr(lt, 2) == "</") {
+            ClosingTag();
+        } else {
+            OpeningTag();
         }
-        std::size_t p = lt + 1;
-        const bool closing = p < doc.size() && doc[p] == '/';
-        p += closing ? 1 : 0;
-        const std::size_t nameStart = p;
-        while (p < doc.size() && xml_detail::NameChar(doc[p]))
-            ++p;
-        const std::string name(doc.substr(nameStart, p - nameStart));
-        if (name.empty()) {
+        return true;
+    }
+
+    std::string Name()
+    {
+        const std::size_t start = m_at;
+        while (m_at < m_doc.size() && NameChar(m_doc[m_at]))
+            ++m_at;
+        return std::string(m_doc.substr(start, m_at - start));
+    }
+
+    void SkipSpace()
+    {
+        while (m_at < m_doc.size() && std::isspace(static_cast<unsigned char>(m_doc[m_at])))
+            ++m_at;
+    }
+
+    void ClosingTag()
+    {
+        const std::size_t lt = m_at;
+        m_at += 2;
+        const std::string name = Name();
+        SkipSpace();
+        if (m_at >= m_doc.size() || m_doc[m_at] != '>' || m_open.empty() ||
+            m_result.elements[m_open.back()].name != name) {
+            m_result.fault = "unbalanced </" + name + "> at " + std::to_string(lt);
+            return;
+        }
+        m_open.pop_back();
+        ++m_at;
+    }
+
+    void OpeningTag()
+    {
+        const std::size_t lt = m_at++;
+        XmlElement element{Name(), {}, {}};
+        std::string& fault = m_result.fault;
+        if (element.name.empty())
             fault = "a tag without a name at " + std::to_string(lt);
-            break;
-        }
-        if (closing) {
-            while (p < doc.size() && std::isspace(static_cast<unsigned char>(doc[p])))
-                ++p;
-            if (p >= doc.size() || doc[p] != '>' || open.empty() || result.elements[open.back()].name != name) {
-                fault = "unbalanced </" + name + "> at " + std::to_string(lt);
-                break;
-            }
-            open.pop_back();
-            i = p + 1;
-            continue;
-        }
-        if (open.empty() && root) {
-            fault = "a second root element <" + name + ">";
-            break;
-        }
-        root = true;
-        XmlElement element{name, {}, {}};
+        else if (m_open.empty() && m_root)
+            fault = "a second root element <" + element.name + ">";
+        m_root = true;
         bool selfClosing = false;
         while (fault.empty()) {
-            while (p < doc.size() && std::isspace(static_cast<unsigned char>(doc[p])))
-                ++p;
-            if (p >= doc.size()) {
-                fault = "unclosed tag <" + name + ">";
-            } else if (doc[p] == '>' || doc.substr(p, 2) == "/>") {
-                selfClosing = doc[p] == '/';
-                p += selfClosing ? 2 : 1;
+            SkipSpace();
+            if (m_at >= m_doc.size()) {
+                fault = "unclosed tag <" + element.name + ">";
+            } else if (m_doc[m_at] == '>' || m_doc.substr(m_at, 2) == "/>") {
+                selfClosing = m_doc[m_at] == '/';
+                m_at += selfClosing ? 2 : 1;
                 break;
             } else {
-                const std::size_t keyStart = p;
-                while (p < doc.size() && xml_detail::NameChar(doc[p]))
-                    ++p;
-                const std::string key(doc.substr(keyStart, p - keyStart));
-                if (key.empty() || p + 1 >= doc.size() || doc[p] != '=' || (doc[p + 1] != '"' && doc[p + 1] != '\'')) {
-                    fault = "an unquoted or malformed attribute in <" + name + ">";
-                    break;
-                }
-                const char quote = doc[p + 1];
-                const std::size_t end = doc.find(quote, p + 2);
-                if (end == std::string_view::npos) {
-                    fault = "unclosed attribute value in <" + name + ">";
-                    break;
-                }
-                const std::string_view value = doc.substr(p + 2, end - p - 2);
-                xml_detail::Text(value, fault);
-                if (element.attributes.count(key) != 0)
-                    fault = "repeated attribute " + key + " in <" + name + ">";
-                element.attributes[key] = std::string(value);
-                p = end + 1;
+                Attribute(element);
             }
         }
-        result.elements.push_back(element);
+        m_result.elements.push_back(element);
         if (!selfClosing)
-            open.push_back(result.elements.size() - 1);
-        i = p;
+            m_open.push_back(m_result.elements.size() - 1);
     }
-    if (fault.empty() && !open.empty())
-        fault = "unclosed <" + result.elements[open.back()].name + ">";
-    if (fault.empty() && !root)
-        fault = "no root element";
-    return result;
-}
+
+    // name="value" or name='value', the value free of raw < and &.
+    void Attribute(XmlElement& element)
+    {
+        std::string& fault = m_result.fault;
+        const std::string key = Name();
+        if (key.empty() || m_at + 1 >= m_doc.size() || m_doc[m_at] != '=' ||
+            (m_doc[m_at + 1] != '"' && m_doc[m_at + 1] != '\'')) {
+            fault = "an unquoted or malformed attribute in <" + element.name + ">";
+            return;
+        }
+        const std::size_t end = m_doc.find(m_doc[m_at + 1], m_at + 2);
+        if (end == std::string_view::npos) {
+            fault = "unclosed attribute value in <" + element.name + ">";
+            return;
+        }
+        const std::string_view value = m_doc.substr(m_at + 2, end - m_at - 2);
+        Text(value, fault);
+        if (element.attributes.count(key) != 0)
+            fault = "repeated attribute " + key + " in <" + element.name + ">";
+        element.attributes[key] = std::string(value);
+        m_at = end + 1;
+    }
+
+    std::string_view m_doc;
+    std::size_t m_at = 0;
+    XmlDocument m_result;
+    std::vector<std::size_t> m_open; // indices into m_result.elements
+    bool m_root = false;
+};
+
+} // namespace xml_detail
+
+inline XmlDocument ParseXml(std::string_view doc) { return xml_detail::Reader(doc).Read(); }
 
 // The elements named `name` whose class attribute is `cls`.
 inline std::vector<XmlElement> ElementsOfClass(const XmlDocument& doc, const std::string& name, const std::string& cls)
