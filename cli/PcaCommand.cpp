@@ -10,6 +10,7 @@
 #include "cli/SvgPlot.h"
 #include "cli/ToolError.h"
 
+#include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/platform/Exception.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -74,9 +75,10 @@ PcaFit FitPca(const DataTable& table, const PcaOptions& options, NCProgress& pro
     // A fixed count gives the bar its whole length; an open-ended fit cannot
     // know it, so there the bar runs once per component.
     progress.SetRangeInternal(0.0f, fit.fixed ? static_cast<float>(limit) : 1.0f);
+    // A Ctrl-C between two components reads as one during a component does.
+    const CancelText aborted("Calculations of", "PC component aborted.");
     for (int a = 1; a <= limit; ++a) {
-        if (progress.IsBreakPressed())
-            throw CancelException();
+        CheckBreak(&progress, aborted);
         progress.SetText("PCA component " + std::to_string(a) + (fit.fixed ? " of " + std::to_string(limit) : ""));
         const float from = fit.fixed ? static_cast<float>(a - 1) : 0.0f;
         progress.PushSubRangeInternal(from, from + 1.0f, {});
