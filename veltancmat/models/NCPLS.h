@@ -3,6 +3,7 @@
 #include "veltancmat/containers/NCDataMatrix.h"
 #include "veltancmat/containers/NCDataMatrixRows.h"
 #include "veltancmat/containers/NCDataVector.h"
+#include "veltancmat/models/NipalsDefaults.h"
 #include "veltancmat/platform/Export.h"
 #include "veltancmat/platform/NCProgress.h"
 #include "veltancmat/platform/QvStream.h"
@@ -19,13 +20,16 @@ class NCError;
 //
 // The caller drives it, as with NCPCA:
 //
-//   NCPLS pls(&x, &y, 200);
+//   NCPLS pls(&x, &y, NCNipals::DefaultMaxIterations);
 //   for (;;) {
 //       pls.NextComponent(progress, nullptr, false, true);
 //       if (!keep(pls)) break;          // cross-validation
 //       pls.CalculateResiduals();       // E -= t p', F -= t c'
 //   }
 //   NCDataMatrix<float> b = pls.GetRegressionCoefficients(-1);   // K x M
+//
+// PLS_CrossValidated runs this loop with the cross-validation and the
+// significance rule.
 //
 // Component vectors are stored one row per component: T' and U' are A x N,
 // W' and P' are A x K, C' is A x M.

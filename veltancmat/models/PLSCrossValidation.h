@@ -27,7 +27,7 @@ struct CrossValidationRound;
 //
 //   pls.NextComponent(progress, nullptr, false, true);
 //   const int a = pls.GetComponents();
-//   cv.NextComponent(nullptr, 200, (*pls.GetTprim())[a], progress, true);
+//   cv.NextComponent(nullptr, pls.GetMaxIterations(), (*pls.GetTprim())[a], progress, true);
 //   pls.CalculateResiduals();
 class VELTANCMAT_API PLSCrossValidation {
 public:
