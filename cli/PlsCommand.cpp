@@ -13,7 +13,8 @@
 
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
-#include "veltancmat/models/PLSCrossValidation.h"
+#include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/models/PLS_CrossValidated.h"
 #include "veltancmat/platform/Exception.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -28,32 +29,9 @@ namespace veltan_cli {
 
 namespace {
 
-constexpr int MaxIterations = 200;
-constexpr float Missing = -99.0f;
+constexpr float Missing = NCMisVal<float>;
 
 std::string Quoted(const std::string& s) { return "\"" + s + "\""; }
-
-// Sums of squares of the present cells of each column (slot 0 unused).
-std::vector<double> ColumnSS(const NCDataMatrix<float>& m)
-{
-    std::vector<double> ss(static_cast<std::size_t>(m.SizeColumns()) + 1, 0.0);
-    for (int i = 1; i <= m.SizeRows(); ++i)
-        for (int j = 1; j <= m.SizeColumns(); ++j)
-            if (m[i][j] != Missing)
-                ss[static_cast<std::size_t>(j)] += static_cast<double>(m[i][j]) * m[i][j];
-    return ss;
-}
-
-double Total(const std::vector<double>& ss)
-{
-    double total = 0.0;
-    for (std::size_t j = 1; j < ss.size(); ++j)
-        total += ss[j];
-    return total;
-}
-
-// A share of a sum of squares; undefined (missing) when there is none.
-float Share(double part, double whole) { return whole > 0.0 ? static_cast<float>(part / whole) : Missing; }
 
 std::vector<float> Values(const NCDataVector<float>& v)
 {
@@ -130,7 +108,7 @@ void RawCoefficients(PlsFit& fit)
     const NCScale& xs = fit.model->scale;
     const NCScale& ys = fit.model->yScale;
     auto value = [](const NCDataVector<float>& v, int j, double neutral) {
-        return v[j] == Missing ? neutral : static_cast<double>(v[j]);
+        return IsMisVal(v[j]) ? neutral : static_cast<double>(v[j]);
     };
     const int k = fit.coefficients.SizeRows(), m = fit.coefficients.SizeColumns();
     fit.rawCoefficients = NCDataMatrix<float>(k, m);
@@ -163,7 +141,7 @@ void KeepModel(PlsFit& fit, const NCPLS& pls, const NCDataMatrix<float>& cvResid
         e.AddVprimV(tprim[c], pprim[c], -1.0);
         f.AddVprimV(tprim[c], cprim[c], -1.0);
     }
-    fit.model->pls = NCPLS(&e, &f, &cprim, &pprim, &wprim, &uprim, &tprim, MaxIterations);
+    fit.model->pls = NCPLS(&e, &f, &cprim, &pprim, &wprim, &uprim, &tprim, pls.GetMaxIterations());
     fit.model->components = a;
 
     // Fitted values T C'; the cross-validated ones take the last component
@@ -175,13 +153,13 @@ void KeepModel(PlsFit& fit, const NCPLS& pls, const NCDataMatrix<float>& cvResid
             double sum = 0.0;
             bool present = true;
             for (int c = 1; c <= a; ++c) {
-                present = present && tprim[c][i] != Missing;
+                present = present && !IsMisVal(tprim[c][i]);
                 sum += static_cast<double>(tprim[c][i]) * cprim[c][j];
             }
             fit.fitted(i, j, present ? static_cast<float>(sum) : Missing);
             if (a > 0) {
                 const float y = fit.y[i][j], r = cvResiduals[i][j];
-                fit.cvPredicted(i, j, y == Missing || r == Missing ? Missing : y - r);
+                fit.cvPredicted(i, j, IsMisVal(y) || IsMisVal(r) ? Missing : y - r);
             }
         }
     UndoPreprocessing(fit.fitted, fit.model->yTransform.get(), fit.model->yScale);
@@ -236,7 +214,7 @@ PlsFit FitPls(const PlsData& data, const PlsOptions& options, NCProgress& progre
 {
     const DataTable& xt = data.x;
     const DataTable& yt = data.y;
-    const int n = xt.Observations(), k = xt.Variables(), m = yt.Variables();
+    const int n = xt.Observations(), k = xt.Variables();
     if (n < 2)
         throw ToolError(xt.source + ": " + Plural(n, "observation") + "; a PLS model needs at least 2");
     const int groups = CrossValidationGroups(options.cvGroups, n, xt.source);
@@ -255,15 +233,8 @@ PlsFit FitPls(const PlsData& data, const PlsOptions& options, NCProgress& progre
     fit.x = FitPreprocessing(xt, xLog, options.scale, model.transform, model.scale);
     fit.y = FitPreprocessing(yt, yLog, options.yScale, model.yTransform, model.yScale, "--y-scale");
 
-    NCPLS pls(&fit.x, &fit.y, MaxIterations);
-    PLSCrossValidation cv(&pls, groups, nullptr);
-    const double ssx0 = Total(ColumnSS(fit.x));
-    const std::vector<double> ssy0 = ColumnSS(fit.y);
-    const double ssy0Total = Total(ssy0);
-    double ssxBefore = ssx0;
-    std::vector<double> ssyBefore = ssy0;
-    NCDataMatrix<float> cvResiduals;
-
+    PLS_CrossValidated pls(fit.x, fit.y, groups, nullptr);
+    pls.KeepEveryComponent(fit.fixed);
     const CancelText aborted("Calculation of", "PLS component aborted.");
     // The significance rule ends an open-ended fit at min(K, N - 3) + 1
     // components at the latest (N3); the bound only guards the loop.
@@ -273,59 +244,30 @@ PlsFit FitPls(const PlsData& data, const PlsOptions& options, NCProgress& progre
         CheckBreak(&progress, aborted);
         progress.SetText("PLS component " + std::to_string(a) + (fit.fixed ? " of " + std::to_string(limit) : ""));
         const float from = fit.fixed ? static_cast<float>(a - 1) : 0.0f;
+        SignificanceE::Significance verdict = SignificanceE::NA;
         try {
             ProgressSubRange component(&progress, from, from + 1.0f, aborted);
-            {
-                ProgressSubRange extraction(&progress, 0.0f, 0.1f, aborted);
-                pls.NextComponent(&progress, nullptr, false, true);
-            }
-            ProgressSubRange rounds(&progress, 0.1f, 1.0f, aborted);
-            cv.NextComponent(nullptr, MaxIterations, pls.GetTprim()->back(), &progress, true);
+            verdict = pls.NextComponent(&progress);
         } catch (const NCError& e) {
             // No X-Y correlation left: the components before stand. Without
             // any, or short of a count the user asked for, the fit fails.
-            if (!IsNoCorrelation(e) || fit.fixed || a == 1)
+            if (!NCPLS::IsNoCorrelation(e) || fit.fixed || a == 1)
                 throw ToolError(xt.source + ": " + OneLine(e.what()) + (a == 1 ? " (nothing to model)" : ""));
             fit.stopReason = "component " + std::to_string(a) + " could not be computed (" + OneLine(e.what()) + ")";
             break;
         }
-        pls.CalculateResiduals();
-
-        PlsComponent c;
-        const double ssx = Total(ColumnSS(*pls.GetXResiduals()));
-        const std::vector<double> ssy = ColumnSS(*pls.GetYResiduals());
-        c.r2x = Share(ssxBefore - ssx, ssx0);
-        c.r2xCum = Share(ssx0 - ssx, ssx0);
-        c.r2y = Share(Total(ssyBefore) - Total(ssy), ssy0Total);
-        c.r2yCum = Share(ssy0Total - Total(ssy), ssy0Total);
-        NCDataVector<float> r2Responses(m, 0.0f);
-        for (int j = 1; j <= m; ++j) {
-            const auto s = static_cast<std::size_t>(j);
-            r2Responses(j, Share(ssyBefore[s] - ssy[s], ssy0[s]));
-            c.r2yResponses.push_back(r2Responses[j]);
-            c.r2yCumResponses.push_back(Share(ssy0[s] - ssy[s], ssy0[s]));
-        }
-        c.q2 = cv.GetQ2Tot();
-        c.q2Cum = cv.GetQ2TotCum();
-        c.q2Limit = cv.GetQ2Lim();
-        c.q2Responses = Values(cv.GetQ2YVar());
-        c.q2CumResponses = Values(cv.GetQ2YVarCum());
-        // The rule reads the component's own R2 and that of each response.
-        c.significance = PLSCrossValidation::GetSignificance(n, k, m, a - 1, c.r2y, r2Responses, c.q2,
-                                                             cv.GetQ2YVar(), c.q2Limit);
-        fit.records.push_back(c);
-        if (!fit.fixed && !SignificanceE::IsSignificant(c.significance)) {
-            fit.stopReason =
-                "component " + std::to_string(a) + " is " + DescribeSignificance(c.significance, "responses");
+        if (!fit.fixed && !SignificanceE::IsSignificant(verdict)) {
+            fit.stopReason = "component " + std::to_string(a) + " is " + DescribeSignificance(verdict, "responses");
             break;
         }
-        fit.kept = a;
-        cvResiduals = cv.GetYPredResiduals();
-        ssxBefore = ssx;
-        ssyBefore = ssy;
     }
     progress.Refresh();
-    KeepModel(fit, pls, cvResiduals);
+    for (const PLS_CrossValidated::Component& c : pls.GetRecords())
+        fit.records.push_back({c.r2x, c.r2xCum, c.r2y, c.r2yCum, c.q2, c.q2Cum, c.q2Limit, Values(c.r2yResponses),
+                               Values(c.r2yCumResponses), Values(c.q2Responses), Values(c.q2CumResponses),
+                               c.significance});
+    fit.kept = pls.GetComponents();
+    KeepModel(fit, pls.GetModel(), pls.GetKeptPredResiduals());
     return fit;
 }
 

@@ -1,8 +1,8 @@
 #include "cli/PlsPermutation.h"
 
 #include "veltancmat/containers/frame/ProgressScope.h"
-#include "veltancmat/models/NCPLS.h"
-#include "veltancmat/models/PLSCrossValidation.h"
+#include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/models/PLS_CrossValidated.h"
 #include "veltancmat/platform/NCError.h"
 
 #include <algorithm>
@@ -11,28 +11,6 @@
 #include <random>
 
 namespace veltan_cli {
-
-namespace {
-
-constexpr int MaxIterations = 200;
-constexpr float Missing = -99.0f;
-
-double PresentSS(const NCDataMatrix<float>& m)
-{
-    double ss = 0.0;
-    for (int i = 1; i <= m.SizeRows(); ++i)
-        for (int j = 1; j <= m.SizeColumns(); ++j)
-            if (m[i][j] != Missing)
-                ss += static_cast<double>(m[i][j]) * m[i][j];
-    return ss;
-}
-
-} // namespace
-
-bool IsNoCorrelation(const NCError& error)
-{
-    return error.GetLevel() == NCError::Warning && !dynamic_cast<const NCInternalError*>(&error);
-}
 
 double InterceptAtZero(const std::vector<std::pair<double, double>>& points)
 {
@@ -63,7 +41,7 @@ double MeanPermutedCorrelation(const NCDataMatrix<float>& y, const std::vector<i
         double n = 0.0, sa = 0.0, sb = 0.0, saa = 0.0, sbb = 0.0, sab = 0.0;
         for (int i = 1; i <= y.SizeRows(); ++i) {
             const float a = y[i][j], b = y[permutation[static_cast<std::size_t>(i - 1)]][j];
-            if (a == Missing || b == Missing)
+            if (IsMisVal(a) || IsMisVal(b))
                 continue;
             n += 1.0;
             sa += a;
@@ -83,6 +61,42 @@ double MeanPermutedCorrelation(const NCDataMatrix<float>& y, const std::vector<i
     return counted > 0 ? total / counted : 0.0;
 }
 
+namespace {
+
+// Refits `components` components to responses shuffled by `order`; a fit
+// that the shuffled responses leave without X-Y correlation stands at the
+// components it has.
+PermutationRow PermutedFit(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y, int components, int groups,
+                           const std::vector<int>& order, NCProgress& progress)
+{
+    const CancelText aborted("Calculation of", "PLS component aborted.");
+    std::vector<int> oneBased(order.size() + 1, 0);
+    std::copy(order.begin(), order.end(), oneBased.begin() + 1);
+    PLS_CrossValidated model(x, y, groups, nullptr);
+    model.PermuteResponses(oneBased.data());
+    model.KeepEveryComponent(true);
+    progress.SetRangeInternal(0.0f, static_cast<float>(components));
+    for (int a = 1; a <= components; ++a) {
+        try {
+            ProgressSubRange component(&progress, static_cast<float>(a - 1), static_cast<float>(a), aborted);
+            model.NextComponent(&progress);
+        } catch (const NCError& e) {
+            if (!NCPLS::IsNoCorrelation(e))
+                throw;
+            break;
+        }
+    }
+    PermutationRow row;
+    row.correlation = static_cast<float>(MeanPermutedCorrelation(y, order));
+    // Shuffling rows keeps the responses' sum of squares.
+    const std::vector<PLS_CrossValidated::Component>& fitted = model.GetRecords();
+    row.r2y = fitted.empty() || IsMisVal(fitted.back().r2yCum) ? 0.0f : fitted.back().r2yCum;
+    row.q2 = fitted.empty() ? 0.0f : fitted.back().q2Cum;
+    return row;
+}
+
+} // namespace
+
 PermutationTest RunPermutationTest(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y, int components,
                                    int groups, int count, unsigned seed, float realR2Y, float realQ2,
                                    NCProgress& progress)
@@ -92,51 +106,16 @@ PermutationTest RunPermutationTest(const NCDataMatrix<float>& x, const NCDataMat
     test.seed = seed;
     test.r2y = realR2Y;
     test.q2 = realQ2;
-    const int n = y.SizeRows();
-    // Shuffling rows keeps the responses' sum of squares.
-    const double ss0 = PresentSS(y);
     const CancelText aborted("Computations aborted.");
-
     std::mt19937 rng(seed);
-    std::vector<int> order(static_cast<std::size_t>(n));
+    std::vector<int> order(static_cast<std::size_t>(y.SizeRows()));
     std::iota(order.begin(), order.end(), 1);
-    std::vector<int> oneBased(static_cast<std::size_t>(n) + 1, 0);
     progress.SetRangeInternal(0.0f, static_cast<float>(count));
     for (int p = 0; p < count; ++p) {
         ProgressStep step(&progress, static_cast<float>(p), aborted,
                           "Permutation " + std::to_string(p + 1) + " of " + std::to_string(count));
         std::shuffle(order.begin(), order.end(), rng);
-        std::copy(order.begin(), order.end(), oneBased.begin() + 1);
-
-        NCPLS pls(&x, &y, MaxIterations);
-        pls.ShuffleYResiduals(oneBased.data());
-        PLSCrossValidation cv(&pls, groups, nullptr);
-        int fitted = 0;
-        progress.SetRangeInternal(0.0f, static_cast<float>(components));
-        for (int a = 1; a <= components; ++a) {
-            ProgressSubRange component(&progress, static_cast<float>(a - 1), static_cast<float>(a), aborted);
-            try {
-                {
-                    ProgressSubRange fit(&progress, 0.0f, 0.1f, aborted);
-                    pls.NextComponent(&progress, nullptr, false, true);
-                }
-                ProgressSubRange rounds(&progress, 0.1f, 1.0f, aborted);
-                cv.NextComponent(nullptr, MaxIterations, pls.GetTprim()->back(), &progress, true);
-            } catch (const NCError& e) {
-                // Shuffled responses may leave X nothing more to explain:
-                // the shuffled fit then stands at the components it has.
-                if (!IsNoCorrelation(e))
-                    throw;
-                break;
-            }
-            pls.CalculateResiduals();
-            fitted = a;
-        }
-        PermutationRow row;
-        row.correlation = static_cast<float>(MeanPermutedCorrelation(y, order));
-        row.r2y = ss0 > 0.0 ? static_cast<float>(1.0 - PresentSS(*pls.GetYResiduals()) / ss0) : 0.0f;
-        row.q2 = fitted > 0 ? cv.GetQ2TotCum() : 0.0f;
-        test.rows.push_back(row);
+        test.rows.push_back(PermutedFit(x, y, components, groups, order, progress));
     }
 
     std::vector<std::pair<double, double>> r2yPoints{{1.0, realR2Y}}, q2Points{{1.0, realQ2}};

@@ -6,13 +6,7 @@
 #include <utility>
 #include <vector>
 
-class NCError;
-
 namespace veltan_cli {
-
-// The level-1 error of the strict X-Y correlation check: the data offer no
-// further component, which ends a search rather than failing it.
-bool IsNoCorrelation(const NCError& error);
 
 // A response permutation test: the model is refitted, with the same number
 // of components and the same cross-validation groups, to responses whose

@@ -2,11 +2,13 @@
 
 #include "veltancmat/containers/CVGroups.h"
 #include "veltancmat/models/PLSMissingValueEstimator.h"
+#include "veltancmat/models/PLS_CrossValidated.h"
 #include "veltancmat/platform/Exception.h"
 #include "veltancmat/platform/NCError.h"
 
 #include "containers/MatrixChecks.h"
 #include "models/ModelData.h"
+#include "platform/Caught.h"
 
 #include <gtest/gtest.h>
 
@@ -297,4 +299,158 @@ TEST(PLSMissingValueEstimator, CancelAndBadInputLeaveTheMatricesAlone)
     EXPECT_THROW(PLSMissingValueEstimator(x, shortY, false, nullptr), NCInternalError);
     EXPECT_THROW(PLSMissingValueEstimator(x, empty, false, nullptr), NCError);
     EXPECT_TRUE(SameCells(empty, NCDataMatrix<float>(40, 2, -99.0f)));
+}
+
+namespace {
+
+// The loop as callers wrote it before it moved into the library: fit,
+// validate, deflate, then R2 from the residuals' sums of squares and the
+// rule. Records (r2y, q2, verdict) per component until one is not significant.
+struct WrittenOutLoop {
+    std::vector<float> r2y, q2, q2Cum;
+    std::vector<S::Significance> verdicts;
+
+    WrittenOutLoop(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y)
+    {
+        NCPLS pls(&x, &y, 200);
+        CV cv(&pls, 7, nullptr);
+        const int m = y.SizeColumns();
+        const auto columnSS = [m](const NCDataMatrix<float>& f) {
+            std::vector<double> ss(m + 1, 0.0);
+            for (int i = 1; i <= f.SizeRows(); ++i)
+                for (int j = 1; j <= m; ++j)
+                    ss[j] += f[i][j] == -99.0f ? 0.0 : double(f[i][j]) * f[i][j];
+            return ss;
+        };
+        const std::vector<double> ss0 = columnSS(y);
+        double total0 = 0.0;
+        for (int j = 1; j <= m; ++j)
+            total0 += ss0[j];
+        std::vector<double> before = ss0;
+        for (int a = 1; a <= 10; ++a) {
+            pls.NextComponent(nullptr, nullptr, false, true);
+            cv.NextComponent(nullptr, 200, pls.GetTprim()->back(), nullptr, true);
+            pls.CalculateResiduals();
+            const std::vector<double> ss = columnSS(*pls.GetYResiduals());
+            NCDataVector<float> shares(m, 0.0f);
+            double gained = 0.0;
+            for (int j = 1; j <= m; ++j) {
+                shares(j, float((before[j] - ss[j]) / ss0[j]));
+                gained += before[j] - ss[j];
+            }
+            before = ss;
+            r2y.push_back(float(gained / total0));
+            q2.push_back(cv.GetQ2Tot());
+            q2Cum.push_back(cv.GetQ2TotCum());
+            verdicts.push_back(CV::GetSignificance(x.SizeRows(), x.SizeColumns(), m, a - 1, r2y.back(), shares,
+                                                   cv.GetQ2Tot(), cv.GetQ2YVar(), cv.GetQ2Lim()));
+            if (!S::IsSignificant(verdicts.back()))
+                return;
+        }
+    }
+};
+
+} // namespace
+
+// The library's loop gives the components, Q2 values and verdicts of the
+// loop written out, with gaps in X and Y and several responses; the fit is
+// over after the first verdict that is not significant.
+TEST(PLS_CrossValidated, AgreesWithTheLoopWrittenOutAndStopsAfterTheFirstFailure)
+{
+    NCDataMatrix<float> x = LowRankTable(80, 10, 3, 0.8);
+    NCDataMatrix<float> y = DependentResponses(x, 1.5);
+    KnockOut(x, 0.05);
+    KnockOut(y, 0.05, 12);
+    const WrittenOutLoop reference(x, y);
+    ASSERT_GE(reference.verdicts.size(), 2u);
+
+    PLS_CrossValidated model(x, y, 7, nullptr);
+    std::size_t a = 0;
+    for (;; ++a) {
+        const S::Significance verdict = model.NextComponent(nullptr);
+        ASSERT_LT(a, reference.verdicts.size());
+        EXPECT_EQ(verdict, reference.verdicts[a]) << "component " << a + 1;
+        if (!S::IsSignificant(verdict))
+            break;
+    }
+    ASSERT_EQ(a + 1, reference.verdicts.size());
+    EXPECT_EQ(model.GetComponents(), static_cast<int>(a));
+    EXPECT_EQ(model.GetModel().GetComponents(), static_cast<int>(a) + 1); // the failed one is held too
+    for (std::size_t c = 0; c <= a; ++c) {
+        const PLS_CrossValidated::Component& record = model.GetRecords()[c];
+        EXPECT_NEAR(record.r2y, reference.r2y[c], 1e-6);
+        EXPECT_EQ(record.q2, reference.q2[c]);
+        EXPECT_EQ(record.q2Cum, reference.q2Cum[c]);
+        EXPECT_GT(record.r2x, 0.0f);
+        EXPECT_NEAR(record.r2yCum, (c ? model.GetRecords()[c - 1].r2yCum : 0.0f) + record.r2y, 1e-6);
+        ASSERT_EQ(record.r2yResponses.Size(), 3);
+        ASSERT_EQ(record.q2CumResponses.Size(), 3);
+    }
+    const std::optional<NCError> over = Caught<NCError>([&] { model.NextComponent(nullptr); });
+    ASSERT_TRUE(over);
+    EXPECT_STREQ(over->what(), "The model takes no further component.");
+    // The kept prediction residuals are those of the last kept component.
+    EXPECT_EQ(model.GetKeptPredResiduals().SizeRows(), 80);
+}
+
+// A fixed count keeps every component whatever its verdict; a response
+// without variation has no share of its own; shuffled responses give the
+// fit of a model on the shuffled table, and only before the first component.
+TEST(PLS_CrossValidated, FixedCountsUndefinedSharesAndPermutedResponses)
+{
+    const NCDataMatrix<float> x = LowRankTable(50, 6, 2, 0.5);
+    NCDataMatrix<float> y = DependentResponses(x, 4.0);
+    for (int i = 1; i <= 50; ++i)
+        y(i, 2, 0.0f);
+    PLS_CrossValidated fixed(x, y, 5, nullptr);
+    fixed.KeepEveryComponent(true);
+    for (int a = 1; a <= 5; ++a)
+        fixed.NextComponent(nullptr);
+    EXPECT_EQ(fixed.GetComponents(), 5);
+    for (const PLS_CrossValidated::Component& c : fixed.GetRecords()) {
+        EXPECT_EQ(c.r2yResponses[2], -99.0f);
+        EXPECT_EQ(c.r2yCumResponses[2], -99.0f);
+        EXPECT_NE(c.r2yResponses[1], -99.0f);
+    }
+
+    std::vector<int> order(51);
+    NCDataMatrix<float> shuffled(50, 3);
+    for (int i = 1; i <= 50; ++i) {
+        order[i] = 1 + (i * 17) % 50; // 17 is prime to 50: every row once
+        shuffled.SetRow(i, y[order[i]]);
+    }
+    PLS_CrossValidated permuted(x, y, 5, nullptr), direct(x, shuffled, 5, nullptr);
+    permuted.PermuteResponses(order.data());
+    permuted.KeepEveryComponent(true);
+    direct.KeepEveryComponent(true);
+    for (int a = 1; a <= 2; ++a) {
+        permuted.NextComponent(nullptr);
+        direct.NextComponent(nullptr);
+        const PLS_CrossValidated::Component &p = permuted.GetRecords().back(), &d = direct.GetRecords().back();
+        EXPECT_EQ(p.q2Cum, d.q2Cum);
+        EXPECT_EQ(p.r2x, d.r2x);
+        EXPECT_NEAR(p.r2yCum, d.r2yCum, 1e-6);
+    }
+    EXPECT_THROW(permuted.PermuteResponses(order.data()), NCError);
+}
+
+// The correlation guard's error is told apart from other failures; a break
+// cancels with the component's message and ends the fit.
+TEST(PLS_CrossValidated, NoCorrelationEndsTheFitAndABreakCancelsIt)
+{
+    const NCDataMatrix<float> x = LowRankTable(40, 5, 2, 0.5);
+    PLS_CrossValidated flat(x, NCDataMatrix<float>(40, 1, 0.0f), 7, nullptr);
+    const std::optional<NCError> none = Caught<NCError>([&] { flat.NextComponent(nullptr); });
+    ASSERT_TRUE(none);
+    EXPECT_TRUE(NCPLS::IsNoCorrelation(*none));
+    EXPECT_FALSE(NCPLS::IsNoCorrelation(NCError(ExceptionMessage::translate("other"), NCError::Error)));
+    EXPECT_FALSE(NCPLS::IsNoCorrelation(NCInternalError("NCPLS::NextComponent")));
+    EXPECT_THROW(flat.NextComponent(nullptr), NCError);
+    EXPECT_EQ(flat.GetComponents(), 0);
+
+    PLS_CrossValidated model(x, DependentResponses(x, 0.5), 7, nullptr);
+    NCProgress progress;
+    BreakAt observer(progress, "CV round 4 of 7");
+    EXPECT_EQ(CancelMessage([&] { model.NextComponent(&progress); }), "PLS component aborted.");
+    EXPECT_THROW(model.NextComponent(nullptr), NCError);
 }

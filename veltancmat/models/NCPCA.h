@@ -16,7 +16,7 @@
 //
 // The caller drives it:
 //
-//   NCPCA pca(&scaled, 200);
+//   NCPCA pca(&scaled, NCNipals::DefaultMaxIterations);
 //   for (;;) {
 //       pca.NextComponent(progress, nullptr, 0, nullptr);
 //       if (!keep(pca)) break;          // cross-validation or a validator

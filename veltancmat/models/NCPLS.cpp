@@ -4,6 +4,8 @@
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/containers/frame/StreamRecord.h"
 #include "veltancmat/models/NipalsStart.h"
+#include "veltancmat/models/PlsIteration.h"
+#include "veltancmat/models/SumsOfSquares.h"
 #include "veltancmat/platform/BinaryIO.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -27,13 +29,6 @@ NCDataMatrix<float> ColumnMatrix(const NCDataVector<float>* y)
     NCDataMatrix<float> m(y->Size(), 1);
     m.SetColumn(1, *y);
     return m;
-}
-
-// Sum of squares of the present cells; 0 when there are none, so that an
-// empty vector fails the correlation guard instead of taking a root of -99.
-double PresentSS(const NCDataVector<float>& v)
-{
-    return v.HasValidValues() ? v.GetSS() : 0.0;
 }
 
 } // namespace
@@ -156,74 +151,38 @@ NCPLS::Component NCPLS::FitComponent(const NCDataMatrixRows<float>& e, const NCD
                                      int component, int maxIterations, NCProgress* progress,
                                      const NCDataVector<float>* start, bool quiet, bool strict)
 {
-    const bool singleResponse = f.SizeColumns() == 1;
-    const double ssX = e.GetSS();
     const CancelText aborted("Calculation of", "PLS component aborted.");
-
-    Component fit;
-    NCDataVector<float>& w = fit.w;
-    NCDataVector<float>& t = fit.t;
-    NCDataVector<float>& c = fit.c;
-    NCDataVector<float>& u = fit.u;
-    u = StartScores(e, f, start);
-    NCDataVector<float> previous;
+    NCNipals::PlsFit fit;
+    fit.u = StartScores(e, f, start);
+    fit.ssX = e.GetSS();
+    NCNipals::PlsFit* const fits[] = {&fit};
+    const NCNipals::RowsProjector pass(e, f);
     std::unique_ptr<NCProgress> own;
-    int iteration = 1;
-    for (;; ++iteration) {
-        previous = u;
-        e.SpecialNipalsRegressColumnsFix(u, &w);
-        if (strict)
-            CheckCorrelation(u, w, ssX, e.SizeColumns(), component);
-
-        w.Normalize();
-        e.SpecialNipalsRegressRowsFix(w, &t);
-        f.SpecialNipalsRegressColumnsFix(t, &c);
-        f.SpecialNipalsRegressRowsFix(c, &u);
-
-        const float v = Movement(u, previous, singleResponse);
-
-        if (!quiet) {
-            if (iteration == 1) {
-                if (!progress) {
-                    own = std::make_unique<NCProgress>(ProgressCaption(nullptr, "PLS Component %1%", component));
-                    progress = own.get();
-                }
-                progress->SetRangeInternal(v == 0.0f ? 1.0f : -v, 0.0f);
-            }
-            if (strict)
-                CheckedSetValue(progress, -v, aborted);
-        }
-        if (v <= 0.0f || iteration >= maxIterations)
-            break;
-    }
+    NCNipals::IteratePls(pass, fits, f.SizeColumns(), maxIterations, strict, component,
+                         [&](int iteration, std::span<NCNipals::PlsFit* const> active) {
+                             if (quiet || active.empty())
+                                 return;
+                             const float v = active.front()->movement;
+                             if (iteration == 1) {
+                                 if (!progress) {
+                                     own = std::make_unique<NCProgress>(
+                                         ProgressCaption(nullptr, "PLS Component %1%", component));
+                                     progress = own.get();
+                                 }
+                                 progress->SetRangeInternal(v == 0.0f ? 1.0f : -v, 0.0f);
+                             }
+                             if (strict)
+                                 CheckedSetValue(progress, -v, aborted);
+                         });
     if (strict)
         CheckBreak(progress, aborted);
-
-    e.SpecialNipalsRegressColumnsFix(t, &fit.p);
-    fit.iterations = iteration;
-    return fit;
+    NCNipals::PlsLoadings(pass, fits);
+    return Component{fit.w, fit.p, fit.t, fit.u, fit.c, fit.iterations};
 }
 
-void NCPLS::CheckCorrelation(const NCDataVector<float>& u, const NCDataVector<float>& w, double ssX, int k,
-                             int component)
+bool NCPLS::IsNoCorrelation(const NCError& error)
 {
-    const double normX = IsMisVal(ssX) ? 0.0 : std::sqrt(ssX);
-    // Below this correlation the weights are noise: X carries no information about Y.
-    const double minCorrelation = 1e-6 / std::sqrt(static_cast<double>(k));
-    const double r = std::sqrt(PresentSS(u)) * std::sqrt(PresentSS(w)) / normX;
-    if (!(std::isnormal(r) && r >= minCorrelation))
-        throw NCError(ExceptionMessage::translate(
-                          "The correlation between X and Y is zero or almost zero.\nComponent {1} cannot be computed.") %
-                          std::to_string(component),
-                      NCError::Warning);
-}
-
-float NCPLS::Movement(const NCDataVector<float>& u, const NCDataVector<float>& previous, bool singleResponse)
-{
-    if (singleResponse)
-        return 0.0f;
-    const double x = u.Difference(previous);
-    return x >= 1e-30 ? static_cast<float>((std::log10(x) + 10.0) * 10.0) : -1.0f;
+    return error.GetLevel() == NCError::Warning && !dynamic_cast<const NCInternalError*>(&error);
 }
 
 void NCPLS::CalculateResiduals()

@@ -3,11 +3,14 @@
 #include "veltancmat/containers/NCDataMatrix.h"
 #include "veltancmat/containers/NCDataMatrixRows.h"
 #include "veltancmat/containers/NCDataVector.h"
+#include "veltancmat/models/NipalsDefaults.h"
 #include "veltancmat/platform/Export.h"
 #include "veltancmat/platform/NCProgress.h"
 #include "veltancmat/platform/QvStream.h"
 
 #include <memory>
+
+class NCError;
 
 // A partial least squares regression of preprocessed responses Y (N x M) on
 // preprocessed predictors X (N x K), grown one component at a time by
@@ -17,13 +20,16 @@
 //
 // The caller drives it, as with NCPCA:
 //
-//   NCPLS pls(&x, &y, 200);
+//   NCPLS pls(&x, &y, NCNipals::DefaultMaxIterations);
 //   for (;;) {
 //       pls.NextComponent(progress, nullptr, false, true);
 //       if (!keep(pls)) break;          // cross-validation
 //       pls.CalculateResiduals();       // E -= t p', F -= t c'
 //   }
 //   NCDataMatrix<float> b = pls.GetRegressionCoefficients(-1);   // K x M
+//
+// PLS_CrossValidated runs this loop with the cross-validation and the
+// significance rule.
 //
 // Component vectors are stored one row per component: T' and U' are A x N,
 // W' and P' are A x K, C' is A x M.
@@ -52,6 +58,10 @@ public:
     // and enables the checks for a break (CancelException). Returns true or
     // throws; the component count grows only when the component is stored.
     bool NextComponent(NCProgress* progress, const NCDataVector<float>* start, bool quiet, bool strict);
+    // True for the error of the strict correlation guard: the data offer no
+    // further component, which ends a search for components rather than
+    // failing it. Every other NCError is a real failure.
+    static bool IsNoCorrelation(const NCError& error);
     // E -= t p' and F -= t c' for the newest component; missing cells stay missing.
     virtual void CalculateResiduals();
 
@@ -104,31 +114,19 @@ public:
     static QvStreamableData MyStreamableData; // "NCPLS", 2
 
 private:
-    // A cross-validation round fits one component on part of the rows of
-    // the model's residuals, through FitComponent on a row selection.
-    friend class PLSCrossValidation;
-
     // One component as NextComponent appends it.
     struct Component {
         NCDataVector<float> w, p, t, u, c;
         int iterations = 0;
     };
-    // Fits one component of the rows `e` of X on the rows `f` of Y;
+    // Fits one component of the rows `e` of X on the rows `f` of Y by the
+    // iteration the cross-validation rounds share (PlsIteration.h);
     // `component` is its number in the correlation error and progress text.
     static Component FitComponent(const NCDataMatrixRows<float>& e, const NCDataMatrixRows<float>& f, int component,
                                   int maxIterations, NCProgress* progress, const NCDataVector<float>* start,
                                   bool quiet, bool strict);
     static NCDataVector<float> StartScores(const NCDataMatrixRows<float>& e, const NCDataMatrixRows<float>& f,
                                            const NCDataVector<float>* start);
-    // The correlation guard of component `component`: throws the level-1
-    // error when the Y scores u and the X weights w (before normalising)
-    // correlate too weakly, X having the sum of squares ssX over k variables.
-    static void CheckCorrelation(const NCDataVector<float>& u, const NCDataVector<float>& w, double ssX, int k,
-                                 int component);
-    // How far u moved from the previous iteration's Y scores, on the scale
-    // of the progress value: at or below zero once converged (always zero
-    // for a single response).
-    static float Movement(const NCDataVector<float>& u, const NCDataVector<float>& previous, bool singleResponse);
     void EmptyComponents();
 
     std::unique_ptr<NCDataMatrix<float>> m_cprim;

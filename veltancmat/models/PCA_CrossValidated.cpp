@@ -2,14 +2,13 @@
 
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
+#include "veltancmat/models/NipalsDefaults.h"
 #include "veltancmat/platform/NCError.h"
 
 #include <vector>
 
 namespace {
 
-// The iteration limit of the wrapped model.
-constexpr int MaxIterations = 200;
 const CancelText Aborted("Calculations of", "PC component aborted.");
 
 bool HasPresentValue(const NCDataVector<float>& v)
@@ -22,7 +21,7 @@ bool HasPresentValue(const NCDataVector<float>& v)
 PCA_CrossValidated::PCA_CrossValidated(const NCDataMatrix<float>& data, const NCDataMatrix<float>* reference,
                                        int groups, const IndexList* variableGroups, const NCDataVector<float>& centre,
                                        double tolerance, int earlierComponents)
-    : m_model(&data, MaxIterations), m_cv(&m_model, groups, nullptr, variableGroups),
+    : m_model(&data, NCNipals::DefaultMaxIterations), m_cv(&m_model, groups, nullptr, variableGroups),
       m_centred(HasPresentValue(centre)), m_tolerance(tolerance), m_earlier(earlierComponents)
 {
     const NCDataMatrix<float>& ref = reference ? *reference : data;

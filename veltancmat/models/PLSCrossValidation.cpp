@@ -8,6 +8,8 @@
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/containers/NCNipalsBatch.h"
 #include "veltancmat/models/NipalsStart.h"
+#include "veltancmat/models/PlsIteration.h"
+#include "veltancmat/models/SumsOfSquares.h"
 #include "veltancmat/platform/NCError.h"
 
 #include <algorithm>
@@ -15,17 +17,23 @@
 #include <memory>
 #include <cmath>
 #include <exception>
+#include <functional>
 #include <optional>
 #include <string>
+
+// A round leaves out one group of rows and fits the first component of a
+// PLS model on the rest.
+struct NCNipals::CrossValidationRound {
+    int index = 0;         // 1-based
+    std::vector<int> left; // in order
+    bool fitted = false;   // false when nothing is left out or nothing kept
+    bool done = false;
+    NCNipals::PlsFit fit;
+};
 
 namespace {
 
 const CancelText Aborted("Calculation of", "PLS component aborted.");
-
-double PresentSS(const NCDataVector<float>& v)
-{
-    return v.HasValidValues() ? v.GetSS() : 0.0;
-}
 
 // Makes m a rows x cols matrix of missing cells. The sets are rebuilt for
 // every component with the same shapes, and the residual matrix has a row
@@ -44,85 +52,39 @@ void ResetToMissing(NCDataMatrix<float>& m, int rows, int cols)
     m.RecountMissing();
 }
 
-} // namespace
+using Round = NCNipals::CrossValidationRound;
 
-// A round leaves out one group of rows and fits the first component of a
-// PLS model on the rest.
-struct PLSCrossValidation::Round {
-    int index = 0; // 1-based
-    std::vector<int> left; // in order
-    bool fitted = false; // false when nothing is left out or nothing kept
-    bool done = false;
-    NCPLS::Component fit; // w, p, c and the iterations
-    NCDataVector<float> tl; // scores of the left-out rows
-};
-
-// Fits the rounds in lockstep: each step of NIPALS is one pass over X (or
-// Y) for every round still iterating, through `x` (or `y`). A round's
-// vectors run over all the rows, a left-out row's score missing, so that
-// the column projections skip it; the row projections give the left-out
-// rows scores too, which are the round's predictions once it has
-// converged. A round whose weights fail the correlation guard stops there,
-// and once every round has stopped the error of the first of them is
-// thrown, as fitting the rounds one by one would have done. Each fitted
-// round takes the sign of the model's component and writes its row of the
-// score set.
-void PLSCrossValidation::FitRounds(const NCNipalsBatch& x, const NCNipalsBatch& y, std::span<Round> rounds,
-                                   const NCDataVector<float>* start, int maxIterations,
-                                   const NCDataVector<float>& scores, NCProgress* progress, bool strict,
-                                   const std::function<void()>& roundsDone)
+// The rows of 1..n that `left` (ascending) does not hold.
+std::vector<int> KeptRows(const std::vector<int>& left, int n)
 {
-    constexpr float Missing = NCDataMatrix<float>::MisVal;
-    const NCDataMatrix<float>& f = *m_model->GetYResiduals();
-    const int n = f.SizeRows(), m = f.SizeColumns();
-    struct Fit {
-        Round* round;
-        NCDataVector<float> u, previous, t; // t: without the left-out rows once they are set apart
-        std::vector<float> left;            // the left-out rows' scores
-        double ssX = 0.0;
-        std::exception_ptr failure; // the correlation error that stopped the round
-        // Makes the left-out rows of v missing.
-        void Keep(NCDataVector<float>& v) const
-        {
-            float* cells = v.GetVectorForWriting();
-            for (int i : round->left)
-                cells[i] = Missing;
-            v.RecountMissing();
-        }
-    };
-    std::vector<Fit> fits;
-    for (Round& round : rounds) {
-        // A group without members predicts nothing; one holding every row
-        // leaves nothing to fit on.
-        round.done = round.left.empty() || static_cast<int>(round.left.size()) >= n;
-        if (round.done)
-            continue;
-        Fit& fit = fits.emplace_back();
-        fit.round = &round;
+    std::vector<int> kept;
+    kept.reserve(static_cast<std::size_t>(n) - left.size());
+    for (int i = 1, s = 0; i <= n; ++i) {
+        if (s < static_cast<int>(left.size()) && left[static_cast<std::size_t>(s)] == i)
+            ++s;
+        else
+            kept.push_back(i);
     }
-    roundsDone();
-    if (fits.empty())
-        return;
+    return kept;
+}
 
-    // The start scores, from the kept rows of Y. A start weight vector gives
-    // a row the same X score in every round, so that is projected once.
+// Each round's sum of squares of X and its start Y scores, from its kept
+// rows of Y, spread over all the rows (missing at the left-out ones). A
+// start weight vector gives a row the same X score in every round, so that
+// is projected once.
+void StartRounds(const NCNipalsBatch& x, const NCDataMatrix<float>& f, std::span<Round* const> rounds,
+                 const NCDataVector<float>* start)
+{
+    const int n = f.SizeRows(), m = f.SizeColumns();
     NCDataVector<float> startScores;
     if (start && m > 1)
         x.Rows(std::span<const NCDataVector<float>* const>(&start, 1),
                std::span<NCDataVector<float>* const>(std::array{&startScores}));
-    for (Fit& fit : fits) {
-        const Round& round = *fit.round;
-        std::vector<int> kept;
-        kept.reserve(static_cast<std::size_t>(n) - round.left.size());
-        for (int i = 1, s = 0; i <= n; ++i) {
-            if (s < static_cast<int>(round.left.size()) && round.left[static_cast<std::size_t>(s)] == i)
-                ++s;
-            else
-                kept.push_back(i);
-        }
+    for (Round* round : rounds) {
+        const std::vector<int> kept = KeptRows(round->left, n);
         for (int i : kept)
-            fit.ssX += x.RowSS(i);
-        const IndexList keptRows(kept.data(), static_cast<int>(kept.size()));
+            round->fit.ssX += x.RowSS(i);
+        const PLSCrossValidation::IndexList keptRows(kept.data(), static_cast<int>(kept.size()));
         const NCDataMatrixRows<float> fKept(f, keptRows);
         NCDataVector<float> u;
         if (start && m > 1) {
@@ -134,109 +96,76 @@ void PLSCrossValidation::FitRounds(const NCNipalsBatch& x, const NCNipalsBatch& 
         } else {
             u = NCNipals::FilledStartColumn(fKept);
         }
-        fit.u = NCDataVector<float>(n, Missing);
-        float* all = fit.u.GetVectorForWriting();
+        round->fit.u = NCDataVector<float>(n, NCMisVal<float>);
+        float* all = round->fit.u.GetVectorForWriting();
         for (std::size_t s = 0; s < kept.size(); ++s)
             all[kept[s]] = u[static_cast<int>(s) + 1];
-        fit.u.RecountMissing();
+        round->fit.u.RecountMissing();
     }
+}
 
-    std::vector<Fit*> active;
-    for (Fit& fit : fits)
-        active.push_back(&fit);
-    std::vector<const NCDataVector<float>*> in;
-    std::vector<NCDataVector<float>*> out;
-    const auto step = [&](const NCNipalsBatch& batch, bool columns, auto from, auto to) {
-        in.clear();
-        out.clear();
-        for (Fit* fit : active) {
-            in.push_back(&from(*fit));
-            out.push_back(&to(*fit));
-        }
-        columns ? batch.Columns(in, out) : batch.Rows(in, out);
-    };
-    // The rounds' own arithmetic between the passes (a few vectors of N)
-    // is shared out too: on one thread it left the others waiting for a
-    // third of the time. It allocates nothing, and the one error it can
-    // meet is kept for later, so nothing is thrown out of the team.
-    for (Fit& fit : fits)
-        fit.left.resize(fit.round->left.size());
-    const auto eachFit = [&](auto&& body) {
-        const int count = static_cast<int>(active.size());
-#pragma omp parallel for schedule(static) if (count > 1 && n >= 1000)
-        for (int a = 0; a < count; ++a)
-            body(*active[static_cast<std::size_t>(a)]);
-    };
-    for (int iteration = 1; !active.empty(); ++iteration) {
-        step(x, true, [](Fit& fit) -> NCDataVector<float>& { return fit.u; },
-             [](Fit& fit) -> NCDataVector<float>& { return fit.round->fit.w; });
-        eachFit([&](Fit& fit) {
-            if (strict) {
-                try {
-                    NCPLS::CheckCorrelation(fit.u, fit.round->fit.w, fit.ssX, x.SizeColumns(), 1);
-                } catch (...) {
-                    fit.failure = std::current_exception();
-                    return;
-                }
-            }
-            fit.round->fit.w.Normalize();
-        });
-        std::erase_if(active, [](const Fit* fit) { return fit->failure != nullptr; });
-        step(x, false, [](Fit& fit) -> NCDataVector<float>& { return fit.round->fit.w; },
-             [](Fit& fit) -> NCDataVector<float>& { return fit.t; });
-        // The left-out rows' scores are set apart (they are the round's
-        // predictions if it stops here); the rest go on to Y.
-        eachFit([&](Fit& fit) {
-            for (std::size_t s = 0; s < fit.left.size(); ++s)
-                fit.left[s] = fit.t[fit.round->left[s]];
-            fit.Keep(fit.t);
-            std::swap(fit.u, fit.previous);
-        });
-        step(y, true, [](Fit& fit) -> NCDataVector<float>& { return fit.t; },
-             [](Fit& fit) -> NCDataVector<float>& { return fit.round->fit.c; });
-        step(y, false, [](Fit& fit) -> NCDataVector<float>& { return fit.round->fit.c; },
-             [](Fit& fit) -> NCDataVector<float>& { return fit.u; });
-        eachFit([&](Fit& fit) {
-            fit.Keep(fit.u);
-            const float v = NCPLS::Movement(fit.u, fit.previous, m == 1);
-            fit.round->fit.iterations = v > 0.0f && iteration < maxIterations ? 0 : iteration;
-        });
-        std::erase_if(active, [](const Fit* fit) { return fit->round->fit.iterations > 0; });
-        CheckBreak(progress, Aborted);
+// A fitted round takes the sign of the model's component, so that the sets
+// can be compared round by round, and writes its scores into its row of
+// the score set.
+void FinishRound(Round& round, const NCDataVector<float>& scores, float* scoreSetRow)
+{
+    NCNipals::PlsFit& fit = round.fit;
+    const int n = fit.t.Size();
+    const float* t = fit.t.GetVector();
+    double dot = 0.0;
+    for (int i = 1; i <= n; ++i)
+        dot += IsMisVal(t[i]) || IsMisVal(scores[i]) ? 0.0 : static_cast<double>(t[i]) * scores[i];
+    if (dot < 0.0) {
+        for (NCDataVector<float>* v : {&fit.w, &fit.p, &fit.c, &fit.t})
+            *v *= -1.0;
+        for (float& score : fit.leftScores)
+            score = IsMisVal(score) ? score : -score;
     }
-    for (const Fit& fit : fits)
-        if (fit.failure)
-            std::rethrow_exception(fit.failure);
+    std::copy_n(fit.t.GetVector() + 1, n, scoreSetRow + 1);
+    round.fitted = round.done = true;
+}
 
-    // Loadings from the final scores of the kept rows.
-    active.clear();
-    for (Fit& fit : fits)
-        active.push_back(&fit);
-    step(x, true, [](Fit& fit) -> NCDataVector<float>& { return fit.t; },
-         [](Fit& fit) -> NCDataVector<float>& { return fit.round->fit.p; });
-
-    const std::vector<float*> roundScores = m_tset.GetMatrixAsPointerPointer();
-    for (Fit& fit : fits) {
-        Round& round = *fit.round;
-        NCPLS::Component& c = round.fit;
-        // The round's component takes the sign of the model's, so that the
-        // sets can be compared round by round.
-        const float* t = fit.t.GetVector();
-        double dot = 0.0;
-        for (int i = 1; i <= n; ++i)
-            dot += IsMisVal(t[i]) || IsMisVal(scores[i]) ? 0.0 : static_cast<double>(t[i]) * scores[i];
-        round.tl = NCDataVector<float>(static_cast<int>(fit.left.size()));
-        std::copy(fit.left.begin(), fit.left.end(), round.tl.GetVectorForWriting() + 1);
-        round.tl.RecountMissing();
-        if (dot < 0.0) {
-            for (NCDataVector<float>* v : {&c.w, &c.p, &c.c, &fit.t, &round.tl})
-                *v *= -1.0;
-        }
-        std::copy_n(fit.t.GetVector() + 1, n, roundScores[static_cast<std::size_t>(round.index)] + 1);
-        round.fitted = round.done = true;
+// Fits a batch of rounds in lockstep: each step of NIPALS is one pass over X
+// (or Y) for every round still iterating. A round's vectors run over all
+// the rows, a left-out row's score missing, so that the column projections
+// skip it; the row projections give the left-out rows scores too, which are
+// the round's predictions once it has converged. A round whose weights fail
+// the correlation guard stops there, and once every round has stopped the
+// error of the first of them is thrown, as fitting the rounds one by one
+// would have done. roundsDone is called whenever rounds have been settled.
+void FitRounds(const NCNipalsBatch& x, const NCNipalsBatch& y, std::span<Round> rounds,
+               const NCDataVector<float>* start, int maxIterations, const NCDataVector<float>& scores,
+               NCProgress* progress, bool strict, const NCDataMatrix<float>& f, NCDataMatrix<float>& scoreSet,
+               const std::function<void()>& roundsDone)
+{
+    const int n = f.SizeRows();
+    std::vector<Round*> fitting;
+    std::vector<NCNipals::PlsFit*> fits;
+    for (Round& round : rounds) {
+        // A group without members predicts nothing; one holding every row
+        // leaves nothing to fit on.
+        round.done = round.left.empty() || static_cast<int>(round.left.size()) >= n;
+        if (round.done)
+            continue;
+        round.fit.left = round.left;
+        fitting.push_back(&round);
+        fits.push_back(&round.fit);
     }
     roundsDone();
+    if (fits.empty())
+        return;
+    StartRounds(x, f, fitting, start);
+    const NCNipals::BatchProjector pass(x, y);
+    NCNipals::IteratePls(pass, fits, f.SizeColumns(), maxIterations, strict, 1,
+                         [&](int, std::span<NCNipals::PlsFit* const>) { CheckBreak(progress, Aborted); });
+    NCNipals::PlsLoadings(pass, fits);
+    const std::vector<float*> scoreRows = scoreSet.GetMatrixAsPointerPointer();
+    for (Round* round : fitting)
+        FinishRound(*round, scores, scoreRows[static_cast<std::size_t>(round->index)]);
+    roundsDone();
 }
+
+} // namespace
 
 PLSCrossValidation::PLSCrossValidation(NCPLS* model, int groups, const IndexList* observationGroups)
     : m_model(model), m_groups(groups)
@@ -273,7 +202,7 @@ void PLSCrossValidation::Init(const IndexList* observationGroups)
     NCCrossValidation::CheckGroupLabels(m_obsGroups, m_groups);
     m_ssYOriginal = NCDataVector<float>(m);
     for (int j = 1; j <= m; ++j)
-        m_ssYOriginal(j, static_cast<float>(PresentSS(f.GetColumn(j))));
+        m_ssYOriginal(j, static_cast<float>(NCNipals::PresentSS(f.GetColumn(j))));
     m_ssY = m_ssYOriginal;
     m_q2YVar = NCDataVector<float>(m, 0.0f);
 }
@@ -289,7 +218,7 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
         throw NCInternalError("PLSCrossValidation::NextComponent");
 
     for (int j = 1; j <= m; ++j)
-        m_ssY(j, static_cast<float>(PresentSS(f.GetColumn(j))));
+        m_ssY(j, static_cast<float>(NCNipals::PresentSS(f.GetColumn(j))));
     ResetToMissing(m_wset, m_groups, k);
     ResetToMissing(m_pset, m_groups, k);
     ResetToMissing(m_cset, m_groups, m);
@@ -300,7 +229,6 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
         m_yPredResiduals = NCDataMatrix<float>(n, m, NCDataMatrix<float>::MisVal);
     if (m_tpred.Size() != n)
         m_tpred = NCDataVector<float>(n, NCDataMatrix<float>::MisVal);
-    std::vector<double> ss(static_cast<std::size_t>(m) + 1, 0.0), press(static_cast<std::size_t>(m) + 1, 0.0);
 
     // Round r leaves out the rows labelled r mod G.
     std::vector<Round> rounds(static_cast<std::size_t>(m_groups));
@@ -328,52 +256,59 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
         }
     };
     const NCNipalsBatch xBatch(e), yBatch(f);
-    for (int first = 0; first < m_groups; first += NCNipalsBatch::MaxVectors)
-        FitRounds(xBatch, yBatch, std::span(rounds).subspan(static_cast<std::size_t>(first),
-                                                      static_cast<std::size_t>(std::min(NCNipalsBatch::MaxVectors,
-                                                                                        m_groups - first))),
-                  start, maxIterations, scores, progress, strict, announce);
-
-    m_roundCells = 0;
-    float* tpred = m_tpred.GetVectorForWriting();
-    const std::vector<float*> predicted = m_yPredResiduals.GetMatrixAsPointerPointer();
-    for (int r = 1; r <= m_groups; ++r) {
-        const Round& round = rounds[static_cast<std::size_t>(r - 1)];
-        if (!round.fitted) {
-            for (int i : round.left) {
-                tpred[i] = NCDataMatrix<float>::MisVal;
-                std::fill_n(predicted[static_cast<std::size_t>(i)] + 1, m, NCDataMatrix<float>::MisVal);
-            }
-            continue;
-        }
-        const NCPLS::Component& fit = round.fit;
-        const long long kept = static_cast<long long>(n) - static_cast<long long>(round.left.size());
-        m_roundCells += (2LL * fit.iterations + 2) * kept * k + static_cast<long long>(round.left.size()) * k;
-        m_wset.SetRow(r, fit.w);
-        m_pset.SetRow(r, fit.p);
-        m_cset.SetRow(r, fit.c);
-
-        // The left-out rows' Y residuals are predicted from their scores.
-        const float* c = fit.c.GetVector();
-        for (std::size_t s = 0; s < round.left.size(); ++s) {
-            const int i = round.left[s];
-            const float ti = round.tl[static_cast<int>(s) + 1];
-            const float* y = f[i].GetVector();
-            float* out = predicted[static_cast<std::size_t>(i)];
-            tpred[i] = ti;
-            for (int j = 1; j <= m; ++j) {
-                const bool present = !IsMisVal(ti) && !IsMisVal(y[j]) && !IsMisVal(c[j]);
-                const float residual = y[j] - ti * c[j];
-                out[j] = present ? residual : NCDataMatrix<float>::MisVal;
-                ss[static_cast<std::size_t>(j)] += present ? static_cast<double>(y[j]) * y[j] : 0.0;
-                press[static_cast<std::size_t>(j)] += present ? static_cast<double>(residual) * residual : 0.0;
-            }
-        }
+    for (int first = 0; first < m_groups; first += NCNipalsBatch::MaxVectors) {
+        const int count = std::min(NCNipalsBatch::MaxVectors, m_groups - first);
+        FitRounds(xBatch, yBatch, std::span(rounds).subspan(static_cast<std::size_t>(first), static_cast<std::size_t>(count)),
+                  start, maxIterations, scores, progress, strict, f, m_tset, announce);
     }
-    m_tpred.RecountMissing();
     m_tset.RecountMissing();
+
+    std::vector<double> ss(static_cast<std::size_t>(m) + 1, 0.0), press(static_cast<std::size_t>(m) + 1, 0.0);
+    m_roundCells = 0;
+    for (const Round& round : rounds)
+        PredictLeftOut(round, ss, press);
+    m_tpred.RecountMissing();
     m_yPredResiduals.RecountMissing();
     NCCrossValidation::UpdateQ2(ss, press, m_ssYOriginal, m_q2YVar, m_q2YVarCum, m_q2, m_q2Cum);
+}
+
+// The left-out rows' Y residuals predicted from their scores, with the
+// round's sets and the sums of Q2; a round that fitted nothing predicts nothing.
+void PLSCrossValidation::PredictLeftOut(const Round& round, std::vector<double>& ss, std::vector<double>& press)
+{
+    const NCDataMatrix<float>& f = *m_model->GetYResiduals();
+    const int n = f.SizeRows(), k = m_model->GetXResiduals()->SizeColumns(), m = f.SizeColumns();
+    float* tpred = m_tpred.GetVectorForWriting();
+    const std::vector<float*> predicted = m_yPredResiduals.GetMatrixAsPointerPointer();
+    if (!round.fitted) {
+        for (int i : round.left) {
+            tpred[i] = NCDataMatrix<float>::MisVal;
+            std::fill_n(predicted[static_cast<std::size_t>(i)] + 1, m, NCDataMatrix<float>::MisVal);
+        }
+        return;
+    }
+    const NCNipals::PlsFit& fit = round.fit;
+    const long long kept = static_cast<long long>(n) - static_cast<long long>(round.left.size());
+    m_roundCells += (2LL * fit.iterations + 2) * kept * k + static_cast<long long>(round.left.size()) * k;
+    m_wset.SetRow(round.index, fit.w);
+    m_pset.SetRow(round.index, fit.p);
+    m_cset.SetRow(round.index, fit.c);
+
+    const float* c = fit.c.GetVector();
+    for (std::size_t s = 0; s < round.left.size(); ++s) {
+        const int i = round.left[s];
+        const float ti = fit.leftScores[s];
+        const float* y = f[i].GetVector();
+        float* out = predicted[static_cast<std::size_t>(i)];
+        tpred[i] = ti;
+        for (int j = 1; j <= m; ++j) {
+            const bool present = !IsMisVal(ti) && !IsMisVal(y[j]) && !IsMisVal(c[j]);
+            const float residual = y[j] - ti * c[j];
+            out[j] = present ? residual : NCDataMatrix<float>::MisVal;
+            ss[static_cast<std::size_t>(j)] += present ? static_cast<double>(y[j]) * y[j] : 0.0;
+            press[static_cast<std::size_t>(j)] += present ? static_cast<double>(residual) * residual : 0.0;
+        }
+    }
 }
 
 float PLSCrossValidation::GetQ2Lim() const

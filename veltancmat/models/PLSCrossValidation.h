@@ -8,11 +8,11 @@
 #include "veltancmat/platform/Export.h"
 #include "veltancmat/platform/NCProgress.h"
 
-#include <functional>
-#include <span>
 #include <vector>
 
-class NCNipalsBatch;
+namespace NCNipals {
+struct CrossValidationRound;
+}
 
 // Cross-validation of the components of an NCPLS, one component per call.
 //
@@ -27,7 +27,7 @@ class NCNipalsBatch;
 //
 //   pls.NextComponent(progress, nullptr, false, true);
 //   const int a = pls.GetComponents();
-//   cv.NextComponent(nullptr, 200, (*pls.GetTprim())[a], progress, true);
+//   cv.NextComponent(nullptr, pls.GetMaxIterations(), (*pls.GetTprim())[a], progress, true);
 //   pls.CalculateResiduals();
 class VELTANCMAT_API PLSCrossValidation {
 public:
@@ -103,11 +103,11 @@ public:
                                                        const NCDataVector<float>& q2Responses, float q2Limit);
 
 private:
-    struct Round;
     void Init(const IndexList* observationGroups);
-    void FitRounds(const NCNipalsBatch& x, const NCNipalsBatch& y, std::span<Round> rounds, const NCDataVector<float>* start,
-                   int maxIterations, const NCDataVector<float>& scores, NCProgress* progress, bool strict,
-                   const std::function<void()>& roundsDone);
+    // Writes the predictions of the rows `round` left out, its rows of the
+    // sets, and its terms of the sums of Q2 (per response, 1-based).
+    void PredictLeftOut(const NCNipals::CrossValidationRound& round, std::vector<double>& ss,
+                        std::vector<double>& press);
 
     NCPLS* m_model;
     int m_groups;

@@ -4,56 +4,30 @@
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/models/NCPLS.h"
 #include "veltancmat/models/NCPLSPred.h"
-#include "veltancmat/models/PLSCrossValidation.h"
+#include "veltancmat/models/PLS_CrossValidated.h"
 #include "veltancmat/models/SignificanceE.h"
 #include "veltancmat/platform/NCError.h"
-
-#include <vector>
 
 namespace {
 
 const CancelText Aborted("Computations aborted.");
 constexpr int Groups = 7;
-constexpr int MaxIterations = 200;
 
-double PresentSS(const NCDataVector<float>& v)
+// Adds components to `model` while the rule calls them significant and
+// returns how many it did; the model holds one more (the first that
+// failed) or, after a correlation failure, exactly these. The bar shows
+// the share of Y explained so far.
+int SignificantComponents(PLS_CrossValidated& model, NCProgress* progress)
 {
-    return v.HasValidValues() ? v.GetSS() : 0.0;
-}
-
-// The X-Y correlation guard of NCPLS: the data offer no further component.
-bool NoCorrelation(const NCError& error)
-{
-    return error.GetLevel() == NCError::Warning && !dynamic_cast<const NCInternalError*>(&error);
-}
-
-// The number of leading components of `pls` that the rule keeps; the model
-// holds one more (the first that failed) or, after a correlation failure,
-// exactly these.
-int SignificantComponents(NCPLS& pls, NCProgress* progress)
-{
-    const NCDataMatrix<float>& f = *pls.GetYResiduals();
-    const int n = f.SizeRows(), k = pls.GetXResiduals()->SizeColumns(), m = f.SizeColumns();
-    PLSCrossValidation cv(&pls, Groups, nullptr);
-
-    std::vector<double> ss0(static_cast<std::size_t>(m) + 1, 0.0);
-    double ss0Total = 0.0;
-    for (int j = 1; j <= m; ++j) {
-        ss0[static_cast<std::size_t>(j)] = PresentSS(f.GetColumn(j));
-        ss0Total += ss0[static_cast<std::size_t>(j)];
-    }
-
-    double previous = ss0Total, done = 0.0;
-    int kept = 0;
-    NCDataVector<float> r2Responses(m, 0.0f);
+    float done = 0.0f;
     for (;;) {
+        SignificanceE::Significance verdict = SignificanceE::NA;
         try {
-            pls.NextComponent(nullptr, nullptr, false, true);
             // The rounds show their captions while the bar stands still,
             // and a break inside them reads as this function's own.
-            ProgressSubRange rounds(progress, static_cast<float>(done), static_cast<float>(done), Aborted);
+            ProgressSubRange still(progress, done, done, Aborted);
             try {
-                cv.NextComponent(nullptr, MaxIterations, pls.GetTprim()->back(), progress, true);
+                verdict = model.NextComponent(progress);
             } catch (const CancelException&) {
                 Aborted.Throw();
             }
@@ -61,31 +35,16 @@ int SignificantComponents(NCPLS& pls, NCProgress* progress)
             // A model whose residuals carry no more information about Y
             // keeps what it has; without any component there is nothing to
             // fill and the failure is the caller's to see.
-            if (kept == 0 || !NoCorrelation(error))
+            if (model.GetComponents() == 0 || !NCPLS::IsNoCorrelation(error))
                 throw;
-            return kept;
+            return model.GetComponents();
         }
-        pls.CalculateResiduals();
         CheckBreak(progress, Aborted);
-
-        const int a = pls.GetComponents();
-        double ss = 0.0;
-        for (int j = 1; j <= m; ++j) {
-            const double ssj = PresentSS(f.GetColumn(j));
-            const double s0 = ss0[static_cast<std::size_t>(j)];
-            ss += ssj;
-            r2Responses(j, s0 > 0.0 ? static_cast<float>((s0 - ssj) / s0) : 0.0f);
-        }
-        const float r2 = ss0Total > 0.0 ? static_cast<float>((previous - ss) / ss0Total) : 0.0f;
-        done = ss0Total > 0.0 ? (ss0Total - ss) / ss0Total : 0.0;
-        CheckedSetValue(progress, static_cast<float>(done), Aborted);
-
-        const SignificanceE::Significance verdict = PLSCrossValidation::GetSignificance(
-            n, k, m, a - 1, r2, r2Responses, cv.GetQ2Tot(), cv.GetQ2YVar(), cv.GetQ2Lim());
+        const float explained = model.GetRecords().back().r2yCum;
+        done = IsMisVal(explained) ? 0.0f : explained;
+        CheckedSetValue(progress, done, Aborted);
         if (!SignificanceE::IsSignificant(verdict))
-            return kept;
-        kept = a;
-        previous = ss;
+            return model.GetComponents();
     }
 }
 
@@ -94,11 +53,12 @@ void FillResponses(const NCDataMatrix<float>& x, NCDataMatrix<float>& y, NCProgr
     // Without gaps there is nothing to estimate, and no model to fit.
     if (!y.HasMissingValues())
         return;
-    NCPLS pls(&x, &y, MaxIterations);
-    const int a = SignificantComponents(pls, progress);
+    PLS_CrossValidated model(x, y, Groups, nullptr);
+    const int a = SignificantComponents(model, progress);
     if (a == 0)
         return;
 
+    const NCPLS& pls = model.GetModel();
     const int k = x.SizeColumns(), m = y.SizeColumns();
     // Every row of the training data is scored from its present values,
     // as long as it has at least one per component.
