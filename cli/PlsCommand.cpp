@@ -11,7 +11,6 @@
 #include "cli/SvgPlot.h"
 #include "cli/ToolError.h"
 
-#include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/models/PLS_CrossValidated.h"
