@@ -151,8 +151,8 @@ PlotFigure ComponentPlane(const std::string& what, char letter, const NCDataMatr
     points.labels = names;
     const bool plane = fit.kept >= 2;
     for (int i = 1; i <= prim.SizeColumns(); ++i) {
-        points.x.push_back(plane ? static_cast<double>(prim[1][i]) : i);
-        points.y.push_back(static_cast<double>(prim[plane ? 2 : 1][i]));
+        points.x.push_back(plane ? PlotCoordinate(prim[1][i]) : i);
+        points.y.push_back(PlotCoordinate(prim[plane ? 2 : 1][i]));
     }
     panel.series.push_back(std::move(points));
     panel.xTitle = plane ? ComponentAxis(letter, 1, fit) : indexTitle;

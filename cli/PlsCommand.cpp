@@ -384,7 +384,6 @@ PlotFigure PredictionPlot(const PlsData& data, const PlsFit& fit)
     PlotFigure figure;
     figure.title = "PLS of " + std::filesystem::path(data.x.source).filename().string() + ": observed against " +
                    "cross-validated predictions, " + Plural(fit.kept, "component");
-    const auto value = [](float v) { return IsMisVal(v) ? std::nan("") : static_cast<double>(v); };
     for (int j = 1; j <= data.y.Variables(); ++j) {
         PlotPanel panel;
         panel.title = data.y.variables[static_cast<std::size_t>(j - 1)];
@@ -394,8 +393,8 @@ PlotFigure PredictionPlot(const PlsData& data, const PlsFit& fit)
         PlotSeries points{PlotSeries::Kind::Points, "observations", {}, {}, data.x.observations};
         double low = std::numeric_limits<double>::infinity(), high = -low;
         for (int i = 1; i <= data.y.Observations(); ++i) {
-            points.x.push_back(value(fit.cvPredicted[i][j]));
-            points.y.push_back(value(data.y.values[i][j]));
+            points.x.push_back(PlotCoordinate(fit.cvPredicted[i][j]));
+            points.y.push_back(PlotCoordinate(data.y.values[i][j]));
             for (const double v : {points.x.back(), points.y.back()})
                 if (std::isfinite(v)) {
                     low = std::min(low, v);

@@ -2,6 +2,7 @@
 
 #include "veltancmat/containers/frame/MissingValue.h"
 
+#include <cmath>
 #include <cstdio>
 
 namespace veltan_cli {
@@ -17,6 +18,8 @@ std::string Cell(float v, int width)
         std::snprintf(buffer, sizeof buffer, "%*.3f", width, static_cast<double>(v));
     return buffer;
 }
+
+double PlotCoordinate(float v) { return IsMisVal(v) ? std::nan("") : static_cast<double>(v); }
 
 std::vector<std::string> Numbered(const char* prefix, int n)
 {

@@ -17,6 +17,10 @@ std::string Plural(int n, const char* word);
 // has no value (-99).
 std::string Cell(float v, int width);
 
+// A value as a plot coordinate: NaN, which a plot leaves out, where the
+// library has none.
+double PlotCoordinate(float v);
+
 // prefix1 ... prefixN, the column names of component tables.
 std::vector<std::string> Numbered(const char* prefix, int n);
 

@@ -192,6 +192,20 @@ TEST(VeltanPlot, PcaScoreAndLoadingPlotsMarkEveryObservationAndVariable)
     EXPECT_EQ(doc["files"]["plot"], dir.File("t2.svg"));
 }
 
+// An observation without any value has no scores: it gets no mark, rather
+// than one at the missing marker's coordinates.
+TEST(VeltanPlot, ObservationsWithoutScoresAreLeftOut)
+{
+    TempDir dir;
+    WriteFile(dir.File("d.csv"), "name,a,b,c,d\nr1,1,2,3,4\nr2,2,1,4,3\nr3,NA,NA,NA,NA\nr4,4,5,2,1\nr5,2,2,2,5\n"
+                                 "r6,5,3,1,2\nr7,3,4,4,4\n");
+    Veltan(dir, {"pca", dir.File("d.csv"), "--components", "2", "--plot", dir.File("t.svg")});
+    const XmlDocument doc = ParseXml(ReadFile(dir.File("t.svg")));
+    ASSERT_EQ(doc.fault, "");
+    EXPECT_EQ(ElementsOfClass(doc, "circle", "point").size(), 6u);
+    EXPECT_THAT(LabelTexts(doc), testing::Not(testing::Contains("r3")));
+}
+
 TEST(VeltanPlot, OneComponentIsDrawnAgainstTheObservationIndex)
 {
     TempDir dir;
