@@ -40,7 +40,14 @@ bool ModelFileRecord::QvStreamableStartRead(std::istream& in)
 {
     return NCStreamRecord::StartRead(
         in, m_streaming, m_header, m_version, [&] { return QvStreamBase::QvStreamableStartRead(in); },
-        [&] { return Read(in); });
+        [&] {
+            // A record cut short throws from deep inside a part's reader.
+            try {
+                return Read(in);
+            } catch (const QvStreamError&) {
+                return false;
+            }
+        });
 }
 
 void ModelFileRecord::QvStreamableReset() const

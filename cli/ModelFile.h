@@ -45,7 +45,8 @@ private:
     virtual bool Write(std::ostream& out) const = 0;
     // Reads into fresh objects and keeps them only when the whole record
     // agrees with itself, so a damaged file never yields a half-loaded
-    // model; false for a damaged or inconsistent record.
+    // model; false for a damaged or inconsistent record (a QvStreamError
+    // counts as damage).
     virtual bool Read(std::istream& in) = 0;
     // Resets the streamable objects the record holds.
     virtual void ResetParts() const = 0;

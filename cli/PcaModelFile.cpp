@@ -10,8 +10,6 @@ QvStreamableData PcaModelFile::MyStreamableData(FileVersion, "VeltanPCAModel");
 
 PcaModelFile::PcaModelFile() : ModelFileRecord(MyStreamableData, FileVersion) {}
 
-PcaModelFile::~PcaModelFile() = default;
-
 void PcaModelFile::ResetParts() const
 {
     ResetBlock(transform, scale);
@@ -29,31 +27,27 @@ bool PcaModelFile::Write(std::ostream& out) const
 
 bool PcaModelFile::Read(std::istream& in)
 {
-    try {
-        InputStreamDirectory directory(in);
-        std::vector<std::string> readNames;
-        std::unique_ptr<NCTransform> readTransform;
-        NCScale readScale;
-        NCPCA readPca;
-        std::int32_t kept = 0, fitted = 0;
-        if (!ReadBlock(directory, 0, readNames, readTransform, readScale) ||
-            !(directory.GetRequiredInput(3) >> readPca) || !ReadCounts(directory, 4, kept, fitted) ||
-            !directory.Close())
-            return false;
-        const NCDataMatrix<float>& pprim = *readPca.GetPprim();
-        if (!BlockFits(readNames, readTransform, readScale) ||
-            pprim.SizeColumns() != static_cast<int>(readNames.size()) || kept != pprim.SizeRows())
-            return false;
-        variables = std::move(readNames);
-        transform = std::move(readTransform);
-        scale = readScale;
-        pca = readPca;
-        components = kept;
-        observations = fitted;
-        return in.good();
-    } catch (const QvStreamError&) {
+    InputStreamDirectory directory(in);
+    std::vector<std::string> readNames;
+    std::unique_ptr<NCTransform> readTransform;
+    NCScale readScale;
+    NCPCA readPca;
+    std::int32_t kept = 0, fitted = 0;
+    if (!ReadBlock(directory, 0, readNames, readTransform, readScale) ||
+        !(directory.GetRequiredInput(3) >> readPca) || !ReadCounts(directory, 4, kept, fitted) ||
+        !directory.Close())
         return false;
-    }
+    const NCDataMatrix<float>& pprim = *readPca.GetPprim();
+    if (!BlockFits(readNames, readTransform, readScale) ||
+        pprim.SizeColumns() != static_cast<int>(readNames.size()) || kept != pprim.SizeRows())
+        return false;
+    variables = std::move(readNames);
+    transform = std::move(readTransform);
+    scale = readScale;
+    pca = readPca;
+    components = kept;
+    observations = fitted;
+    return in.good();
 }
 
 void WriteModel(const PcaModelFile& model, std::ostream& out, const std::string& path)

@@ -27,7 +27,6 @@ namespace veltan_cli {
 class PcaModelFile : public ModelFileRecord {
 public:
     PcaModelFile();
-    ~PcaModelFile() override;
 
     std::vector<std::string> variables;
     std::unique_ptr<NCTransform> transform; // null: no variable is transformed

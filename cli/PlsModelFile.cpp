@@ -10,8 +10,6 @@ QvStreamableData PlsModelFile::MyStreamableData(FileVersion, "VeltanPLSModel");
 
 PlsModelFile::PlsModelFile() : ModelFileRecord(MyStreamableData, FileVersion) {}
 
-PlsModelFile::~PlsModelFile() = default;
-
 void PlsModelFile::ResetParts() const
 {
     ResetBlock(transform, scale);
@@ -46,35 +44,31 @@ bool ModelFits(const NCPLS& pls, int kept, int k, int m)
 
 bool PlsModelFile::Read(std::istream& in)
 {
-    try {
-        InputStreamDirectory directory(in);
-        std::vector<std::string> readVariables, readResponses;
-        std::unique_ptr<NCTransform> readTransform, readYTransform;
-        NCScale readScale, readYScale;
-        NCPLS readPls;
-        std::int32_t kept = 0, fitted = 0;
-        if (!ReadBlock(directory, 0, readVariables, readTransform, readScale) ||
-            !ReadBlock(directory, 3, readResponses, readYTransform, readYScale) ||
-            !(directory.GetRequiredInput(6) >> readPls) || !ReadCounts(directory, 7, kept, fitted) ||
-            !directory.Close())
-            return false;
-        if (!BlockFits(readVariables, readTransform, readScale) ||
-            !BlockFits(readResponses, readYTransform, readYScale) ||
-            !ModelFits(readPls, kept, static_cast<int>(readVariables.size()), static_cast<int>(readResponses.size())))
-            return false;
-        variables = std::move(readVariables);
-        transform = std::move(readTransform);
-        scale = readScale;
-        responses = std::move(readResponses);
-        yTransform = std::move(readYTransform);
-        yScale = readYScale;
-        pls = readPls;
-        components = kept;
-        observations = fitted;
-        return in.good();
-    } catch (const QvStreamError&) {
+    InputStreamDirectory directory(in);
+    std::vector<std::string> readVariables, readResponses;
+    std::unique_ptr<NCTransform> readTransform, readYTransform;
+    NCScale readScale, readYScale;
+    NCPLS readPls;
+    std::int32_t kept = 0, fitted = 0;
+    if (!ReadBlock(directory, 0, readVariables, readTransform, readScale) ||
+        !ReadBlock(directory, 3, readResponses, readYTransform, readYScale) ||
+        !(directory.GetRequiredInput(6) >> readPls) || !ReadCounts(directory, 7, kept, fitted) ||
+        !directory.Close())
         return false;
-    }
+    if (!BlockFits(readVariables, readTransform, readScale) ||
+        !BlockFits(readResponses, readYTransform, readYScale) ||
+        !ModelFits(readPls, kept, static_cast<int>(readVariables.size()), static_cast<int>(readResponses.size())))
+        return false;
+    variables = std::move(readVariables);
+    transform = std::move(readTransform);
+    scale = readScale;
+    responses = std::move(readResponses);
+    yTransform = std::move(readYTransform);
+    yScale = readYScale;
+    pls = readPls;
+    components = kept;
+    observations = fitted;
+    return in.good();
 }
 
 std::unique_ptr<PlsModelFile> LoadPlsModel(const std::string& path)

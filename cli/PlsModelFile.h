@@ -27,7 +27,6 @@ namespace veltan_cli {
 class PlsModelFile : public ModelFileRecord {
 public:
     PlsModelFile();
-    ~PlsModelFile() override;
 
     std::vector<std::string> variables;      // X
     std::unique_ptr<NCTransform> transform;  // X; null: none transformed
