@@ -82,6 +82,13 @@ bool ModelFileRecord::ReadCounts(InputStreamDirectory& directory, unsigned short
     return fitted >= 0;
 }
 
+bool ModelFileRecord::KeepCounts(std::int32_t kept, std::int32_t fitted, const std::istream& in)
+{
+    components = kept;
+    observations = fitted;
+    return in.good();
+}
+
 bool WriteBlock(OutputStreamDirectory& directory, unsigned short first, const std::vector<std::string>& names,
                 const std::unique_ptr<NCTransform>& transform, const NCScale& scale)
 {

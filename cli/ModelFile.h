@@ -40,6 +40,9 @@ protected:
     // False for a negative observation count.
     static bool ReadCounts(InputStreamDirectory& directory, unsigned short index, std::int32_t& kept,
                            std::int32_t& fitted);
+    // Takes the counts read once the whole record has been; whether the
+    // stream is still good.
+    bool KeepCounts(std::int32_t kept, std::int32_t fitted, const std::istream& in);
 
 private:
     virtual bool Write(std::ostream& out) const = 0;

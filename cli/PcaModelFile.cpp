@@ -45,9 +45,7 @@ bool PcaModelFile::Read(std::istream& in)
     transform = std::move(readTransform);
     scale = readScale;
     pca = readPca;
-    components = kept;
-    observations = fitted;
-    return in.good();
+    return KeepCounts(kept, fitted, in);
 }
 
 void WriteModel(const PcaModelFile& model, std::ostream& out, const std::string& path)

@@ -66,9 +66,7 @@ bool PlsModelFile::Read(std::istream& in)
     yTransform = std::move(readYTransform);
     yScale = readYScale;
     pls = readPls;
-    components = kept;
-    observations = fitted;
-    return in.good();
+    return KeepCounts(kept, fitted, in);
 }
 
 std::unique_ptr<PlsModelFile> LoadPlsModel(const std::string& path)
