@@ -25,11 +25,11 @@ Json Number(float v)
     return std::strtod(FormatValue(v).c_str(), nullptr);
 }
 
-Json Numbers(const std::vector<float>& values)
+Json Numbers(const NCDataVector<float>& values)
 {
     Json list = Json::array();
-    for (const float v : values)
-        list.push_back(Number(v));
+    for (int j = 1; j <= values.Size(); ++j)
+        list.push_back(Number(values[j]));
     return list;
 }
 

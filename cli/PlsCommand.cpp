@@ -32,14 +32,6 @@ constexpr float Missing = NCMisVal<float>;
 
 std::string Quoted(const std::string& s) { return "\"" + s + "\""; }
 
-std::vector<float> Values(const NCDataVector<float>& v)
-{
-    std::vector<float> out;
-    for (int j = 1; j <= v.size(); ++j)
-        out.push_back(v[j]);
-    return out;
-}
-
 // The variable numbers of `names` in `table`; an unknown or repeated name
 // is a usage error.
 std::vector<int> ResponseColumns(const DataTable& table, const std::vector<std::string>& names)
@@ -261,10 +253,7 @@ PlsFit FitPls(const PlsData& data, const PlsOptions& options, NCProgress& progre
         }
     }
     progress.Refresh();
-    for (const PLS_CrossValidated::Component& c : pls.GetRecords())
-        fit.records.push_back({c.r2x, c.r2xCum, c.r2y, c.r2yCum, c.q2, c.q2Cum, c.q2Limit, Values(c.r2yResponses),
-                               Values(c.r2yCumResponses), Values(c.q2Responses), Values(c.q2CumResponses),
-                               c.significance});
+    fit.records = pls.GetRecords();
     fit.kept = pls.GetComponents();
     KeepModel(fit, pls.GetModel(), pls.GetKeptPredResiduals());
     return fit;
@@ -317,7 +306,8 @@ void PrintReport(std::ostream& out, const PlsData& data, const PlsOptions& optio
         out << "\n" << std::string("Response") << std::string(width - 8, ' ') << "  R2Y(cum)  Q2(cum)\n";
         for (std::size_t j = 0; j < y.variables.size(); ++j)
             out << y.variables[j] << std::string(width - y.variables[j].size(), ' ')
-                << Cell(last.r2yCumResponses[j], 10) << Cell(last.q2CumResponses[j], 9) << "\n";
+                << Cell(last.r2yCumResponses[static_cast<int>(j) + 1], 10)
+                << Cell(last.q2CumResponses[static_cast<int>(j) + 1], 9) << "\n";
     }
 
     if (test) {

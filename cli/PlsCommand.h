@@ -5,6 +5,7 @@
 #include "cli/PlsPermutation.h"
 #include "cli/Report.h"
 
+#include "veltancmat/models/PLS_CrossValidated.h"
 #include "veltancmat/models/SignificanceE.h"
 #include "veltancmat/platform/NCProgress.h"
 #include "veltancmat/preprocess/NCScale.h"
@@ -54,16 +55,9 @@ struct PlsData {
 // response without a single value.
 PlsData ReadPlsData(const PlsOptions& options);
 
-// One fitted component. R2 values are shares of the preprocessed blocks'
-// sums of squares; per-response vectors have M entries.
-struct PlsComponent {
-    float r2x = 0.0f, r2xCum = 0.0f;
-    float r2y = 0.0f, r2yCum = 0.0f;
-    float q2 = 0.0f, q2Cum = 0.0f, q2Limit = 0.0f;
-    std::vector<float> r2yResponses, r2yCumResponses; // the component's own, and cumulative
-    std::vector<float> q2Responses, q2CumResponses;
-    SignificanceE::Significance significance = SignificanceE::NA;
-};
+// One fitted component: the library's record (R2 as shares of the
+// preprocessed blocks' sums of squares, per-response vectors of M entries).
+using PlsComponent = PLS_CrossValidated::Component;
 
 struct PlsFit {
     std::vector<PlsComponent> records; // every component fitted
