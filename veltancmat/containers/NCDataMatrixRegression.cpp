@@ -8,6 +8,7 @@
 
 #include "veltancmat/containers/MatrixErrors.h"
 #include "veltancmat/containers/NCDataMatrix.h"
+#include "veltancmat/containers/frame/NipalsRule.h"
 #include "veltancmat/containers/frame/Simd.h"
 
 #include <omp.h>
@@ -266,12 +267,10 @@ struct ShortRows {
                     gapSquares += gap ? p2[j] : T(0);
                     gapPairs += gap ? present[j] : 0;
                 }
-                d = std::max(pp / 3.0, pp - gapSquares);
+                d = NipalsDivisor(pp, pp - gapSquares);
                 pairs -= gapPairs;
             }
-            const double sum = odd + even;
-            const bool defined = pairs > 0 && std::fabs(d) > 1e-30;
-            out[i] = defined ? static_cast<T>(sum / d) : NCMisVal<T>;
+            out[i] = NipalsQuotient<T>(odd + even, d, pairs);
             missing += IsMisVal(out[i]) ? 1 : 0;
         }
         return missing;
@@ -786,12 +785,11 @@ void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>& rowTable, const Vector&
         double d = tt;
         int pairs = rowsUsed;
         if (masked && !(tComplete && columnMissing[j] == 0)) {
-            d = std::max(tt / 3.0, tt - gapSquares[j]);
+            d = NipalsDivisor(tt, tt - gapSquares[j]);
             pairs = rowsUsed - gaps[j];
         }
         const bool excluded = labels && labels[j] == group;
-        const bool defined = !excluded && pairs > 0 && std::fabs(d) > 1e-30;
-        out[j] = defined ? static_cast<T>(s12[j] / d) : MisVal;
+        out[j] = excluded ? MisVal : NipalsQuotient<T>(s12[j], d, pairs);
         missing += IsMisVal(out[j]) ? 1 : 0;
     }
     result->m_numMis = missing;
@@ -871,11 +869,10 @@ void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>& rowTable, const Vector& p,
         } else {
             double gapSquares = 0.0;
             sum = DotMasked(x, pv.data(), p2.data(), n, gapSquares);
-            d = std::max(pp / 3.0, pp - gapSquares);
+            d = NipalsDivisor(pp, pp - gapSquares);
             pairs -= pComplete ? row.GetNumMisVal() : GapPairs(x, present.data(), n);
         }
-        const bool defined = pairs > 0 && std::fabs(d) > 1e-30;
-        out[i] = defined ? static_cast<T>(sum / d) : MisVal;
+        out[i] = NipalsQuotient<T>(sum, d, pairs);
         missing += IsMisVal(out[i]) ? 1 : 0;
     }
     result->m_numMis = missing;

@@ -1,6 +1,7 @@
 #include "veltancmat/containers/NCNipalsBatch.h"
 
 #include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/containers/frame/NipalsRule.h"
 #include "veltancmat/containers/frame/Simd.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -416,12 +417,9 @@ void NCNipalsBatch::ColumnsUpTo8(std::span<const NCDataVector<float>* const> sco
                     pairs -= gapCounts[static_cast<std::size_t>(thread)][at];
                 }
             }
-            // The one-third floor keeps a column with many gaps from being
-            // divided by almost nothing.
             const double d =
-                squares > 0.0 ? std::max(squaresOfScores / 3.0, squaresOfScores - squares) : squaresOfScores;
-            const bool defined = pairs > 0 && std::fabs(d) > 1e-30;
-            out[j] = defined ? static_cast<float>(s12 / d) : NCMisVal<float>;
+                squares > 0.0 ? NipalsDivisor(squaresOfScores, squaresOfScores - squares) : squaresOfScores;
+            out[j] = NipalsQuotient<float>(s12, d, pairs);
         }
         results[r]->RecountMissing();
     }
@@ -489,9 +487,8 @@ void NCNipalsBatch::RowsUpTo8(std::span<const NCDataVector<float>* const> weight
             AddGap(gapSquares, gapPairs, p2.data() + static_cast<std::size_t>(*gap) * MaxVectors,
                    present.data() + static_cast<std::size_t>(*gap) * MaxVectors);
         for (int r = 0; r < vectors; ++r) {
-            const double d = complete ? pp[r] : std::max(pp[r] / 3.0, pp[r] - gapSquares[r / 4][r % 4]);
-            const bool defined = presentInP[r] - gapPairs[r] > 0 && std::fabs(d) > 1e-30;
-            out[r][i] = defined ? static_cast<float>(sums[r] / d) : NCMisVal<float>;
+            const double d = complete ? pp[r] : NipalsDivisor(pp[r], pp[r] - gapSquares[r / 4][r % 4]);
+            out[r][i] = NipalsQuotient<float>(sums[r], d, presentInP[r] - gapPairs[r]);
         }
     }
     for (int r = 0; r < vectors; ++r)
