@@ -11,6 +11,7 @@
 #include "veltancmat/containers/NCDataMatrix.h"
 
 #include "veltancmat/containers/MatrixErrors.h"
+#include "veltancmat/containers/frame/ParallelWork.h"
 #include "veltancmat/containers/frame/Simd.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -27,10 +28,6 @@ namespace {
 
 const char* const DifferentMatrices = "Matrices are different size.";
 const char* const DifferentVectors = "Vectors are of different size.";
-
-// Below this many multiply-adds a product stays on the calling thread: the
-// fork and join of a parallel region would cost more than they save.
-constexpr double ParallelWork = 100000.0;
 
 // The dense tile: four result rows share every loaded segment of a
 // right-hand row, and 256 columns keep the four double accumulator rows
@@ -355,7 +352,7 @@ NCDataMatrix<T> Product(const NCDataMatrix<T>& a, bool aTransposed, const NCData
         return product;
     std::vector<T*> out = product.GetMatrixAsPointerPointer();
     const double work = static_cast<double>(left.Rows()) * left.Inner() * right.columns;
-    const bool parallel = work > ParallelWork;
+    const bool parallel = work > NCParallelWork::MinProductMultiplyAdds;
     if (left.HasMissingValues() || right.anyMissing)
         ProductMasked(left, right, out.data(), parallel);
     else

@@ -9,6 +9,7 @@
 #include "veltancmat/containers/MatrixErrors.h"
 #include "veltancmat/containers/NCDataMatrix.h"
 #include "veltancmat/containers/frame/NipalsRule.h"
+#include "veltancmat/containers/frame/ParallelWork.h"
 #include "veltancmat/containers/frame/Simd.h"
 
 #include <omp.h>
@@ -193,16 +194,9 @@ private:
 // NIPALS iteration.
 constexpr int ShortRow = 16;
 
-// Matrices with less work than this many cells are projected by one
-// thread: the fork and join of a team cost more than the pass. A row costs
-// at least as much as RowCells cells (finding it, its count, its result),
-// so the narrow response matrices of PLS are shared out by their rows.
-constexpr long long MinParallelCells = 1 << 15;
-constexpr long long RowCells = 32;
-
 bool WorthParallel(long long rows, long long cols)
 {
-    return rows * std::max(cols, RowCells) >= MinParallelCells;
+    return NCParallelWork::ProjectionWorthParallel(rows, cols, 1, NCParallelWork::MinCells);
 }
 
 // Rows are separate blocks, so the hardware prefetcher loses the stream at

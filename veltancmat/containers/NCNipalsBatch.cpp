@@ -2,6 +2,7 @@
 
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/NipalsRule.h"
+#include "veltancmat/containers/frame/ParallelWork.h"
 #include "veltancmat/containers/frame/Simd.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -231,13 +232,9 @@ int LineStride(int n, std::size_t elementSize)
     return (n + perLine) / perLine * perLine;
 }
 
-// A pass with less arithmetic than this (cells times vectors) runs on one
-// thread: the fork and join of a team would cost more.
-constexpr long long MinParallelWork = 1 << 16;
-
 bool WorthParallel(long long rows, long long cols, int vectors)
 {
-    return rows * std::max(cols, 32LL) * vectors >= MinParallelWork;
+    return NCParallelWork::ProjectionWorthParallel(rows, cols, vectors, NCParallelWork::MinSharedPassWork);
 }
 
 int TeamSize(bool parallel)
