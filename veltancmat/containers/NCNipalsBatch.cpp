@@ -18,9 +18,7 @@
 namespace {
 
 // Explicit 32-byte vectors, as in the single-vector kernels; the helpers
-// taking them are always inlined, so the ABI warning about passing them
-// does not apply.
-#pragma GCC diagnostic ignored "-Wpsabi"
+// taking them are always inlined, so no vector argument crosses a call.
 using FloatVec = float __attribute__((vector_size(32)));
 using DoubleVec = double __attribute__((vector_size(32)));
 using IntVec = int __attribute__((vector_size(32)));
