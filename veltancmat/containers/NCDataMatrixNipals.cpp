@@ -200,13 +200,10 @@ bool WorthParallel(long long rows, long long cols)
 // Rows are separate blocks, so the hardware prefetcher loses the stream at
 // each row's start. The column projection carries two read-write sum
 // streams besides the row, so fewer of its loads are in flight, and it asks
-// for rows ahead itself: the row eight ahead into the second-level cache
-// (where requests do not hold first-level miss slots) measured about a fifth
-// faster with missing cells than two ahead into the first, and without
-// asking its masked blocks lose a third. The row projection reads the row
-// alone; asking for rows ahead (two ahead into the first level, one, or
-// four into the second) measured from even to a sixth slower with missing
-// cells than leaving the stream to the hardware, timed call by call.
+// for rows ahead itself: the row eight ahead into the second-level cache,
+// where requests do not hold first-level miss slots. The row projection
+// reads the row alone and leaves the stream to the hardware, which was as
+// fast or faster than any distance asked for (docs/performance.md).
 constexpr int ColumnAhead = 8;
 constexpr int ColumnLocality = 1; // prefetcht2
 
@@ -226,9 +223,9 @@ bool WorthPrefetching(long long rows, long long cols, bool parallel)
 // ---- row projection of rows shorter than ShortRow (the responses of PLS)
 //
 // With the width a compile-time constant the cell loop unrolls without a
-// branch per cell, and a complete row skips the gap sums: about twice as
-// fast as the loop over a run-time width. The arithmetic, and so every bit
-// of the results, is that loop's.
+// branch per cell, and a complete row skips the gap sums. The arithmetic,
+// and so every bit of the results, is that of the loop over a run-time
+// width.
 
 template <class T, int N>
 struct ShortRows {
