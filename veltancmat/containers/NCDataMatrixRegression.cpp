@@ -41,6 +41,21 @@ VELTAN_SIMD_CLONES void AccumulateSquares(double* ss, const T* x, int n)
 
 // ------------------------------------------------- ordinary regressions
 
+namespace {
+// The vector slope(1) .. slope(count), the slopes found in parallel.
+template <class T, class Slope>
+NCDataVector<T> Slopes(int count, Slope slope)
+{
+    NCDataVector<T> slopes(count);
+    T* out = slopes.GetVectorForWriting();
+#pragma omp parallel for schedule(static)
+    for (int k = 1; k <= count; ++k)
+        out[k] = static_cast<T>(slope(k));
+    slopes.RecountMissing();
+    return slopes;
+}
+} // namespace
+
 template <class T>
 NCDataVector<T> NCDataMatrix<T>::RegressColumns(const Vector& v) const
 {
@@ -55,13 +70,7 @@ void NCDataMatrix<T>::RegressColumnsImpl(const Vector& v, Vector* result) const
     NCMatrixErrors::CheckResult(result);
     if (v.Size() != m_rows)
         NCMatrixErrors::ThrowSize("RegressColumns", "Vectors are of different size.");
-    Vector slopes(m_cols);
-    T* out = slopes.GetVectorForWriting();
-#pragma omp parallel for schedule(static)
-    for (int j = 1; j <= m_cols; ++j)
-        out[j] = static_cast<T>(v.Regress(GetColumn(j)));
-    slopes.RecountMissing();
-    *result = slopes;
+    *result = Slopes<T>(m_cols, [&](int j) { return v.Regress(GetColumn(j)); });
 }
 
 template <class T>
@@ -86,13 +95,7 @@ void NCDataMatrix<T>::RegressRowsImpl(const Vector& v, Vector* result) const
     NCMatrixErrors::CheckResult(result);
     if (v.Size() != m_cols)
         NCMatrixErrors::ThrowSize("RegressRows", "Vectors are of different size.");
-    Vector slopes(m_rows);
-    T* out = slopes.GetVectorForWriting();
-#pragma omp parallel for schedule(static)
-    for (int i = 1; i <= m_rows; ++i)
-        out[i] = static_cast<T>(v.Regress(m_rowArray[i]));
-    slopes.RecountMissing();
-    *result = slopes;
+    *result = Slopes<T>(m_rows, [&](int i) { return v.Regress(m_rowArray[i]); });
 }
 
 // ---------------------------------------------------------- start column

@@ -117,11 +117,9 @@ NCDataVector<T>::NCDataVector(const NCDataVector& other)
     m_alignOffset = other.m_alignOffset;
     m_size = other.m_size;
     m_data = other.m_data;
-    m_shared = other.m_shared;
+    m_shared = NCShareBlock(other.m_shared);
     m_numMis = other.m_numMis;
     m_capacity = other.m_capacity;
-    if (m_shared)
-        m_shared->refCount.fetch_add(1, std::memory_order_relaxed);
 }
 
 template <class T>
@@ -153,11 +151,9 @@ NCDataVector<T>& NCDataVector<T>::operator=(const NCDataVector& other)
     m_alignOffset = other.m_alignOffset;
     m_size = other.m_size;
     m_data = other.m_data;
-    m_shared = other.m_shared;
+    m_shared = NCShareBlock(theirs);
     m_numMis = other.m_numMis;
     m_capacity = other.m_capacity;
-    if (theirs)
-        theirs->refCount.fetch_add(1, std::memory_order_relaxed);
 
     if (freeMine) {
         // Nobody else can reach the old block: unlock it before freeing.

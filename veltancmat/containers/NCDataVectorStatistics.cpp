@@ -17,61 +17,57 @@
 
 namespace {
 
-// Sum, sum of squares, and sum of squares about a value of p[1..n]; the
-// masked forms skip missing elements. Squares are formed in the element type
-// and accumulated in double.
-template <class T>
-VELTAN_SIMD_CLONES double SumKernel(const T* p, int n, bool masked)
+// The sum over p[1..n] of term(p[i]), or with `masked` of masked(p[i]),
+// which gives zero for a missing element. Each term is formed in the
+// element type where it can be (squares included) and accumulated in
+// double; selecting before widening keeps the masked loops vectorised.
+template <class T, class Term, class MaskedTerm>
+VELTAN_SIMD_CLONES double SumOver(const T* p, int n, bool masked, Term term, MaskedTerm maskedTerm)
 {
     double sum = 0.0;
     if (!masked) {
 #pragma omp simd reduction(+ : sum)
         for (int i = 1; i <= n; ++i)
-            sum += p[i];
+            sum += term(p[i]);
     } else {
 #pragma omp simd reduction(+ : sum)
         for (int i = 1; i <= n; ++i)
-            sum += PresentOrZero(p[i]);
+            sum += maskedTerm(p[i]);
     }
     return sum;
 }
 
 template <class T>
-VELTAN_SIMD_CLONES double SumSquaresKernel(const T* p, int n, bool masked)
+double SumKernel(const T* p, int n, bool masked)
 {
-    double ss = 0.0;
-    if (!masked) {
-#pragma omp simd reduction(+ : ss)
-        for (int i = 1; i <= n; ++i)
-            ss += p[i] * p[i];
-    } else {
-#pragma omp simd reduction(+ : ss)
-        for (int i = 1; i <= n; ++i) {
-            const T x = PresentOrZero(p[i]);
-            ss += x * x;
-        }
-    }
-    return ss;
+    return SumOver(
+        p, n, masked, [](T x) { return x; }, [](T x) { return PresentOrZero(x); });
 }
 
 template <class T>
-VELTAN_SIMD_CLONES double SumSquaresAboutKernel(const T* p, int n, double about, bool masked)
+double SumSquaresKernel(const T* p, int n, bool masked)
 {
-    double ss = 0.0;
-    if (!masked) {
-#pragma omp simd reduction(+ : ss)
-        for (int i = 1; i <= n; ++i) {
-            const double d = p[i] - about;
-            ss += d * d;
-        }
-    } else {
-#pragma omp simd reduction(+ : ss)
-        for (int i = 1; i <= n; ++i) {
-            const double d = IsMisVal(p[i]) ? 0.0 : p[i] - about;
-            ss += d * d;
-        }
-    }
-    return ss;
+    return SumOver(
+        p, n, masked, [](T x) { return x * x; },
+        [](T x) {
+            const T v = PresentOrZero(x);
+            return v * v;
+        });
+}
+
+template <class T>
+double SumSquaresAboutKernel(const T* p, int n, double about, bool masked)
+{
+    return SumOver(
+        p, n, masked,
+        [about](T x) {
+            const double d = x - about;
+            return d * d;
+        },
+        [about](T x) {
+            const double d = IsMisVal(x) ? 0.0 : x - about;
+            return d * d;
+        });
 }
 
 // Finite, and not subnormal: results outside this set are reported as undefined.

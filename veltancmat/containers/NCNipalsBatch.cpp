@@ -158,33 +158,42 @@ VELTAN_SIMD_CLONES void NarrowDots(const float* __restrict x, const float* __res
     std::memcpy(sums, total, sizeof total);
 }
 
-// squares[0 .. 7] += add, counts[0 .. 7] += pairs: a missing cell's share
-// for every vector at once.
-inline __attribute__((always_inline)) void AddGap(double* squares, int* counts, const DoubleVec* add, IntVec pairs)
-{
+// A missing cell's share for every vector at once: the squares it removes
+// from each vector's sum of squares, and the pairs from each count.
+struct GapShare {
     static_assert(MaxVectors == 8, "one pair of double vectors and one int vector per gap");
-    DoubleVec s[2];
-    IntVec c;
-    std::memcpy(s, squares, sizeof s);
-    std::memcpy(&c, counts, sizeof c);
-    s[0] += add[0];
-    s[1] += add[1];
-    c += pairs;
-    std::memcpy(squares, s, sizeof s);
-    std::memcpy(counts, &c, sizeof c);
-}
+    DoubleVec squares[2] = {};
+    IntVec pairs = {};
 
-// The same into sums held by the caller, from a column's shares in memory.
-inline __attribute__((always_inline)) void AddGap(DoubleVec* squares, IntVec& pairs, const double* add,
-                                                  const int* present)
+    // The share stored at squares[0 .. 7], counts[0 .. 7].
+    static inline __attribute__((always_inline)) GapShare Load(const double* squares, const int* counts)
+    {
+        GapShare share;
+        std::memcpy(share.squares, squares, sizeof share.squares);
+        std::memcpy(&share.pairs, counts, sizeof share.pairs);
+        return share;
+    }
+
+    inline __attribute__((always_inline)) void Store(double* squares, int* counts) const
+    {
+        std::memcpy(squares, this->squares, sizeof this->squares);
+        std::memcpy(counts, &pairs, sizeof pairs);
+    }
+
+    inline __attribute__((always_inline)) void Add(const GapShare& other)
+    {
+        squares[0] += other.squares[0];
+        squares[1] += other.squares[1];
+        pairs += other.pairs;
+    }
+};
+
+// The share stored at squares, counts plus `add`, stored back.
+inline __attribute__((always_inline)) void AddGap(double* squares, int* counts, const GapShare& add)
 {
-    DoubleVec s[2];
-    IntVec c;
-    std::memcpy(s, add, sizeof s);
-    std::memcpy(&c, present, sizeof c);
-    squares[0] += s[0];
-    squares[1] += s[1];
-    pairs += c;
+    GapShare sum = GapShare::Load(squares, counts);
+    sum.Add(add);
+    sum.Store(squares, counts);
 }
 
 using ColumnKernel = void (*)(double*, int, const float* const*, const float*, int, int);
@@ -384,18 +393,17 @@ void SumColumnBlock(const NCDataMatrix<float>& m, const GapList& gapList, const 
     // A missing cell removes the squares of the scores it meets from its
     // column's sum of squares, and the pair from its count.
     for (int b = 0; b < count; ++b) {
-        DoubleVec squares[2] = {};
-        IntVec pairs = {};
+        GapShare share;
         for (int r = 0; r < vectors; ++r) {
             const float v = s[b * vectors + r];
-            squares[r / 4][r % 4] = static_cast<double>(v * v);
-            pairs[r] = used[b * vectors + r] ? 1 : 0;
+            share.squares[r / 4][r % 4] = static_cast<double>(v * v);
+            share.pairs[r] = used[b * vectors + r] ? 1 : 0;
         }
         const int* gap = gapList.gaps + gapList.start[first + b];
         const int* end = gapList.gaps + gapList.start[first + b + 1];
         for (; gap < end; ++gap)
             AddGap(mine.gapSquares + static_cast<std::size_t>(*gap) * MaxVectors,
-                   mine.gapCounts + static_cast<std::size_t>(*gap) * MaxVectors, squares, pairs);
+                   mine.gapCounts + static_cast<std::size_t>(*gap) * MaxVectors, share);
     }
 }
 
@@ -516,16 +524,15 @@ void NCNipalsBatch::RowsUpTo8(std::span<const NCDataVector<float>* const> weight
             NarrowDots(row.GetVector(), lanes.data(), n, !complete, sums);
         else
             DotKernelTable[complete ? 0 : 1][kernel](row.GetVector(), pv, n, sums);
-        DoubleVec gapSquares[2] = {};
-        IntVec gapPairs = {};
+        GapShare gaps;
         const int* gap = m_gaps.data() + m_gapStart[static_cast<std::size_t>(i)];
         const int* end = m_gaps.data() + m_gapStart[static_cast<std::size_t>(i) + 1];
         for (; gap < end; ++gap)
-            AddGap(gapSquares, gapPairs, p2.data() + static_cast<std::size_t>(*gap) * MaxVectors,
-                   present.data() + static_cast<std::size_t>(*gap) * MaxVectors);
+            gaps.Add(GapShare::Load(p2.data() + static_cast<std::size_t>(*gap) * MaxVectors,
+                                    present.data() + static_cast<std::size_t>(*gap) * MaxVectors));
         for (int r = 0; r < vectors; ++r) {
-            const double d = complete ? pp[r] : NipalsDivisor(pp[r], pp[r] - gapSquares[r / 4][r % 4]);
-            out[r][i] = NipalsQuotient<float>(sums[r], d, presentInP[r] - gapPairs[r]);
+            const double d = complete ? pp[r] : NipalsDivisor(pp[r], pp[r] - gaps.squares[r / 4][r % 4]);
+            out[r][i] = NipalsQuotient<float>(sums[r], d, presentInP[r] - gaps.pairs[r]);
         }
     }
     for (int r = 0; r < vectors; ++r)
