@@ -193,6 +193,27 @@ void NCDataVector<T>::Unlink()
 }
 
 template <class T>
+void NCDataVector<T>::MoveToNewBlock(int capacity, NCSharedBlock* record)
+{
+    int offset = 0;
+    T* data = NewVec(capacity, offset);
+    if (!record) {
+        try {
+            record = new NCSharedBlock;
+        } catch (...) {
+            FreeVec(data, offset);
+            throw;
+        }
+    }
+    if (m_size > 0)
+        std::memcpy(data + 1, m_data + 1, static_cast<std::size_t>(m_size) * sizeof(T));
+    m_data = data;
+    m_alignOffset = offset;
+    m_capacity = capacity;
+    m_shared = record;
+}
+
+template <class T>
 void NCDataVector<T>::ForceUnlink()
 {
     if (!m_shared)
@@ -200,23 +221,12 @@ void NCDataVector<T>::ForceUnlink()
     NCSharedBlockLock lock(m_shared);
     if (m_shared->refCount.load(std::memory_order_relaxed) == 1)
         return;
-    int offset = 0;
-    T* data = NewVec(m_size, offset);
-    NCSharedBlock* block = nullptr;
-    try {
-        block = new NCSharedBlock;
-    } catch (...) {
-        FreeVec(data, offset);
-        throw;
-    }
-    if (m_size > 0)
-        std::memcpy(data + 1, m_data + 1, static_cast<std::size_t>(m_size) * sizeof(T));
-    m_shared->refCount.fetch_sub(1, std::memory_order_relaxed);
+    // The other holders keep the old storage; the lock taken on its record
+    // is given back after this vector has moved out.
+    NCSharedBlock* const old = m_shared;
+    MoveToNewBlock(m_size, nullptr);
+    old->refCount.fetch_sub(1, std::memory_order_relaxed);
     lock.Release();
-    m_data = data;
-    m_alignOffset = offset;
-    m_capacity = m_size;
-    m_shared = block;
 }
 
 template <class T>
@@ -226,24 +236,10 @@ void NCDataVector<T>::Grow(int n)
         ForceUnlink();
     if (n <= m_capacity)
         return;
-    int offset = 0;
-    T* data = NewVec(n, offset);
-    NCSharedBlock* block = m_shared;
-    if (!block) {
-        try {
-            block = new NCSharedBlock;
-        } catch (...) {
-            FreeVec(data, offset);
-            throw;
-        }
-    }
-    if (m_size > 0)
-        std::memcpy(data + 1, m_data + 1, static_cast<std::size_t>(m_size) * sizeof(T));
-    FreeVec(m_data, m_alignOffset);
-    m_data = data;
-    m_alignOffset = offset;
-    m_capacity = n;
-    m_shared = block;
+    T* const oldData = m_data;
+    const int oldOffset = m_alignOffset;
+    MoveToNewBlock(n, m_shared);
+    FreeVec(oldData, oldOffset);
 }
 
 template <class T>
