@@ -26,13 +26,7 @@ NCDataMatrix<float> MakeMatrix(bool withMissing)
     std::mt19937 rng(7);
     std::uniform_real_distribution<float> value(-10.0f, 10.0f);
     std::bernoulli_distribution missing(0.05);
-    NCDataMatrix<float> m(Rows, Cols);
-    std::vector<float*> rows = m.GetMatrixAsPointerPointer();
-    for (int i = 1; i <= Rows; ++i)
-        for (int j = 1; j <= Cols; ++j)
-            rows[i][j] = withMissing && missing(rng) ? -99.0f : value(rng);
-    m.RecountMissing();
-    return m;
+    return BenchMatrix::Drawn(Rows, Cols, [&] { return withMissing && missing(rng) ? -99.0f : value(rng); });
 }
 
 const NCDataMatrix<float>& Data(bool withMissing)
@@ -114,25 +108,21 @@ void BM_BatchRows(benchmark::State& state)
 
 } // namespace
 
-BENCHMARK(BM_PlainPass)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PlainPass)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_RegressColumns)
-    ->ArgNames({"threads", "missing"})
-    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime();
 BENCHMARK(BM_RegressRows)
-    ->ArgNames({"threads", "missing"})
-    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime();
 BENCHMARK(BM_BatchColumns)
-    ->ArgNames({"threads", "missing"})
-    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime();
 BENCHMARK(BM_BatchRows)
-    ->ArgNames({"threads", "missing"})
-    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime();
 BENCHMARK_MAIN();
