@@ -635,7 +635,9 @@ struct ColumnSums {
 // One thread's share of the column projection. Rows are summed in the
 // element type FlushEvery at a time and then widened into the share's
 // double sums: row by row, or for float rows with gaps, where the processor
-// has them, by the block kernels.
+// has them, by the block kernels. Adding a row is inlined into the loop
+// over the rows, as it was written there: called per row, it cost the
+// complete projection a few per cent.
 template <class T>
 class ColumnShare
 {
@@ -646,7 +648,7 @@ public:
     {
     }
 
-    void Add(const NCDataVector<T>& row, T ti)
+    inline __attribute__((always_inline)) void Add(const NCDataVector<T>& row, T ti)
     {
         if constexpr (std::is_same_v<T, float>) {
             if (m_blocks) {
@@ -673,7 +675,7 @@ public:
     }
 
 private:
-    void AddRow(const NCDataVector<T>& row, T ti)
+    inline __attribute__((always_inline)) void AddRow(const NCDataVector<T>& row, T ti)
     {
         const T* x = row.GetVector();
         const int n = m_n;
@@ -710,7 +712,7 @@ private:
 
     // Blocks are gathered one ahead of the one summed, so that the kernel
     // can ask for the next block's rows as it goes.
-    void AddToBlock(const T* x, T ti)
+    inline __attribute__((always_inline)) void AddToBlock(const T* x, T ti)
     {
         m_nextRows[static_cast<std::size_t>(m_pending)] = x;
         m_nextScores[static_cast<std::size_t>(m_pending)] = ti;
