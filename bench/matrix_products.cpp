@@ -48,25 +48,27 @@ void SetFlops(benchmark::State& state)
     state.counters["GFLOP"] = benchmark::Counter(gflop, benchmark::Counter::kIsIterationInvariantRate);
 }
 
-void BM_MatrixMultiply(benchmark::State& state)
+// Times product(Left(), Right()).
+template <class Product>
+void TimeProduct(benchmark::State& state, Product&& product)
 {
     SetThreads(state);
     const NCDataMatrix<float>& a = Left();
     const NCDataMatrix<float>& b = Right();
     for (auto _ : state)
-        benchmark::DoNotOptimize(a.MatrixMultiply(b));
+        benchmark::DoNotOptimize(product(a, b));
     SetFlops(state);
+}
+
+void BM_MatrixMultiply(benchmark::State& state)
+{
+    TimeProduct(state, [](const auto& a, const auto& b) { return a.MatrixMultiply(b); });
 }
 BENCHMARK(BM_MatrixMultiply)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_MultiplyTransposeThis(benchmark::State& state)
 {
-    SetThreads(state);
-    const NCDataMatrix<float>& a = Left();
-    const NCDataMatrix<float>& b = Right();
-    for (auto _ : state)
-        benchmark::DoNotOptimize(a.MultiplyTransposeThis(b));
-    SetFlops(state);
+    TimeProduct(state, [](const auto& a, const auto& b) { return a.MultiplyTransposeThis(b); });
 }
 BENCHMARK(BM_MultiplyTransposeThis)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
 

@@ -53,28 +53,29 @@ void BM_PlainPass(benchmark::State& state)
     BenchMatrix::PlainPass(state, Data(false));
 }
 
-void BM_RegressColumns(benchmark::State& state)
+// One projection on a vector of `length` elements, written into one
+// result vector call after call as NIPALS does.
+template <class Projection>
+void SingleProjection(benchmark::State& state, int length, Projection&& project)
 {
     Threads(state);
     const NCDataMatrix<float>& m = Data(state.range(1) != 0);
-    const NCDataVector<float> t = Filled(Rows);
-    NCDataVector<float> p;
+    const NCDataVector<float> v = Filled(length);
+    NCDataVector<float> result;
     BenchMatrix::AgainstPlainPass(state, m, [&] {
-        m.Result(&p).SpecialNipalsRegressColumnsFix(t);
-        benchmark::DoNotOptimize(p.GetVector());
+        project(m.Result(&result), v);
+        benchmark::DoNotOptimize(result.GetVector());
     });
+}
+
+void BM_RegressColumns(benchmark::State& state)
+{
+    SingleProjection(state, Rows, [](auto&& into, const auto& t) { into.SpecialNipalsRegressColumnsFix(t); });
 }
 
 void BM_RegressRows(benchmark::State& state)
 {
-    Threads(state);
-    const NCDataMatrix<float>& m = Data(state.range(1) != 0);
-    const NCDataVector<float> p = Filled(Cols);
-    NCDataVector<float> t;
-    BenchMatrix::AgainstPlainPass(state, m, [&] {
-        m.Result(&t).SpecialNipalsRegressRowsFix(p);
-        benchmark::DoNotOptimize(t.GetVector());
-    });
+    SingleProjection(state, Cols, [](auto&& into, const auto& p) { into.SpecialNipalsRegressRowsFix(p); });
 }
 
 // Seven vectors at once through NCNipalsBatch, as the rounds of a
