@@ -481,11 +481,42 @@ inline void ColumnBlockTail(double* total, double* squares, const float* const* 
     }
 }
 
-// With mask registers: the missing cells zero the product's input and pick
-// the squares without a separate select.
-template <int R>
-__attribute__((target("avx512f,avx512vl"))) void ColumnBlock512(double* total, double* squares, const float* const* x,
-                                                                const float* t, const float* const* next, int n)
+// How the two forms find and drop the missing cells. With AVX-512 the
+// comparison gives a mask register: the missing cells zero the product's
+// input and pick the squares without a separate select. With AVX2 the mask
+// is a vector, and the selects are bitwise operations. The AVX-512 pieces
+// cannot inline into the AVX2 strip loop below by themselves; ColumnBlock512
+// flattens them into itself.
+struct MaskRegisters {
+    using Mask = __mmask8;
+    __attribute__((target("avx512f,avx512vl"))) static inline Mask Gaps(__m256 x, __m256 missing)
+    {
+        return _mm256_cmp_ps_mask(x, missing, _CMP_EQ_OQ);
+    }
+    __attribute__((target("avx512f,avx512vl"))) static inline __m256 Present(__m256 x, Mask gaps)
+    {
+        return _mm256_maskz_mov_ps(static_cast<__mmask8>(~gaps), x);
+    }
+    __attribute__((target("avx512f,avx512vl"))) static inline __m256 AddAtGaps(__m256 sum, Mask gaps, __m256 add)
+    {
+        return _mm256_mask_add_ps(sum, gaps, sum, add);
+    }
+};
+
+struct VectorMasks {
+    using Mask = __m256;
+    VELTAN_BLOCK_PIECE static Mask Gaps(__m256 x, __m256 missing) { return _mm256_cmp_ps(x, missing, _CMP_EQ_OQ); }
+    VELTAN_BLOCK_PIECE static __m256 Present(__m256 x, Mask gaps) { return _mm256_andnot_ps(gaps, x); }
+    VELTAN_BLOCK_PIECE static __m256 AddAtGaps(__m256 sum, Mask gaps, __m256 add)
+    {
+        return _mm256_add_ps(sum, _mm256_and_ps(gaps, add));
+    }
+};
+
+// The block kernel, over strips of sixteen columns and then the tail.
+template <int R, class Lanes>
+VELTAN_BLOCK_PIECE void ColumnBlockStrips(double* total, double* squares, const float* const* x, const float* t,
+                                          const float* const* next, int n)
 {
     const __m256 missing = _mm256_set1_ps(NCMisVal<float>);
     __m256 tv[R], qv[R];
@@ -497,42 +528,30 @@ __attribute__((target("avx512f,avx512vl"))) void ColumnBlock512(double* total, d
 #pragma GCC unroll 8
         for (int r = 0; r < R; ++r) {
             const __m256 x0 = _mm256_loadu_ps(x[r] + j), x1 = _mm256_loadu_ps(x[r] + j + 8);
-            const __mmask8 m0 = _mm256_cmp_ps_mask(x0, missing, _CMP_EQ_OQ);
-            const __mmask8 m1 = _mm256_cmp_ps_mask(x1, missing, _CMP_EQ_OQ);
-            s0 = _mm256_add_ps(s0, _mm256_mul_ps(_mm256_maskz_mov_ps(static_cast<__mmask8>(~m0), x0), tv[r]));
-            s1 = _mm256_add_ps(s1, _mm256_mul_ps(_mm256_maskz_mov_ps(static_cast<__mmask8>(~m1), x1), tv[r]));
-            g0 = _mm256_mask_add_ps(g0, m0, g0, qv[r]);
-            g1 = _mm256_mask_add_ps(g1, m1, g1, qv[r]);
+            const typename Lanes::Mask m0 = Lanes::Gaps(x0, missing), m1 = Lanes::Gaps(x1, missing);
+            s0 = _mm256_add_ps(s0, _mm256_mul_ps(Lanes::Present(x0, m0), tv[r]));
+            s1 = _mm256_add_ps(s1, _mm256_mul_ps(Lanes::Present(x1, m1), tv[r]));
+            g0 = Lanes::AddAtGaps(g0, m0, qv[r]);
+            g1 = Lanes::AddAtGaps(g1, m1, qv[r]);
         }
         WidenStrip(total, squares, j, s0, s1, g0, g1);
     }
     ColumnBlockTail(total, squares, x, t, R, j, n);
 }
 
-// With comparison masks as vectors, selected by bitwise operations.
+template <int R>
+__attribute__((target("avx512f,avx512vl"), flatten)) void ColumnBlock512(double* total, double* squares,
+                                                                         const float* const* x, const float* t,
+                                                                         const float* const* next, int n)
+{
+    ColumnBlockStrips<R, MaskRegisters>(total, squares, x, t, next, n);
+}
+
 template <int R>
 __attribute__((target("avx2"))) void ColumnBlock256(double* total, double* squares, const float* const* x,
                                                     const float* t, const float* const* next, int n)
 {
-    const __m256 missing = _mm256_set1_ps(NCMisVal<float>);
-    __m256 tv[R], qv[R];
-    BroadcastScores<R>(t, tv, qv);
-    int j = 1;
-    for (; j + 15 <= n; j += 16) {
-        PrefetchStrip(next, j);
-        __m256 s0 = _mm256_setzero_ps(), s1 = s0, g0 = s0, g1 = s0;
-#pragma GCC unroll 8
-        for (int r = 0; r < R; ++r) {
-            const __m256 x0 = _mm256_loadu_ps(x[r] + j), x1 = _mm256_loadu_ps(x[r] + j + 8);
-            const __m256 m0 = _mm256_cmp_ps(x0, missing, _CMP_EQ_OQ), m1 = _mm256_cmp_ps(x1, missing, _CMP_EQ_OQ);
-            s0 = _mm256_add_ps(s0, _mm256_mul_ps(_mm256_andnot_ps(m0, x0), tv[r]));
-            s1 = _mm256_add_ps(s1, _mm256_mul_ps(_mm256_andnot_ps(m1, x1), tv[r]));
-            g0 = _mm256_add_ps(g0, _mm256_and_ps(m0, qv[r]));
-            g1 = _mm256_add_ps(g1, _mm256_and_ps(m1, qv[r]));
-        }
-        WidenStrip(total, squares, j, s0, s1, g0, g1);
-    }
-    ColumnBlockTail(total, squares, x, t, R, j, n);
+    ColumnBlockStrips<R, VectorMasks>(total, squares, x, t, next, n);
 }
 
 #undef VELTAN_BLOCK_PIECE
