@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <vector>
 
 namespace BenchMatrix {
 
@@ -19,6 +20,37 @@ inline void Threads(const benchmark::State& state)
 {
     omp_set_dynamic(0);
     omp_set_num_threads(static_cast<int>(state.range(0)));
+}
+
+// The argument sets the benchmarks run with: 1 and 2 threads in
+// state.range(0), and with a second argument, its values in state.range(1).
+inline void OnThreads(benchmark::internal::Benchmark* b)
+{
+    b->ArgName("threads")->Arg(1)->Arg(2);
+}
+
+inline void OnThreadsWithoutAndWithMissing(benchmark::internal::Benchmark* b)
+{
+    b->ArgNames({"threads", "missing"})->ArgsProduct({{1, 2}, {0, 1}});
+}
+
+inline void OnThreadsWithOneAndTenResponses(benchmark::internal::Benchmark* b)
+{
+    b->ArgNames({"threads", "responses"})->ArgsProduct({{1, 2}, {1, 10}});
+}
+
+// A rows x cols float matrix whose cells are draw(), row by row, with
+// exact missing counts.
+template <class Draw>
+NCDataMatrix<float> Drawn(int rows, int cols, Draw&& draw)
+{
+    NCDataMatrix<float> m(rows, cols);
+    std::vector<float*> cells = m.GetMatrixAsPointerPointer();
+    for (int i = 1; i <= rows; ++i)
+        for (int j = 1; j <= cols; ++j)
+            cells[i][j] = draw();
+    m.RecountMissing();
+    return m;
 }
 
 // Reports the bytes of a rows x cols float matrix once per iteration.

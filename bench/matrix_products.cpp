@@ -4,6 +4,8 @@
 // the work is spread over threads.
 #include "veltancmat/containers/NCDataMatrix.h"
 
+#include "MatrixPass.h"
+
 #include <benchmark/benchmark.h>
 #include <omp.h>
 
@@ -17,13 +19,7 @@ NCDataMatrix<float> MakeMatrix(unsigned seed)
 {
     std::mt19937 rng(seed);
     std::uniform_real_distribution<float> value(-1.0f, 1.0f);
-    NCDataMatrix<float> m(N, N);
-    std::vector<float*> rows = m.GetMatrixAsPointerPointer();
-    for (int i = 1; i <= N; ++i)
-        for (int j = 1; j <= N; ++j)
-            rows[i][j] = value(rng);
-    m.RecountMissing();
-    return m;
+    return BenchMatrix::Drawn(N, N, [&] { return value(rng); });
 }
 
 const NCDataMatrix<float>& Left()
@@ -52,27 +48,29 @@ void SetFlops(benchmark::State& state)
     state.counters["GFLOP"] = benchmark::Counter(gflop, benchmark::Counter::kIsIterationInvariantRate);
 }
 
-void BM_MatrixMultiply(benchmark::State& state)
+// Times product(Left(), Right()).
+template <class Product>
+void TimeProduct(benchmark::State& state, Product&& product)
 {
     SetThreads(state);
     const NCDataMatrix<float>& a = Left();
     const NCDataMatrix<float>& b = Right();
     for (auto _ : state)
-        benchmark::DoNotOptimize(a.MatrixMultiply(b));
+        benchmark::DoNotOptimize(product(a, b));
     SetFlops(state);
 }
-BENCHMARK(BM_MatrixMultiply)->Arg(1)->Arg(2)->ArgName("threads")->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void BM_MatrixMultiply(benchmark::State& state)
+{
+    TimeProduct(state, [](const auto& a, const auto& b) { return a.MatrixMultiply(b); });
+}
+BENCHMARK(BM_MatrixMultiply)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 void BM_MultiplyTransposeThis(benchmark::State& state)
 {
-    SetThreads(state);
-    const NCDataMatrix<float>& a = Left();
-    const NCDataMatrix<float>& b = Right();
-    for (auto _ : state)
-        benchmark::DoNotOptimize(a.MultiplyTransposeThis(b));
-    SetFlops(state);
+    TimeProduct(state, [](const auto& a, const auto& b) { return a.MultiplyTransposeThis(b); });
 }
-BENCHMARK(BM_MultiplyTransposeThis)->Arg(1)->Arg(2)->ArgName("threads")->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_MultiplyTransposeThis)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 } // namespace
 

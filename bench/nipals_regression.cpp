@@ -26,13 +26,7 @@ NCDataMatrix<float> MakeMatrix(bool withMissing)
     std::mt19937 rng(7);
     std::uniform_real_distribution<float> value(-10.0f, 10.0f);
     std::bernoulli_distribution missing(0.05);
-    NCDataMatrix<float> m(Rows, Cols);
-    std::vector<float*> rows = m.GetMatrixAsPointerPointer();
-    for (int i = 1; i <= Rows; ++i)
-        for (int j = 1; j <= Cols; ++j)
-            rows[i][j] = withMissing && missing(rng) ? -99.0f : value(rng);
-    m.RecountMissing();
-    return m;
+    return BenchMatrix::Drawn(Rows, Cols, [&] { return withMissing && missing(rng) ? -99.0f : value(rng); });
 }
 
 const NCDataMatrix<float>& Data(bool withMissing)
@@ -59,28 +53,29 @@ void BM_PlainPass(benchmark::State& state)
     BenchMatrix::PlainPass(state, Data(false));
 }
 
-void BM_RegressColumns(benchmark::State& state)
+// One projection on a vector of `length` elements, written into one
+// result vector call after call as NIPALS does.
+template <class Projection>
+void SingleProjection(benchmark::State& state, int length, Projection&& project)
 {
     Threads(state);
     const NCDataMatrix<float>& m = Data(state.range(1) != 0);
-    const NCDataVector<float> t = Filled(Rows);
-    NCDataVector<float> p;
+    const NCDataVector<float> v = Filled(length);
+    NCDataVector<float> result;
     BenchMatrix::AgainstPlainPass(state, m, [&] {
-        m.Result(&p).SpecialNipalsRegressColumnsFix(t);
-        benchmark::DoNotOptimize(p.GetVector());
+        project(m.Result(&result), v);
+        benchmark::DoNotOptimize(result.GetVector());
     });
+}
+
+void BM_RegressColumns(benchmark::State& state)
+{
+    SingleProjection(state, Rows, [](auto&& into, const auto& t) { into.SpecialNipalsRegressColumnsFix(t); });
 }
 
 void BM_RegressRows(benchmark::State& state)
 {
-    Threads(state);
-    const NCDataMatrix<float>& m = Data(state.range(1) != 0);
-    const NCDataVector<float> p = Filled(Cols);
-    NCDataVector<float> t;
-    BenchMatrix::AgainstPlainPass(state, m, [&] {
-        m.Result(&t).SpecialNipalsRegressRowsFix(p);
-        benchmark::DoNotOptimize(t.GetVector());
-    });
+    SingleProjection(state, Cols, [](auto&& into, const auto& p) { into.SpecialNipalsRegressRowsFix(p); });
 }
 
 // Seven vectors at once through NCNipalsBatch, as the rounds of a
@@ -114,25 +109,21 @@ void BM_BatchRows(benchmark::State& state)
 
 } // namespace
 
-BENCHMARK(BM_PlainPass)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PlainPass)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_RegressColumns)
-    ->ArgNames({"threads", "missing"})
-    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime();
 BENCHMARK(BM_RegressRows)
-    ->ArgNames({"threads", "missing"})
-    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime();
 BENCHMARK(BM_BatchColumns)
-    ->ArgNames({"threads", "missing"})
-    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime();
 BENCHMARK(BM_BatchRows)
-    ->ArgNames({"threads", "missing"})
-    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
     ->Unit(benchmark::kMillisecond)
     ->UseManualTime();
 BENCHMARK_MAIN();

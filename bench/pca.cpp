@@ -149,12 +149,11 @@ void BM_PCA_CV(benchmark::State& state)
 
 } // namespace
 
-BENCHMARK(BM_PlainPassLarge)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PlainPassLarge)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_PCA)
-    ->ArgNames({"threads", "missing"})
-    ->ArgsProduct({{1, 2}, {0, 1}})
+    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
     ->Unit(benchmark::kSecond)
     ->UseManualTime();
-BENCHMARK(BM_PlainPassSmall)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PCA_CV)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kSecond)->UseManualTime();
+BENCHMARK(BM_PlainPassSmall)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PCA_CV)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kSecond)->UseManualTime();
 BENCHMARK_MAIN();

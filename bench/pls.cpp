@@ -167,16 +167,14 @@ void BM_PLS_CV(benchmark::State& state)
 
 } // namespace
 
-BENCHMARK(BM_PlainPassLarge)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PlainPassLarge)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_PLS)
-    ->ArgNames({"threads", "responses"})
-    ->ArgsProduct({{1, 2}, {1, 10}})
+    ->Apply(BenchMatrix::OnThreadsWithOneAndTenResponses)
     ->Unit(benchmark::kSecond)
     ->UseManualTime();
-BENCHMARK(BM_PlainPassSmall)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PlainPassSmall)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_PLS_CV)
-    ->ArgNames({"threads", "responses"})
-    ->ArgsProduct({{1, 2}, {1, 10}})
+    ->Apply(BenchMatrix::OnThreadsWithOneAndTenResponses)
     ->Unit(benchmark::kSecond)
     ->UseManualTime();
 BENCHMARK_MAIN();

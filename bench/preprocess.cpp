@@ -26,13 +26,7 @@ NCDataMatrix<float>& Data()
     static NCDataMatrix<float> m = [] {
         std::mt19937 rng(5);
         std::normal_distribution<float> value(50.0f, 10.0f);
-        NCDataMatrix<float> made(Rows, Cols);
-        std::vector<float*> rows = made.GetMatrixAsPointerPointer();
-        for (int i = 1; i <= Rows; ++i)
-            for (int j = 1; j <= Cols; ++j)
-                rows[i][j] = value(rng);
-        made.RecountMissing();
-        return made;
+        return BenchMatrix::Drawn(Rows, Cols, [&] { return value(rng); });
     }();
     return m;
 }
@@ -83,8 +77,8 @@ void BM_LogTransform(benchmark::State& state)
 
 } // namespace
 
-BENCHMARK(BM_PlainPass)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_ScaleNewModel)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseManualTime();
-BENCHMARK(BM_ScaleCurrentModel)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseManualTime();
-BENCHMARK(BM_LogTransform)->ArgName("threads")->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseManualTime();
+BENCHMARK(BM_PlainPass)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_ScaleNewModel)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseManualTime();
+BENCHMARK(BM_ScaleCurrentModel)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseManualTime();
+BENCHMARK(BM_LogTransform)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseManualTime();
 BENCHMARK_MAIN();

@@ -59,21 +59,25 @@ void BM_PlainSum(benchmark::State& state)
 }
 BENCHMARK(BM_PlainSum)->Unit(benchmark::kMillisecond);
 
-void BM_GetSS(benchmark::State& state)
+// Times statistic(v) on the vector without or with missing values.
+template <class Statistic>
+void TimeStatistic(benchmark::State& state, Statistic&& statistic)
 {
     const NCDataVector<float>& v = Data(state.range(0) != 0);
     for (auto _ : state)
-        benchmark::DoNotOptimize(v.GetSS());
+        benchmark::DoNotOptimize(statistic(v));
     SetBytes(state, N * sizeof(float));
+}
+
+void BM_GetSS(benchmark::State& state)
+{
+    TimeStatistic(state, [](const NCDataVector<float>& v) { return v.GetSS(); });
 }
 BENCHMARK(BM_GetSS)->Arg(0)->Arg(1)->ArgName("missing")->Unit(benchmark::kMillisecond);
 
 void BM_GetMean(benchmark::State& state)
 {
-    const NCDataVector<float>& v = Data(state.range(0) != 0);
-    for (auto _ : state)
-        benchmark::DoNotOptimize(v.GetMean());
-    SetBytes(state, N * sizeof(float));
+    TimeStatistic(state, [](const NCDataVector<float>& v) { return v.GetMean(); });
 }
 BENCHMARK(BM_GetMean)->Arg(0)->Arg(1)->ArgName("missing")->Unit(benchmark::kMillisecond);
 

@@ -3,6 +3,8 @@
 #include "veltancmat/containers/NCDataVector.h"
 #include "veltancmat/platform/BinaryIO.h"
 
+#include "platform/RecordIO.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdint>
@@ -21,19 +23,6 @@ std::string Save(const NCDataVector<T>& v)
     return out.str();
 }
 
-// Reads a record; QvStreamError counts as a refusal like a false result.
-template <class T>
-bool Load(const std::string& bytes, NCDataVector<T>& v)
-{
-    std::istringstream in(bytes);
-    bool ok = false;
-    try {
-        ok = v.QvStreamableStartRead(in);
-    } catch (const QvStreamError&) {
-    }
-    v.QvStreamableReset();
-    return ok;
-}
 
 std::string Bytes(std::initializer_list<int> values)
 {
@@ -52,7 +41,7 @@ TYPED_TEST(VectorStream, RoundTripKeepsValuesCountAndAlignment)
          {NCDataVector<TypeParam>{TypeParam(1.5), m, TypeParam(-3.25), m, TypeParam(1e-30)}, NCDataVector<TypeParam>(),
           NCDataVector<TypeParam>(1000, TypeParam(0.1))}) {
         NCDataVector<TypeParam> copy{TypeParam(7)};
-        ASSERT_TRUE(Load(Save(original), copy));
+        ASSERT_TRUE(RecordIO::ReadOrRefuse(Save(original), copy));
         EXPECT_TRUE(copy == original);
         EXPECT_EQ(copy.GetNumMisVal(), original.GetNumMisVal());
         EXPECT_EQ(copy.Capacity(), copy.Size());
@@ -93,7 +82,7 @@ TEST(VectorStreamBytes, GoldenRecords)
     // Same magic for both widths: a float record read as double does not
     // give the values back.
     NCDataVector<double> d;
-    const bool ok = Load(Save(NCDataVector<float>{1.0f, 2.0f, 3.0f, 4.0f}), d);
+    const bool ok = RecordIO::ReadOrRefuse(Save(NCDataVector<float>{1.0f, 2.0f, 3.0f, 4.0f}), d);
     EXPECT_FALSE(ok && d.Size() == 4 && d[1] == 1.0);
 }
 
@@ -104,7 +93,7 @@ TYPED_TEST(VectorStream, OtherVersionsAndMagicsAreRefusedUntouched)
         std::string bad = good;
         bad[at] = byte;
         NCDataVector<TypeParam> v{TypeParam(9)};
-        EXPECT_FALSE(Load(bad, v)) << at << " " << int(byte);
+        EXPECT_FALSE(RecordIO::ReadOrRefuse(bad, v)) << at << " " << int(byte);
         ASSERT_EQ(v.Size(), 1);
         EXPECT_EQ(v[1], TypeParam(9));
     }
@@ -115,7 +104,7 @@ TYPED_TEST(VectorStream, EveryTruncationIsRefused)
     const std::string good = Save(NCDataVector<TypeParam>{TypeParam(1), TypeParam(-99), TypeParam(3)});
     for (std::size_t n = 0; n < good.size(); ++n) {
         NCDataVector<TypeParam> v;
-        EXPECT_FALSE(Load(good.substr(0, n), v)) << "prefix of " << n << " bytes";
+        EXPECT_FALSE(RecordIO::ReadOrRefuse(good.substr(0, n), v)) << "prefix of " << n << " bytes";
         EXPECT_EQ(v.GetNumMisVal(), 0);
     }
 }
@@ -132,7 +121,7 @@ TEST(VectorStreamBytes, ImpossibleSizesCountsAndEntriesAreRefused)
         for (int i = 0; i < 4; ++i)
             bad[at + i] = static_cast<char>((static_cast<std::uint32_t>(value) >> (8 * i)) & 0xFF);
         NCDataVector<float> v;
-        EXPECT_FALSE(Load(bad, v)) << at << " " << value;
+        EXPECT_FALSE(RecordIO::ReadOrRefuse(bad, v)) << at << " " << value;
         EXPECT_TRUE(v.empty());
         EXPECT_EQ(v.GetNumMisVal(), 0);
     }
@@ -145,7 +134,7 @@ TEST(VectorStreamBytes, ImpossibleSizesCountsAndEntriesAreRefused)
     WriteFourBytes(&missing, 1, directory.GetOutput(1));
     directory.Close();
     NCDataVector<float> v;
-    EXPECT_FALSE(Load(out.str(), v));
+    EXPECT_FALSE(RecordIO::ReadOrRefuse(out.str(), v));
     EXPECT_TRUE(v.empty());
 }
 

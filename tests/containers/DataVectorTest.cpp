@@ -70,84 +70,111 @@ NCDataVector<T> RandomVector(std::mt19937& rng, int n)
 template <class T>
 using Mutation = std::pair<const char*, std::function<void(NCDataVector<T>&, std::mt19937&)>>;
 
+int RandomPosition(std::mt19937& rng, int n)
+{
+    return std::uniform_int_distribution<int>(1, std::max(1, n))(rng);
+}
+
+int RandomLength(std::mt19937& rng)
+{
+    return std::uniform_int_distribution<int>(0, 40)(rng);
+}
+
+// The members that change the size or set elements.
 template <class T>
-std::vector<Mutation<T>> AllMutations()
+std::vector<Mutation<T>> StorageMutations()
 {
     using V = NCDataVector<T>;
     using R = std::mt19937;
-    auto pos = [](R& rng, int n) { return std::uniform_int_distribution<int>(1, std::max(1, n))(rng); };
-    auto size = [](R& rng) { return std::uniform_int_distribution<int>(0, 40)(rng); };
-    auto val = [](R& rng) { return RandomValue<T>(rng); };
-    auto other = [](R& rng, int n) { return RandomVector<T>(rng, n); };
-    double a = 0, b = 0;
     return {
         {"operator()",
          [=](V& v, R& r) {
              if (!v.empty())
-                 v(pos(r, v.Size()), val(r));
+                 v(RandomPosition(r, v.Size()), RandomValue<T>(r));
          }},
         {"SetAndReturn_dMisVal",
          [=](V& v, R& r) {
              if (!v.empty())
-                 v.SetAndReturn_dMisVal(pos(r, v.Size()), val(r));
+                 v.SetAndReturn_dMisVal(RandomPosition(r, v.Size()), RandomValue<T>(r));
          }},
-        {"SetSize", [=](V& v, R& r) { v.SetSize(size(r)); }},
-        {"Resize", [=](V& v, R& r) { v.Resize(size(r), val(r)); }},
-        {"push_back", [=](V& v, R& r) { v.push_back(val(r)); }},
-        {"InsertValues(vector)", [=](V& v, R& r) { v.InsertValues(pos(r, v.Size() + 1), other(r, 3)); }},
+        {"SetSize", [=](V& v, R& r) { v.SetSize(RandomLength(r)); }},
+        {"Resize", [=](V& v, R& r) { v.Resize(RandomLength(r), RandomValue<T>(r)); }},
+        {"push_back", [=](V& v, R& r) { v.push_back(RandomValue<T>(r)); }},
+        {"InsertValues(vector)", [=](V& v, R& r) { v.InsertValues(RandomPosition(r, v.Size() + 1), RandomVector<T>(r, 3)); }},
         {"InsertValues(self)", [=](V& v, R&) { v.InsertValues(1, v); }},
-        {"InsertValues(count)", [=](V& v, R& r) { v.InsertValues(pos(r, v.Size() + 1), 2, val(r)); }},
+        {"InsertValues(count)", [=](V& v, R& r) { v.InsertValues(RandomPosition(r, v.Size() + 1), 2, RandomValue<T>(r)); }},
         {"RemoveValues",
          [=](V& v, R& r) {
-             const int at = pos(r, v.Size());
+             const int at = RandomPosition(r, v.Size());
              if (v.Size() >= 2)
                  v.RemoveValues(at, std::min(v.Size(), at + 2));
          }},
-        {"Remove(value)", [=](V& v, R& r) { v.Remove(val(r)); }},
+        {"Remove(value)", [=](V& v, R& r) { v.Remove(RandomValue<T>(r)); }},
         {"Remove(list)",
          [=](V& v, R& r) {
-             v.Remove(List{pos(r, v.Size()), 1, 99});
+             v.Remove(List{RandomPosition(r, v.Size()), 1, 99});
          }},
         {"Reduce",
          [=](V& v, R& r) {
              if (!v.empty())
-                 v.Reduce(List{pos(r, v.Size()), pos(r, v.Size()), 1});
+                 v.Reduce(List{RandomPosition(r, v.Size()), RandomPosition(r, v.Size()), 1});
          }},
         {"CopyZeroBasedVector",
          [=](V& v, R& r) {
-             const T p[] = {val(r), val(r), val(r)};
+             const T p[] = {RandomValue<T>(r), RandomValue<T>(r), RandomValue<T>(r)};
              v.CopyZeroBasedVector(p, 3);
          }},
-        {"CopyContent", [=](V& v, R& r) { v.CopyContent(other(r, 7)); }},
-        {"SetAllValues", [=](V& v, R& r) { v.SetAllValues(val(r)); }},
+        {"CopyContent", [=](V& v, R& r) { v.CopyContent(RandomVector<T>(r, 7)); }},
+        {"SetAllValues", [=](V& v, R& r) { v.SetAllValues(RandomValue<T>(r)); }},
         {"SetRange(vector)",
          [=](V& v, R& r) {
              if (v.Size() >= 2)
-                 v.SetRange(v.Size() - 1, other(r, 4), 2, 3);
+                 v.SetRange(v.Size() - 1, RandomVector<T>(r, 4), 2, 3);
          }},
         {"SetRange(self)",
          [=](V& v, R&) {
              if (v.Size() >= 3)
                  v.SetRange(2, v, 1, 2);
          }},
-        {"Add", [=](V& v, R& r) { v.Add(other(r, v.Size())); }},
-        {"Subtract", [=](V& v, R& r) { v.Subtract(other(r, v.Size())); }},
+    };
+}
+
+// The arithmetic members.
+template <class T>
+std::vector<Mutation<T>> ArithmeticMutations()
+{
+    using V = NCDataVector<T>;
+    using R = std::mt19937;
+    return {
+        {"Add", [=](V& v, R& r) { v.Add(RandomVector<T>(r, v.Size())); }},
+        {"Subtract", [=](V& v, R& r) { v.Subtract(RandomVector<T>(r, v.Size())); }},
         {"Add(self)", [=](V& v, R&) { v.Add(v); }},
-        {"+=d", [=](V& v, R& r) { v += static_cast<double>(val(r)); }},
+        {"+=d", [=](V& v, R& r) { v += static_cast<double>(RandomValue<T>(r)); }},
         {"-=d", [=](V& v, R&) { v -= 1.0; }},
         {"*=d", [=](V& v, R&) { v *= -99.0; }},
         {"/=d", [=](V& v, R&) { v /= -1.0; }},
-        {"DotMultiplication", [=](V& v, R& r) { v.DotMultiplication(other(r, v.Size())); }},
-        {"DotDivide", [=](V& v, R& r) { v.DotDivide(other(r, v.Size())); }},
+        {"DotMultiplication", [=](V& v, R& r) { v.DotMultiplication(RandomVector<T>(r, v.Size())); }},
+        {"DotDivide", [=](V& v, R& r) { v.DotDivide(RandomVector<T>(r, v.Size())); }},
         {"VectorDivide", [=](V& v, R&) { v.VectorDivide(99.0); }},
-        {"TransformTo_Add_d_x_Vt", [=](V& v, R& r) { v.TransformTo_Add_d_x_Vt(2.0, other(r, v.Size())); }},
-        {"TransformTo_Sub_d_x_Vt", [=](V& v, R& r) { v.TransformTo_Sub_d_x_Vt(-1.0, other(r, v.Size())); }},
+        {"TransformTo_Add_d_x_Vt", [=](V& v, R& r) { v.TransformTo_Add_d_x_Vt(2.0, RandomVector<T>(r, v.Size())); }},
+        {"TransformTo_Sub_d_x_Vt", [=](V& v, R& r) { v.TransformTo_Sub_d_x_Vt(-1.0, RandomVector<T>(r, v.Size())); }},
         {"Abs",
          [=](V& v, R&) {
              v.Abs();
              v *= -1.0;
          }},
         {"Sqrt", [=](V& v, R&) { v.Sqrt(); }},
+    };
+}
+
+// The preprocessing members.
+template <class T>
+std::vector<Mutation<T>> PreprocessMutations()
+{
+    using V = NCDataVector<T>;
+    using R = std::mt19937;
+    double a = 0, b = 0;
+    return {
         {"Normalize", [=](V& v, R&) { v.Normalize(); }},
         {"SNV", [=](V& v, R&) { v.SNV(); }},
         {"DetrendMean", [=](V& v, R&) mutable { v.DetrendMean(a); }},
@@ -160,13 +187,32 @@ std::vector<Mutation<T>> AllMutations()
              for (int i = 1; i <= v.Size(); ++i)
                  x(i, static_cast<T>(i * i));
              if (v.Size() > 1)
-                 x(pos(r, v.Size()), T(M));
+                 x(RandomPosition(r, v.Size()), T(M));
              v.InterpolateMisVals(&x);
          }},
-        {"operator=", [=](V& v, R& r) { v = other(r, 5); }},
+    };
+}
+
+// Assignment, clearing and reserving.
+template <class T>
+std::vector<Mutation<T>> WholeVectorMutations()
+{
+    using V = NCDataVector<T>;
+    using R = std::mt19937;
+    return {
+        {"operator=", [=](V& v, R& r) { v = RandomVector<T>(r, 5); }},
         {"Clear", [=](V& v, R&) { v.Clear(); }},
         {"Reserve", [=](V& v, R&) { v.Reserve(v.Size() + 50); }},
     };
+}
+
+template <class T>
+std::vector<Mutation<T>> AllMutations()
+{
+    std::vector<Mutation<T>> all;
+    for (auto group : {StorageMutations<T>(), ArithmeticMutations<T>(), PreprocessMutations<T>(), WholeVectorMutations<T>()})
+        all.insert(all.end(), group.begin(), group.end());
+    return all;
 }
 
 // Applies long random sequences of every mutating member. After each step

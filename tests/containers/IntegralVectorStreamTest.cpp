@@ -1,6 +1,8 @@
 #include "veltancmat/containers/BoolVector.h"
 #include "veltancmat/containers/NCIntegralVector.h"
 
+#include "platform/RecordIO.h"
+
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -30,11 +32,8 @@ using BVec = NCIntegralVector<bool, 0>;
 
 std::string Hex(const QvStreamBase& object)
 {
-    std::ostringstream out;
-    EXPECT_TRUE(object.QvStreamableStartWrite(out));
-    object.QvStreamableReset();
     std::string hex;
-    for (unsigned char c : out.str())
+    for (unsigned char c : RecordIO::Written(object))
         hex += "0123456789abcdef"[c >> 4], hex += "0123456789abcdef"[c & 15];
     return hex;
 }
@@ -45,14 +44,7 @@ bool Read(const std::string& hex, QvStreamBase& object)
     std::string bytes;
     for (std::size_t i = 0; i + 1 < hex.size(); i += 2)
         bytes += static_cast<char>(std::stoi(hex.substr(i, 2), nullptr, 16));
-    std::istringstream in(bytes);
-    bool ok = false;
-    try {
-        ok = object.QvStreamableStartRead(in);
-    } catch (const QvStreamError&) {
-    }
-    object.QvStreamableReset();
-    return ok;
+    return RecordIO::ReadOrRefuse(bytes, object);
 }
 
 std::string Patched(std::string r, std::size_t at, const std::string& hex) { return r.replace(at, hex.size(), hex); }

@@ -6,6 +6,7 @@
 #include "containers/MatrixChecks.h"
 #include "containers/MemoryBound.h"
 #include "containers/VectorChecks.h"
+#include "platform/RecordIO.h"
 #include "containers/fixtures/MatrixGolden.inc"
 
 #include <gtest/gtest.h>
@@ -39,14 +40,7 @@ Matrix<T> Make(std::initializer_list<std::initializer_list<double>> rows)
     return m;
 }
 
-template <class Object>
-std::string Save(const Object& object)
-{
-    std::ostringstream out;
-    EXPECT_TRUE(object.QvStreamableStartWrite(out));
-    object.QvStreamableReset();
-    return out.str();
-}
+using RecordIO::Written;
 
 // The matrix reader reports every failure by its result: a QvStreamError
 // escaping it fails the test.
@@ -111,7 +105,7 @@ struct Forged {
 template <class T>
 std::string RowRecord(std::initializer_list<T> cells, int count)
 {
-    return Patched(Save(NCDataVector<T>(cells)), VectorCountField, count);
+    return Patched(Written(NCDataVector<T>(cells)), VectorCountField, count);
 }
 
 template <class T>
@@ -131,9 +125,9 @@ TYPED_TEST(MatrixStream, RoundTripsKeepCellsAndCountsAndWriteOnceUntilReset)
     };
     for (const Matrix<T>& original : shapes) {
         Matrix<T> copy = Make<T>({{9, -99}});
-        ASSERT_TRUE(Load(Save(original), copy));
+        ASSERT_TRUE(Load(Written(original), copy));
         EXPECT_TRUE(Same(copy, original) && copy.empty() == original.empty());
-        EXPECT_EQ(Save(copy), Save(original));
+        EXPECT_EQ(Written(copy), Written(original));
         // The loaded matrix is an ordinary one: its counts follow a write.
         if (!copy.empty()) {
             const int before = copy.GetNumMisVal() - (copy[1][1] == T(-99) ? 1 : 0);
@@ -162,7 +156,7 @@ TYPED_TEST(MatrixStream, GoldenBytesBothWays)
     const std::string golden = isFloat ? bytes(MatrixGolden::FloatRecord) : bytes(MatrixGolden::DoubleRecord);
     const Matrix<T> expected =
         isFloat ? Make<T>({{1.0, -99, 2.5}, {0.5, 4.0, -8.0}}) : Make<T>({{-99, 0.1}, {3.0, -99}});
-    EXPECT_EQ(Save(expected), golden);
+    EXPECT_EQ(Written(expected), golden);
     Matrix<T> read;
     ASSERT_TRUE(Load(golden, read));
     EXPECT_TRUE(Same(read, expected));
@@ -174,7 +168,7 @@ TYPED_TEST(MatrixStream, GoldenBytesBothWays)
 
 TEST(MatrixStreamEntries, ZeroRowsWriteNoRowEntry)
 {
-    std::istringstream in(Save(Matrix<float>(0, 2)));
+    std::istringstream in(Written(Matrix<float>(0, 2)));
     unsigned short version = 0;
     ASSERT_TRUE(QvStreamLight::CheckMagicStringAndVersionNumber(in, version, "NCDM"));
     EXPECT_EQ(version, 4);
@@ -192,7 +186,7 @@ TYPED_TEST(MatrixStream, OtherHeadersAndEveryTruncationAreRefused)
     // Another version or magic, or a cut inside the header: the record is not
     // ours and the matrix stays as it was; cut anywhere later it is damaged
     // and the matrix is emptied.
-    const std::string good = Save(Make<TypeParam>({{1, -99}, {-99, 4}}));
+    const std::string good = Written(Make<TypeParam>({{1, -99}, {-99, 4}}));
     const Matrix<TypeParam> before = Make<TypeParam>({{5, 6, -99}});
     for (const auto& [at, byte] : std::vector<std::pair<std::size_t, char>>{{5, 3}, {5, 5}, {4, 'V'}, {0, 3}}) {
         std::string bad = good;
@@ -214,7 +208,7 @@ TEST(MatrixStreamDamage, HugeSizesFailFastWithoutAllocating)
         GTEST_SKIP() << "address space cannot be capped under a sanitizer";
     // Each claim would need gigabytes if believed; the child has one to spare.
     // No missing cells: a total of 0 fits any size.
-    const std::string good = Save(Make<float>({{1, 2}, {3, 4}}));
+    const std::string good = Written(Make<float>({{1, 2}, {3, 4}}));
     const std::int32_t huge = 0x7fffffff;
     const std::vector<std::pair<std::int32_t, std::int32_t>> sizes = {
         {huge, 2}, {2, huge}, {huge, huge}, {0x10000, 0x10000}, {huge, 0}, {0, huge}, {-1, 2}, {2, -1}, {-1, 0},
@@ -235,9 +229,9 @@ TYPED_TEST(MatrixStream, ForgedRecordsThatContradictThemselvesAreRefused)
     using Other = std::conditional_t<std::is_same_v<T, float>, double, float>;
     // Cells 1 -99 2 / 3 4 -99: one missing in columns 2 and 3, two in all.
     const std::string rows = RowRecord<T>({1, -99, 2}, 1) + RowRecord<T>({3, 4, -99}, 1);
-    const std::string counts = Save(Counts{0, 1, 1});
+    const std::string counts = Written(Counts{0, 1, 1});
     // Complete rows 1 2 3 / 1 2 3, none missing.
-    const std::string row = Save(NCDataVector<T>{1, 2, 3}), none = Save(Counts{0, 0, 0});
+    const std::string row = Written(NCDataVector<T>{1, 2, 3}), none = Written(Counts{0, 0, 0});
     for (const Forged& good : {Forged{2, 3, 2, rows, counts}, Forged{2, 3, 0, row + row, none}}) {
         Matrix<T> m;
         EXPECT_TRUE(Load(good.Bytes(), m));
@@ -247,24 +241,24 @@ TYPED_TEST(MatrixStream, ForgedRecordsThatContradictThemselvesAreRefused)
         {"total too small", {2, 3, 1, rows, counts}},
         {"total beyond the cells", {2, 3, 7, rows, counts}},
         {"negative total", {2, 3, -1, rows, counts}},
-        {"counts in the wrong columns", {2, 3, 2, rows, Save(Counts{1, 1, 0})}},
-        {"negative column count", {2, 3, 2, rows, Save(Counts{-1, 2, 1})}},
-        {"too few column counts", {2, 3, 2, rows, Save(Counts{1, 1})}},
-        {"too many column counts", {2, 3, 2, rows, Save(Counts{0, 1, 1, 0})}},
+        {"counts in the wrong columns", {2, 3, 2, rows, Written(Counts{1, 1, 0})}},
+        {"negative column count", {2, 3, 2, rows, Written(Counts{-1, 2, 1})}},
+        {"too few column counts", {2, 3, 2, rows, Written(Counts{1, 1})}},
+        {"too many column counts", {2, 3, 2, rows, Written(Counts{0, 1, 1, 0})}},
         {"no column counts", {2, 3, 2, rows, std::nullopt}},
         {"column counts not a record", {2, 3, 2, rows, std::string(40, '\0')}},
         // A row's own count belongs to the cells' story too: these records
         // agree with the counts the rows claim, not with the cells.
         {"row claims none missing",
-         {2, 3, 1, RowRecord<T>({1, -99, 2}, 0) + RowRecord<T>({3, 4, -99}, 1), Save(Counts{0, 0, 1})}},
+         {2, 3, 1, RowRecord<T>({1, -99, 2}, 0) + RowRecord<T>({3, 4, -99}, 1), Written(Counts{0, 0, 1})}},
         {"row claims two missing", {2, 3, 3, RowRecord<T>({1, -99, 2}, 2) + RowRecord<T>({3, 4, -99}, 1), counts}},
-        {"a row too short", {2, 3, 0, row + Save(NCDataVector<T>{1, 2}), none}},
-        {"a row too long", {2, 3, 0, row + Save(NCDataVector<T>{1, 2, 3, 4}), none}},
-        {"an empty row", {2, 3, 0, row + Save(NCDataVector<T>()), none}},
+        {"a row too short", {2, 3, 0, row + Written(NCDataVector<T>{1, 2}), none}},
+        {"a row too long", {2, 3, 0, row + Written(NCDataVector<T>{1, 2, 3, 4}), none}},
+        {"an empty row", {2, 3, 0, row + Written(NCDataVector<T>()), none}},
         {"one row of two", {2, 3, 0, row + std::string(30, '\0'), none}},
         // As many bytes as a row of three where the sizes allow.
-        {"a row of the other type", {1, 3, 0, Save(NCDataVector<Other>(int(3 * sizeof(T) / sizeof(Other)), 1)), none}},
-        {"a row that is not a vector", {1, 3, 0, Save(Counts{1, 2, 3, 4, 5, 6, 7}), none}},
+        {"a row of the other type", {1, 3, 0, Written(NCDataVector<Other>(int(3 * sizeof(T) / sizeof(Other)), 1)), none}},
+        {"a row that is not a vector", {1, 3, 0, Written(Counts{1, 2, 3, 4, 5, 6, 7}), none}},
         {"no row entry", {2, 3, 0, std::nullopt, none}},
         {"no row count", {std::nullopt, 3, 0, row + row, none}},
         {"no column count", {2, std::nullopt, 0, row + row, none}},

@@ -4,6 +4,7 @@
 
 #include "containers/MatrixChecks.h"
 #include "platform/Caught.h"
+#include "platform/RecordIO.h"
 
 #include <gtest/gtest.h>
 #include <omp.h>
@@ -329,13 +330,7 @@ TEST(Transform, NamesOrderTextsAndSettings)
     EXPECT_EQ(read, odd);
 }
 
-std::string Write(const QvStreamBase& object)
-{
-    std::ostringstream out;
-    EXPECT_TRUE(object.QvStreamableStartWrite(out));
-    object.QvStreamableReset();
-    return out.str();
-}
+using RecordIO::Written;
 
 // `value`'s record reads back into `other`; every truncation and every record
 // in `refused` is refused and leaves `other` as it was.
@@ -348,7 +343,7 @@ void ExpectRecord(const O& value, std::vector<std::string> refused, O other)
         other.QvStreamableReset();
         return ok;
     };
-    const std::string record = Write(value);
+    const std::string record = Written(value);
     for (std::size_t n = 0; n < record.size(); ++n)
         refused.push_back(record.substr(0, n));
     const O before = other;
@@ -360,7 +355,7 @@ void ExpectRecord(const O& value, std::vector<std::string> refused, O other)
 TEST(Transform, RecordsRoundTripAndRefuseOtherVersions)
 {
     const TransformStruct ts(T::Logit, 0.25f, -3, 1e-30f);
-    const std::string record = Write(ts);
+    const std::string record = Written(ts);
     // Header 02 "TS" 01 00; two entries: the type, then the constants.
     const std::string golden = std::string("\x02TS\x01\x00\x02\x00\x00\x00\x04", 10) + std::string(7, '\0') +
                                std::string("\x05\x00\x00\x00\x01\x00\x0c", 7) + std::string(7, '\0');
@@ -374,14 +369,14 @@ TEST(Transform, RecordsRoundTripAndRefuseOtherVersions)
     NCTransform list(3);
     list[1] = ts;
     list[3] = TransformStruct(T::Power, 1, 2, 3);
-    const std::string nct = Write(list);
+    const std::string nct = Written(list);
     EXPECT_EQ(nct.size(), 34u + 3 * 45);
     EXPECT_EQ(nct.substr(18, 4), std::string("\x03\x00\x00\x00", 4));
     std::string n1 = nct, n3 = nct, huge = nct, negative = nct;
     n1[4] = 1, n3[4] = 3;
     huge.replace(18, 4, "\xff\xff\xff\x7f");
     negative.replace(18, 4, "\xff\xff\xff\xff");
-    ExpectRecord(list, {n1, n3, huge, negative, Write(ts)}, NCTransform(1));
+    ExpectRecord(list, {n1, n3, huge, negative, Written(ts)}, NCTransform(1));
     ExpectRecord(NCTransform(), {}, NCTransform(2));
 
     // Written once per save until reset, elements included.
@@ -389,7 +384,7 @@ TEST(Transform, RecordsRoundTripAndRefuseOtherVersions)
     EXPECT_TRUE(list.QvStreamableStartWrite(twice) && list.QvStreamableStartWrite(twice));
     EXPECT_EQ(twice.str(), nct);
     list.QvStreamableReset();
-    EXPECT_EQ(Write(list), nct);
+    EXPECT_EQ(Written(list), nct);
 }
 
 } // namespace

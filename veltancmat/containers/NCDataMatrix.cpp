@@ -61,15 +61,13 @@ template <class T>
 NCDataMatrix<T>::NCDataMatrix(const NCDataMatrix& other) : QvStreamBase(other)
 {
     NCSharedBlockLock lock(other.m_shared);
-    m_shared = other.m_shared;
+    m_shared = NCShareBlock(other.m_shared);
     m_cols = other.m_cols;
     m_rows = other.m_rows;
     m_rowArray = other.m_rowArray;
     m_colMis = other.m_colMis;
     m_numMis = other.m_numMis;
     m_reservedRows = other.m_reservedRows;
-    if (m_shared)
-        m_shared->refCount.fetch_add(1, std::memory_order_relaxed);
 }
 
 template <class T>

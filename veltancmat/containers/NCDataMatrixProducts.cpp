@@ -11,6 +11,7 @@
 #include "veltancmat/containers/NCDataMatrix.h"
 
 #include "veltancmat/containers/MatrixErrors.h"
+#include "veltancmat/containers/frame/ParallelWork.h"
 #include "veltancmat/containers/frame/Simd.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -27,10 +28,6 @@ namespace {
 
 const char* const DifferentMatrices = "Matrices are different size.";
 const char* const DifferentVectors = "Vectors are of different size.";
-
-// Below this many multiply-adds a product stays on the calling thread: the
-// fork and join of a parallel region would cost more than they save.
-constexpr double ParallelWork = 100000.0;
 
 // The dense tile: four result rows share every loaded segment of a
 // right-hand row, and 256 columns keep the four double accumulator rows
@@ -355,7 +352,7 @@ NCDataMatrix<T> Product(const NCDataMatrix<T>& a, bool aTransposed, const NCData
         return product;
     std::vector<T*> out = product.GetMatrixAsPointerPointer();
     const double work = static_cast<double>(left.Rows()) * left.Inner() * right.columns;
-    const bool parallel = work > ParallelWork;
+    const bool parallel = work > NCParallelWork::MinProductMultiplyAdds;
     if (left.HasMissingValues() || right.anyMissing)
         ProductMasked(left, right, out.data(), parallel);
     else
@@ -513,36 +510,83 @@ void NCDataMatrix<T>::TransformToMprim_mul_M()
     *this = MultiplyTransposeThis(*this);
 }
 
-template <class T>
-bool NCDataMatrix<T>::TransformToInverse()
-{
-    if (m_rows != m_cols)
-        ThrowSize("TransformToInverse", DifferentMatrices);
-    const int n = m_rows;
-    // The factors in double, row-major and 0-based: a(i, j) = lu[i * n + j].
-    std::vector<double> lu(static_cast<std::size_t>(n) * n);
-    auto at = [&lu, n](int i, int j) -> double& { return lu[static_cast<std::size_t>(i) * n + j]; };
-    for (int i = 0; i < n; ++i)
-        for (int j = 0; j < n; ++j)
-            at(i, j) = m_rowArray[i + 1][j + 1];
+namespace {
 
+// The LU factors of a square matrix, in double, row-major and 0-based, by
+// Crout's method with implicit partial pivoting: L (unit diagonal, not
+// stored) below the diagonal and U on and above it, in one array.
+class LUFactors
+{
+public:
+    explicit LUFactors(int n)
+        : m_n(n), m_lu(static_cast<std::size_t>(n) * n), m_pivotRow(static_cast<std::size_t>(n))
+    {
+    }
+
+    double& at(int i, int j) { return m_lu[static_cast<std::size_t>(i) * m_n + j]; }
+    double at(int i, int j) const { return m_lu[static_cast<std::size_t>(i) * m_n + j]; }
+
+    // Factors the matrix stored by at(); false when a row is all zeros.
+    bool Factor()
+    {
+        std::vector<double> scale(static_cast<std::size_t>(m_n));
+        if (!RowScales(scale))
+            return false;
+        for (int j = 0; j < m_n; ++j)
+            FactorColumn(j, scale);
+        return true;
+    }
+
+    // x = A^-1 e_col, e_col the unit vector; x has n elements.
+    void SolveUnit(int col, std::vector<double>& x) const
+    {
+        const int n = m_n;
+        std::fill(x.begin(), x.end(), 0.0);
+        x[col] = 1.0;
+        // Forward substitution with the row exchanges replayed in order;
+        // the leading zeros of the unit vector are skipped.
+        int first = -1;
+        for (int i = 0; i < n; ++i) {
+            const int p = m_pivotRow[i];
+            double sum = x[p];
+            x[p] = x[i];
+            if (first >= 0) {
+                for (int k = first; k < i; ++k)
+                    sum -= at(i, k) * x[k];
+            } else if (sum != 0.0) {
+                first = i;
+            }
+            x[i] = sum;
+        }
+        for (int i = n - 1; i >= 0; --i) {
+            double sum = x[i];
+            for (int k = i + 1; k < n; ++k)
+                sum -= at(i, k) * x[k];
+            x[i] = sum / at(i, i);
+        }
+    }
+
+private:
     // Implicit pivoting compares candidates as if every row were scaled to
     // a largest element of 1. A row of zeros has no scale: singular.
-    std::vector<double> scale(static_cast<std::size_t>(n));
-    for (int i = 0; i < n; ++i) {
-        double largest = 0.0;
-        for (int j = 0; j < n; ++j)
-            largest = std::max(largest, std::fabs(at(i, j)));
-        if (largest == 0.0)
-            return false;
-        scale[i] = 1.0 / largest;
+    bool RowScales(std::vector<double>& scale) const
+    {
+        for (int i = 0; i < m_n; ++i) {
+            double largest = 0.0;
+            for (int j = 0; j < m_n; ++j)
+                largest = std::max(largest, std::fabs(at(i, j)));
+            if (largest == 0.0)
+                return false;
+            scale[i] = 1.0 / largest;
+        }
+        return true;
     }
 
     // Crout's order: column j of U above the diagonal, then column j of L
     // on and below it, the pivot chosen among the latter.
-    std::vector<int> pivotRow(static_cast<std::size_t>(n));
-    const double tinyPivot = static_cast<float>(1e-20);
-    for (int j = 0; j < n; ++j) {
+    void FactorColumn(int j, std::vector<double>& scale)
+    {
+        const int n = m_n;
         for (int i = 0; i < j; ++i) {
             double sum = at(i, j);
             for (int k = 0; k < i; ++k)
@@ -567,43 +611,41 @@ bool NCDataMatrix<T>::TransformToInverse()
                 std::swap(at(bestRow, k), at(j, k));
             scale[bestRow] = scale[j];
         }
-        pivotRow[j] = bestRow;
+        m_pivotRow[j] = bestRow;
         // A vanished pivot is kept tiny rather than reported: a nearly
         // singular matrix gets a very large inverse, which callers expect.
         if (at(j, j) == 0.0)
-            at(j, j) = tinyPivot;
+            at(j, j) = static_cast<float>(1e-20);
         const double reciprocal = 1.0 / at(j, j);
         for (int i = j + 1; i < n; ++i)
             at(i, j) *= reciprocal;
     }
 
+    int m_n;
+    std::vector<double> m_lu;
+    std::vector<int> m_pivotRow;
+};
+
+} // namespace
+
+template <class T>
+bool NCDataMatrix<T>::TransformToInverse()
+{
+    if (m_rows != m_cols)
+        ThrowSize("TransformToInverse", DifferentMatrices);
+    const int n = m_rows;
+    LUFactors lu(n);
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j)
+            lu.at(i, j) = m_rowArray[i + 1][j + 1];
+    if (!lu.Factor())
+        return false;
+
     NCDataMatrix inverse(n, n);
     std::vector<T*> out = inverse.GetMatrixAsPointerPointer();
     std::vector<double> x(static_cast<std::size_t>(n));
     for (int col = 0; col < n; ++col) {
-        std::fill(x.begin(), x.end(), 0.0);
-        x[col] = 1.0;
-        // Forward substitution with the row exchanges replayed in order;
-        // the leading zeros of the unit vector are skipped.
-        int first = -1;
-        for (int i = 0; i < n; ++i) {
-            const int p = pivotRow[i];
-            double sum = x[p];
-            x[p] = x[i];
-            if (first >= 0) {
-                for (int k = first; k < i; ++k)
-                    sum -= at(i, k) * x[k];
-            } else if (sum != 0.0) {
-                first = i;
-            }
-            x[i] = sum;
-        }
-        for (int i = n - 1; i >= 0; --i) {
-            double sum = x[i];
-            for (int k = i + 1; k < n; ++k)
-                sum -= at(i, k) * x[k];
-            x[i] = sum / at(i, i);
-        }
+        lu.SolveUnit(col, x);
         for (int i = 0; i < n; ++i)
             out[i + 1][col + 1] = static_cast<T>(x[i]);
     }

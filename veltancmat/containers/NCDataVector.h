@@ -310,6 +310,10 @@ private:
     // Ensures unshared storage for at least n elements, keeping the
     // current elements.
     void Grow(int n);
+    // Copies the elements into new storage for `capacity` (>= Size())
+    // elements, held through `record`, or a new record when it is null. The
+    // old storage is left to the caller.
+    void MoveToNewBlock(int capacity, NCSharedBlock* record);
     // Like Grow, but growing geometrically, for appends and inserts.
     void EnsureCapacity(int n);
     void CheckSameSize(const NCDataVector& v, const char* member) const;

@@ -61,9 +61,7 @@ NCIntegralVector<T, Missing>::NCIntegralVector(const NCIntegralVector& other) no
     m_size = other.m_size;
     m_capacity = other.m_capacity;
     m_data = other.m_data;
-    m_block = other.m_block;
-    if (m_block)
-        m_block->refCount.fetch_add(1, std::memory_order_relaxed);
+    m_block = NCShareBlock(other.m_block);
 }
 
 template <class T, int Missing>
@@ -103,9 +101,7 @@ NCIntegralVector<T, Missing>& NCIntegralVector<T, Missing>::operator=(const NCIn
         m_size = other.m_size;
         m_capacity = other.m_capacity;
         m_data = other.m_data;
-        m_block = other.m_block;
-        if (m_block)
-            m_block->refCount.fetch_add(1, std::memory_order_relaxed);
+        m_block = NCShareBlock(other.m_block);
     }
     if (lastUser) {
         delete[] oldData;

@@ -1,6 +1,8 @@
 #include "veltancmat/containers/NCNipalsBatch.h"
 
 #include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/containers/frame/NipalsRule.h"
+#include "veltancmat/containers/frame/ParallelWork.h"
 #include "veltancmat/containers/frame/Simd.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -16,9 +18,7 @@
 namespace {
 
 // Explicit 32-byte vectors, as in the single-vector kernels; the helpers
-// taking them are always inlined, so the ABI warning about passing them
-// does not apply.
-#pragma GCC diagnostic ignored "-Wpsabi"
+// taking them are always inlined, so no vector argument crosses a call.
 using FloatVec = float __attribute__((vector_size(32)));
 using DoubleVec = double __attribute__((vector_size(32)));
 using IntVec = int __attribute__((vector_size(32)));
@@ -30,7 +30,7 @@ constexpr int MaxVectors = NCNipalsBatch::MaxVectors;
 // double: the sums stay in registers, and no float sum runs over more than
 // eight or sixteen terms. The column projection widens R vectors of sums
 // into memory per block, which with blocks of eight rows cost about as much
-// as the products; sixteen measured 7 % faster over a cross-validation.
+// as the products; blocks of sixteen halve that.
 constexpr int FlushEvery = 8;
 constexpr int ColumnBlockRows = 16;
 
@@ -158,33 +158,42 @@ VELTAN_SIMD_CLONES void NarrowDots(const float* __restrict x, const float* __res
     std::memcpy(sums, total, sizeof total);
 }
 
-// squares[0 .. 7] += add, counts[0 .. 7] += pairs: a missing cell's share
-// for every vector at once.
-inline __attribute__((always_inline)) void AddGap(double* squares, int* counts, const DoubleVec* add, IntVec pairs)
-{
+// A missing cell's share for every vector at once: the squares it removes
+// from each vector's sum of squares, and the pairs from each count.
+struct GapShare {
     static_assert(MaxVectors == 8, "one pair of double vectors and one int vector per gap");
-    DoubleVec s[2];
-    IntVec c;
-    std::memcpy(s, squares, sizeof s);
-    std::memcpy(&c, counts, sizeof c);
-    s[0] += add[0];
-    s[1] += add[1];
-    c += pairs;
-    std::memcpy(squares, s, sizeof s);
-    std::memcpy(counts, &c, sizeof c);
-}
+    DoubleVec squares[2] = {};
+    IntVec pairs = {};
 
-// The same into sums held by the caller, from a column's shares in memory.
-inline __attribute__((always_inline)) void AddGap(DoubleVec* squares, IntVec& pairs, const double* add,
-                                                  const int* present)
+    // The share stored at squares[0 .. 7], counts[0 .. 7].
+    static inline __attribute__((always_inline)) GapShare Load(const double* squares, const int* counts)
+    {
+        GapShare share;
+        std::memcpy(share.squares, squares, sizeof share.squares);
+        std::memcpy(&share.pairs, counts, sizeof share.pairs);
+        return share;
+    }
+
+    inline __attribute__((always_inline)) void Store(double* squares, int* counts) const
+    {
+        std::memcpy(squares, this->squares, sizeof this->squares);
+        std::memcpy(counts, &pairs, sizeof pairs);
+    }
+
+    inline __attribute__((always_inline)) void Add(const GapShare& other)
+    {
+        squares[0] += other.squares[0];
+        squares[1] += other.squares[1];
+        pairs += other.pairs;
+    }
+};
+
+// The share stored at squares, counts plus `add`, stored back.
+inline __attribute__((always_inline)) void AddGap(double* squares, int* counts, const GapShare& add)
 {
-    DoubleVec s[2];
-    IntVec c;
-    std::memcpy(s, add, sizeof s);
-    std::memcpy(&c, present, sizeof c);
-    squares[0] += s[0];
-    squares[1] += s[1];
-    pairs += c;
+    GapShare sum = GapShare::Load(squares, counts);
+    sum.Add(add);
+    sum.Store(squares, counts);
 }
 
 using ColumnKernel = void (*)(double*, int, const float* const*, const float*, int, int);
@@ -230,13 +239,9 @@ int LineStride(int n, std::size_t elementSize)
     return (n + perLine) / perLine * perLine;
 }
 
-// A pass with less arithmetic than this (cells times vectors) runs on one
-// thread: the fork and join of a team would cost more.
-constexpr long long MinParallelWork = 1 << 16;
-
 bool WorthParallel(long long rows, long long cols, int vectors)
 {
-    return rows * std::max(cols, 32LL) * vectors >= MinParallelWork;
+    return NCParallelWork::ProjectionWorthParallel(rows, cols, vectors, NCParallelWork::MinSharedPassWork);
 }
 
 int TeamSize(bool parallel)
@@ -305,126 +310,164 @@ void NCNipalsBatch::Rows(std::span<const NCDataVector<float>* const> weights,
     InRunsOfEight(weights, results, m_matrix.SizeColumns(), "NCNipalsBatch::Rows", [&](auto in, auto out) { RowsUpTo8(in, out); });
 }
 
+namespace {
+
+// A column pass's sums, one set per thread of the team; they are added in
+// thread order afterwards, so a given team size always gives the same bits.
+struct ColumnPassSums {
+    ColumnPassSums(int team, int vectors, int n, bool gaps)
+        : team(team), stride(LineStride(n, sizeof(double))),
+          perThread(static_cast<std::size_t>(vectors) * static_cast<std::size_t>(stride)),
+          gapSquares(static_cast<std::size_t>(team)), gapCounts(static_cast<std::size_t>(team)),
+          tt(static_cast<std::size_t>(team) * MaxVectors, 0.0), rowsUsed(static_cast<std::size_t>(team) * MaxVectors, 0)
+    {
+        totals = LineAlignedFromOne(totalStorage, perThread * static_cast<std::size_t>(team));
+        const std::size_t gapCells = static_cast<std::size_t>(n + 1) * MaxVectors;
+        for (int thread = 0; gaps && thread < team; ++thread) {
+            gapSquares[static_cast<std::size_t>(thread)].assign(gapCells, 0.0);
+            gapCounts[static_cast<std::size_t>(thread)].assign(gapCells, 0);
+        }
+    }
+
+    int team;
+    int stride;            // between two vectors' products
+    std::size_t perThread; // between two threads' products
+    std::vector<double> totalStorage;
+    double* totals = nullptr; // products x't, [thread * perThread + r * stride + j]
+    // What the missing cells remove, per thread and column with the vectors
+    // side by side ([thread][j * MaxVectors + r]), so that a gap is one
+    // short vector update rather than a scattered one per vector. Each
+    // thread has a block of its own: in one shared block the two threads'
+    // halves slowed each other.
+    std::vector<std::vector<double>> gapSquares;
+    std::vector<std::vector<int>> gapCounts;
+    // Per thread and vector: the sum of the present squares of the scores
+    // and how many there are.
+    std::vector<double> tt;
+    std::vector<int> rowsUsed;
+};
+
+// What one thread adds into during a column pass.
+struct ThreadColumnSums {
+    double* total;
+    double* gapSquares; // null without gaps
+    int* gapCounts;
+    double tt[MaxVectors] = {};
+    int used[MaxVectors] = {};
+};
+
+// The missing cells of the matrix, row by row (see NCNipalsBatch::m_gaps).
+struct GapList {
+    const int* gaps;
+    const int* start;
+};
+
+// Adds the rows first .. first + count - 1 into `mine`: the products of
+// every cell with the scores, and where a row has gaps, the squares and
+// pairs its missing cells remove from their columns.
+void SumColumnBlock(const NCDataMatrix<float>& m, const GapList& gapList, const float* const* t, int vectors,
+                    int first, int count, int stride, ThreadColumnSums& mine)
+{
+    const int n = m.SizeColumns();
+    const float* x[ColumnBlockRows];
+    // The block's scores row by row, a missing one as zero (it adds nothing).
+    float s[ColumnBlockRows * MaxVectors];
+    bool used[ColumnBlockRows * MaxVectors];
+    bool masked = false;
+    for (int b = 0; b < count; ++b) {
+        const int i = first + b;
+        x[b] = m[i].GetVector();
+        masked |= !m[i].HasNoMissingValues();
+        for (int r = 0; r < vectors; ++r) {
+            const float v = t[r][i];
+            const bool present = !IsMisVal(v);
+            s[b * vectors + r] = present ? v : 0.0f;
+            used[b * vectors + r] = present;
+            mine.tt[r] += present ? static_cast<double>(v * v) : 0.0;
+            mine.used[r] += present ? 1 : 0;
+        }
+    }
+    ColumnKernelTable[masked][static_cast<std::size_t>(vectors) - 1](mine.total, stride, x, s, count, n);
+    if (!masked)
+        return;
+    // A missing cell removes the squares of the scores it meets from its
+    // column's sum of squares, and the pair from its count.
+    for (int b = 0; b < count; ++b) {
+        GapShare share;
+        for (int r = 0; r < vectors; ++r) {
+            const float v = s[b * vectors + r];
+            share.squares[r / 4][r % 4] = static_cast<double>(v * v);
+            share.pairs[r] = used[b * vectors + r] ? 1 : 0;
+        }
+        const int* gap = gapList.gaps + gapList.start[first + b];
+        const int* end = gapList.gaps + gapList.start[first + b + 1];
+        for (; gap < end; ++gap)
+            AddGap(mine.gapSquares + static_cast<std::size_t>(*gap) * MaxVectors,
+                   mine.gapCounts + static_cast<std::size_t>(*gap) * MaxVectors, share);
+    }
+}
+
+// Vector r's loadings from the threads' sums, added in thread order.
+void ColumnQuotients(const ColumnPassSums& sums, int r, int n, bool gaps, NCDataVector<float>* result)
+{
+    double squaresOfScores = 0.0;
+    int pairsWithoutGaps = 0;
+    for (int thread = 0; thread < sums.team; ++thread) {
+        squaresOfScores += sums.tt[static_cast<std::size_t>(thread) * MaxVectors + r];
+        pairsWithoutGaps += sums.rowsUsed[static_cast<std::size_t>(thread) * MaxVectors + r];
+    }
+    result->SetSize(n);
+    float* out = result->GetVectorForWriting();
+    for (int j = 1; j <= n; ++j) {
+        double s12 = 0.0, squares = 0.0;
+        int pairs = pairsWithoutGaps;
+        for (int thread = 0; thread < sums.team; ++thread) {
+            const std::size_t cell = static_cast<std::size_t>(r) * sums.stride + j;
+            s12 += sums.totals[sums.perThread * thread + cell];
+            if (gaps) {
+                const std::size_t at = static_cast<std::size_t>(j) * MaxVectors + r;
+                squares += sums.gapSquares[static_cast<std::size_t>(thread)][at];
+                pairs -= sums.gapCounts[static_cast<std::size_t>(thread)][at];
+            }
+        }
+        const double d = squares > 0.0 ? NipalsDivisor(squaresOfScores, squaresOfScores - squares) : squaresOfScores;
+        out[j] = NipalsQuotient<float>(s12, d, pairs);
+    }
+    result->RecountMissing();
+}
+
+} // namespace
+
 void NCNipalsBatch::ColumnsUpTo8(std::span<const NCDataVector<float>* const> scores,
                                  std::span<NCDataVector<float>* const> results) const
 {
     const int rows = m_matrix.SizeRows(), n = m_matrix.SizeColumns();
     const int vectors = static_cast<int>(scores.size());
-
-    // Each thread sums into its own arrays; they are added in thread order
-    // afterwards, so a given team size always gives the same bits.
     const bool gaps = !m_gaps.empty();
     const bool parallel = WorthParallel(rows, n, vectors);
-    const int team = TeamSize(parallel);
-    const int stride = LineStride(n, sizeof(double));
-    const std::size_t perThread = static_cast<std::size_t>(vectors) * stride;
-    std::vector<double> totalStorage;
-    double* const totals = LineAlignedFromOne(totalStorage, perThread * team);
-    // What the missing cells remove, per thread and column with the vectors
-    // side by side (gapSquares[thread][j * MaxVectors + r]), so that a gap
-    // is one short vector update rather than a scattered one per vector.
-    // Each thread has a block of its own: in one shared block the two
-    // threads' halves slowed each other threefold.
-    const std::size_t gapCells = static_cast<std::size_t>(n + 1) * MaxVectors;
-    std::vector<std::vector<double>> gapSquares(static_cast<std::size_t>(team));
-    std::vector<std::vector<int>> gapCounts(static_cast<std::size_t>(team));
-    for (int thread = 0; gaps && thread < team; ++thread) {
-        gapSquares[static_cast<std::size_t>(thread)].assign(gapCells, 0.0);
-        gapCounts[static_cast<std::size_t>(thread)].assign(gapCells, 0);
-    }
+    ColumnPassSums sums(TeamSize(parallel), vectors, n, gaps);
+    const GapList gapList{m_gaps.data(), m_gapStart.data()};
     const int blocks = (rows + ColumnBlockRows - 1) / ColumnBlockRows;
     const float* t[MaxVectors];
     for (int r = 0; r < vectors; ++r)
         t[r] = scores[r]->GetVector();
-    // Per thread and vector: the sum of the present squares of the scores
-    // and how many there are.
-    std::vector<double> tt(static_cast<std::size_t>(team) * MaxVectors, 0.0);
-    std::vector<int> rowsUsed(static_cast<std::size_t>(team) * MaxVectors, 0);
-#pragma omp parallel num_threads(team) if (parallel)
+#pragma omp parallel num_threads(sums.team) if (parallel)
     {
         const int thread = omp_get_thread_num();
-        const std::size_t mine = perThread * static_cast<std::size_t>(thread);
-        double* total = totals + mine;
-        double* mySquares = gaps ? gapSquares[static_cast<std::size_t>(thread)].data() : nullptr;
-        int* myCounts = gaps ? gapCounts[static_cast<std::size_t>(thread)].data() : nullptr;
-        double myTT[MaxVectors] = {};
-        int myUsed[MaxVectors] = {};
+        const std::size_t me = static_cast<std::size_t>(thread);
+        ThreadColumnSums mine{sums.totals + sums.perThread * me, gaps ? sums.gapSquares[me].data() : nullptr,
+                              gaps ? sums.gapCounts[me].data() : nullptr};
 #pragma omp for schedule(static) nowait
         for (int block = 0; block < blocks; ++block) {
             const int first = block * ColumnBlockRows + 1;
-            const int count = std::min(ColumnBlockRows, rows - first + 1);
-            const float* x[ColumnBlockRows];
-            // The block's scores row by row, a missing one as zero (it adds nothing).
-            float s[ColumnBlockRows * MaxVectors];
-            bool used[ColumnBlockRows * MaxVectors];
-            bool masked = false;
-            for (int b = 0; b < count; ++b) {
-                const int i = first + b;
-                x[b] = m_matrix[i].GetVector();
-                masked |= !m_matrix[i].HasNoMissingValues();
-                for (int r = 0; r < vectors; ++r) {
-                    const float v = t[r][i];
-                    const bool present = !IsMisVal(v);
-                    s[b * vectors + r] = present ? v : 0.0f;
-                    used[b * vectors + r] = present;
-                    myTT[r] += present ? static_cast<double>(v * v) : 0.0;
-                    myUsed[r] += present ? 1 : 0;
-                }
-            }
-            ColumnKernelTable[masked][static_cast<std::size_t>(vectors) - 1](total, stride, x, s, count, n);
-            if (!masked)
-                continue;
-            // A missing cell removes the squares of the scores it meets
-            // from its column's sum of squares, and the pair from its count.
-            for (int b = 0; b < count; ++b) {
-                DoubleVec squares[2] = {};
-                IntVec pairs = {};
-                for (int r = 0; r < vectors; ++r) {
-                    const float v = s[b * vectors + r];
-                    squares[r / 4][r % 4] = static_cast<double>(v * v);
-                    pairs[r] = used[b * vectors + r] ? 1 : 0;
-                }
-                const int* gap = m_gaps.data() + m_gapStart[static_cast<std::size_t>(first + b)];
-                const int* end = m_gaps.data() + m_gapStart[static_cast<std::size_t>(first + b) + 1];
-                for (; gap < end; ++gap)
-                    AddGap(mySquares + static_cast<std::size_t>(*gap) * MaxVectors,
-                           myCounts + static_cast<std::size_t>(*gap) * MaxVectors, squares, pairs);
-            }
+            SumColumnBlock(m_matrix, gapList, t, vectors, first, std::min(ColumnBlockRows, rows - first + 1),
+                           sums.stride, mine);
         }
-        std::copy_n(myTT, MaxVectors, tt.data() + static_cast<std::size_t>(thread) * MaxVectors);
-        std::copy_n(myUsed, MaxVectors, rowsUsed.data() + static_cast<std::size_t>(thread) * MaxVectors);
+        std::copy_n(mine.tt, MaxVectors, sums.tt.data() + me * MaxVectors);
+        std::copy_n(mine.used, MaxVectors, sums.rowsUsed.data() + me * MaxVectors);
     }
-
-    for (int r = 0; r < vectors; ++r) {
-        double squaresOfScores = 0.0;
-        int pairsWithoutGaps = 0;
-        for (int thread = 0; thread < team; ++thread) {
-            squaresOfScores += tt[static_cast<std::size_t>(thread) * MaxVectors + r];
-            pairsWithoutGaps += rowsUsed[static_cast<std::size_t>(thread) * MaxVectors + r];
-        }
-        results[r]->SetSize(n);
-        float* out = results[r]->GetVectorForWriting();
-        for (int j = 1; j <= n; ++j) {
-            double s12 = 0.0, squares = 0.0;
-            int pairs = pairsWithoutGaps;
-            for (int thread = 0; thread < team; ++thread) {
-                const std::size_t cell = static_cast<std::size_t>(r) * stride + j;
-                s12 += totals[perThread * thread + cell];
-                if (gaps) {
-                    const std::size_t at = static_cast<std::size_t>(j) * MaxVectors + r;
-                    squares += gapSquares[static_cast<std::size_t>(thread)][at];
-                    pairs -= gapCounts[static_cast<std::size_t>(thread)][at];
-                }
-            }
-            // The one-third floor keeps a column with many gaps from being
-            // divided by almost nothing.
-            const double d =
-                squares > 0.0 ? std::max(squaresOfScores / 3.0, squaresOfScores - squares) : squaresOfScores;
-            const bool defined = pairs > 0 && std::fabs(d) > 1e-30;
-            out[j] = defined ? static_cast<float>(s12 / d) : NCMisVal<float>;
-        }
-        results[r]->RecountMissing();
-    }
+    for (int r = 0; r < vectors; ++r)
+        ColumnQuotients(sums, r, n, gaps, results[r]);
 }
 
 void NCNipalsBatch::RowsUpTo8(std::span<const NCDataVector<float>* const> weights,
@@ -481,17 +524,15 @@ void NCNipalsBatch::RowsUpTo8(std::span<const NCDataVector<float>* const> weight
             NarrowDots(row.GetVector(), lanes.data(), n, !complete, sums);
         else
             DotKernelTable[complete ? 0 : 1][kernel](row.GetVector(), pv, n, sums);
-        DoubleVec gapSquares[2] = {};
-        IntVec gapPairs = {};
+        GapShare gaps;
         const int* gap = m_gaps.data() + m_gapStart[static_cast<std::size_t>(i)];
         const int* end = m_gaps.data() + m_gapStart[static_cast<std::size_t>(i) + 1];
         for (; gap < end; ++gap)
-            AddGap(gapSquares, gapPairs, p2.data() + static_cast<std::size_t>(*gap) * MaxVectors,
-                   present.data() + static_cast<std::size_t>(*gap) * MaxVectors);
+            gaps.Add(GapShare::Load(p2.data() + static_cast<std::size_t>(*gap) * MaxVectors,
+                                    present.data() + static_cast<std::size_t>(*gap) * MaxVectors));
         for (int r = 0; r < vectors; ++r) {
-            const double d = complete ? pp[r] : std::max(pp[r] / 3.0, pp[r] - gapSquares[r / 4][r % 4]);
-            const bool defined = presentInP[r] - gapPairs[r] > 0 && std::fabs(d) > 1e-30;
-            out[r][i] = defined ? static_cast<float>(sums[r] / d) : NCMisVal<float>;
+            const double d = complete ? pp[r] : NipalsDivisor(pp[r], pp[r] - gaps.squares[r / 4][r % 4]);
+            out[r][i] = NipalsQuotient<float>(sums[r], d, presentInP[r] - gaps.pairs[r]);
         }
     }
     for (int r = 0; r < vectors; ++r)

@@ -54,6 +54,64 @@ NCSVD<T>::~NCSVD() = default;
 
 // ---------------------------------------------------------- decomposition
 
+namespace {
+
+// The cells of a as a double matrix; false at the first cell that is not
+// finite. The kernel works in double for both element types: singular
+// values are cut at 1e-16 of the largest, which only double arithmetic can
+// resolve, and float input widens without loss.
+template <class T>
+bool ToDouble(const NCDataMatrix<T>& a, Eigen::MatrixXd& A)
+{
+    const int m = a.SizeRows();
+    const int n = a.SizeColumns();
+    A.resize(m, n);
+    for (int i = 1; i <= m; ++i) {
+        const T* row = a[i].GetVector();
+        for (int j = 1; j <= n; ++j) {
+            if (!std::isfinite(row[j]))
+                return false;
+            A(i - 1, j - 1) = static_cast<double>(row[j]);
+        }
+    }
+    return true;
+}
+
+// The thin U (m x k), the full V (n x n) and the k = min(m, n) singular
+// values of A; false when the decomposition fails or gives what T cannot
+// hold. An empty matrix decomposes trivially: no U cells, V the identity.
+template <class T>
+bool DecomposeDouble(const Eigen::MatrixXd& A, Eigen::MatrixXd& u, Eigen::MatrixXd& v, Eigen::VectorXd& s)
+{
+    const int k = static_cast<int>(std::min(A.rows(), A.cols()));
+    u.resize(A.rows(), k);
+    v = Eigen::MatrixXd::Identity(A.cols(), A.cols());
+    s.resize(k);
+    if (k == 0)
+        return true;
+    // Divide and conquer keeps wide data tables affordable; below 16
+    // columns the Eigen implementation hands the work to one-sided Jacobi,
+    // which finds small singular values to high relative accuracy. V is
+    // computed in full so that a wide matrix (m < n) still gets n
+    // orthonormal right singular vectors.
+    Eigen::BDCSVD<Eigen::MatrixXd> svd(A, Eigen::ComputeThinU | Eigen::ComputeFullV);
+    if (svd.info() != Eigen::Success)
+        return false;
+    u = svd.matrixU();
+    v = svd.matrixV();
+    s = svd.singularValues();
+    if (!u.allFinite() || !v.allFinite())
+        return false;
+    // Float singular values of a float matrix with huge cells may overflow
+    // even though the double ones did not.
+    for (int c = 0; c < k; ++c)
+        if (!std::isfinite(static_cast<T>(s(c))))
+            return false;
+    return true;
+}
+
+} // namespace
+
 template <class T>
 bool NCSVD<T>::Decompose(Matrix& a, Matrix& V, Vector& w)
 {
@@ -64,46 +122,11 @@ bool NCSVD<T>::Decompose(Matrix& a, Matrix& V, Vector& w)
     // would do the same. Both are refused before anything is written.
     if (a.HasMissingValues())
         return false;
-
-    // The kernel works in double for both element types: singular values
-    // are cut at 1e-16 of the largest, which only double arithmetic can
-    // resolve, and float input widens without loss.
-    Eigen::MatrixXd A(m, n);
-    for (int i = 1; i <= m; ++i) {
-        const T* row = a[i].GetVector();
-        for (int j = 1; j <= n; ++j) {
-            if (!std::isfinite(row[j]))
-                return false;
-            A(i - 1, j - 1) = static_cast<double>(row[j]);
-        }
-    }
-
-    // An empty matrix decomposes trivially: no U cells to write, V the
-    // identity and all singular values 0.
+    Eigen::MatrixXd A, u, v;
+    Eigen::VectorXd s;
+    if (!ToDouble(a, A) || !DecomposeDouble<T>(A, u, v, s))
+        return false;
     const int k = std::min(m, n);
-    Eigen::MatrixXd u(m, k);
-    Eigen::MatrixXd v = Eigen::MatrixXd::Identity(n, n);
-    Eigen::VectorXd s(k);
-    if (k > 0) {
-        // Divide and conquer keeps wide data tables affordable; below 16
-        // columns the Eigen implementation hands the work to one-sided
-        // Jacobi, which finds small singular values to high relative
-        // accuracy. V is computed in full so that a wide matrix (m < n)
-        // still gets n orthonormal right singular vectors.
-        Eigen::BDCSVD<Eigen::MatrixXd> svd(A, Eigen::ComputeThinU | Eigen::ComputeFullV);
-        if (svd.info() != Eigen::Success)
-            return false;
-        u = svd.matrixU();
-        v = svd.matrixV();
-        s = svd.singularValues();
-        if (!u.allFinite() || !v.allFinite())
-            return false;
-        // Float singular values of a float matrix with huge cells may
-        // overflow even though the double ones did not.
-        for (int c = 0; c < k; ++c)
-            if (!std::isfinite(static_cast<T>(s(c))))
-                return false;
-    }
 
     Matrix rightVectors(n, n);
     std::vector<T*> vRows = rightVectors.GetMatrixAsPointerPointer();

@@ -276,6 +276,75 @@ void NCScale::ScaleMatrix(NCDataMatrix<float>* m, bool newModel)
         ScaleWithCurrentModel(m);
 }
 
+namespace {
+
+// The column sums of the present cells, in double.
+std::vector<double> PresentSums(const NCDataMatrix<float>& m)
+{
+    const int n = m.SizeColumns();
+    const int rows = m.SizeRows();
+    if (rows == 0 || n == 0)
+        return std::vector<double>(static_cast<std::size_t>(n) + 1, 0.0);
+    ThreadSums perThread(n);
+#pragma omp parallel for schedule(static)
+    for (int i = 1; i <= rows; ++i)
+        AddPresent(perThread.Mine(), m[i].GetVector(), n);
+    return perThread.Total();
+}
+
+// The column sums of squares of the values centring will store, and in
+// `present` the cells per column that stay present after centring.
+std::vector<double> CentredSquares(const NCDataMatrix<float>& m, const std::vector<float>& centre,
+                                   std::vector<int>& present)
+{
+    const int n = m.SizeColumns();
+    const int rows = m.SizeRows();
+    ThreadSums perThread(n);
+    int landed = 0;
+#pragma omp parallel for schedule(static) reduction(+ : landed)
+    for (int i = 1; i <= rows; ++i)
+        landed += AddCentredSquares(perThread.Mine(), m[i].GetVector(), centre.data(), n);
+    // Cells that centring turns into -99 are missing when the factor is
+    // computed; they are rare enough to be found one by one.
+    if (landed > 0)
+        for (int i = 1; i <= rows; ++i)
+            for (int j = 1; j <= n; ++j) {
+                const float x = m[i][j];
+                present[j] -= (!IsMisVal(x) && IsMisVal(x - centre[j])) ? 1 : 0;
+            }
+    return perThread.Total();
+}
+
+// The factor 1 / s of a scaled column, s its standard deviation (for
+// Pareto scaling the square root of that); false, with the reason in
+// `failure`, when the column cannot be scaled.
+bool ColumnFactor(NCScale::Scaling type, double squares, int present, double& factor, NCScaleError::Error& failure)
+{
+    if (present < 2) {
+        failure = NCScaleError::TooFewValues;
+        return false;
+    }
+    if (squares == 0.0) {
+        failure = NCScaleError::TooLittleVariance;
+        return false;
+    }
+    double s = std::sqrt(squares / (present - 1));
+    if (type == NCScale::ScalePareto)
+        s = std::sqrt(s);
+    factor = 1.0 / s;
+    if (factor > 1e35) {
+        failure = NCScaleError::TooLittleVariance;
+        return false;
+    }
+    if (factor < 1e-35) {
+        failure = NCScaleError::ValuesTooLarge;
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
 void NCScale::ScaleWithNewModel(NCDataMatrix<float>* m)
 {
     // A model of another width would read or write past the rows, so the
@@ -284,23 +353,17 @@ void NCScale::ScaleWithNewModel(NCDataMatrix<float>* m)
         Fail(0, NCScaleError::WrongColumnCount);
     const int n = m_count;
     const int rows = m->SizeRows();
+    std::vector<int> present(static_cast<std::size_t>(n) + 1, rows);
+    for (int j = 1; j <= n; ++j)
+        present[j] -= m->GetColumnMisVal(j);
 
     // 1. Centres: the column means in double, stored as float.
-    std::vector<double> sums(static_cast<std::size_t>(n) + 1, 0.0);
-    if (rows > 0 && n > 0) {
-        ThreadSums perThread(n);
-#pragma omp parallel for schedule(static)
-        for (int i = 1; i <= rows; ++i)
-            AddPresent(perThread.Mine(), (*m)[i].GetVector(), n);
-        sums = perThread.Total();
-    }
+    const std::vector<double> sums = PresentSums(*m);
     for (int j = 1; j <= n; ++j) {
-        if (m_types[j] == ScaleNone) {
+        if (m_types[j] == ScaleNone)
             m_centre(j, NCMisVal<float>);
-        } else if (Centred(m_types[j])) {
-            const int present = rows - m->GetColumnMisVal(j);
-            m_centre(j, present > 0 ? static_cast<float>(sums[j] / present) : NCMisVal<float>);
-        }
+        else if (Centred(m_types[j]))
+            m_centre(j, present[j] > 0 ? static_cast<float>(sums[j] / present[j]) : NCMisVal<float>);
     }
     const std::vector<float> centre = Neutral(m_centre, 0.0f);
 
@@ -309,58 +372,22 @@ void NCScale::ScaleWithNewModel(NCDataMatrix<float>* m)
     // column costs no extra pass over it.
     const bool anyScaled = std::any_of(m_types.begin() + 1, m_types.end(), Scaled);
     std::vector<double> squares(static_cast<std::size_t>(n) + 1, 0.0);
-    std::vector<int> present(static_cast<std::size_t>(n) + 1, rows);
-    for (int j = 1; j <= n; ++j)
-        present[j] -= m->GetColumnMisVal(j);
-    if (anyScaled && rows > 0) {
-        ThreadSums perThread(n);
-        int landed = 0;
-#pragma omp parallel for schedule(static) reduction(+ : landed)
-        for (int i = 1; i <= rows; ++i)
-            landed += AddCentredSquares(perThread.Mine(), (*m)[i].GetVector(), centre.data(), n);
-        squares = perThread.Total();
-        // Cells that centring turns into -99 are missing when the factor is
-        // computed; they are rare enough to be found one by one.
-        if (landed > 0)
-            for (int i = 1; i <= rows; ++i)
-                for (int j = 1; j <= n; ++j) {
-                    const float x = (*m)[i][j];
-                    present[j] -= (!IsMisVal(x) && IsMisVal(x - centre[j])) ? 1 : 0;
-                }
-    }
-
+    if (anyScaled && rows > 0)
+        squares = CentredSquares(*m, centre, present);
     int failedColumn = 0;
     NCScaleError::Error failure = NCScaleError::TooFewValues;
-    for (int j = 1; j <= n && failedColumn == 0; ++j) {
+    for (int j = 1; j <= n; ++j) {
         const Scaling type = m_types[j];
-        if (type == ScaleNone || type == ScaleCenter) {
+        double factor = 0.0;
+        if (type == ScaleNone || type == ScaleCenter)
             m_factors(j, NCMisVal<float>);
-            continue;
-        }
-        if (!Scaled(type))
+        else if (!Scaled(type))
             continue; // an unknown type keeps whatever factor it had
-        if (present[j] < 2) {
+        else if (ColumnFactor(type, squares[j], present[j], factor, failure))
+            m_factors(j, static_cast<float>(factor));
+        else {
             failedColumn = j;
-            failure = NCScaleError::TooFewValues;
             break;
-        }
-        if (squares[j] == 0.0) {
-            failedColumn = j;
-            failure = NCScaleError::TooLittleVariance;
-            break;
-        }
-        double s = std::sqrt(squares[j] / (present[j] - 1));
-        if (type == ScalePareto)
-            s = std::sqrt(s);
-        const double f = 1.0 / s;
-        if (f > 1e35) {
-            failedColumn = j;
-            failure = NCScaleError::TooLittleVariance;
-        } else if (f < 1e-35) {
-            failedColumn = j;
-            failure = NCScaleError::ValuesTooLarge;
-        } else {
-            m_factors(j, static_cast<float>(f));
         }
     }
 

@@ -1,5 +1,6 @@
 #include "veltancmat/preprocess/TransformKernel.h"
 
+#include "veltancmat/containers/frame/ParallelWork.h"
 #include "veltancmat/containers/frame/Simd.h"
 #include "veltancmat/platform/ExceptionMessage.h"
 #include "veltancmat/platform/NCError.h"
@@ -28,8 +29,6 @@ using Error = NCTransformError::Error;
 // lines are in the cache. A tile of 32 floats is two cache lines per row.
 constexpr int TileColumns = 32;
 constexpr int RowBlock = 16;
-// Below this many cells a parallel region costs more than it saves.
-constexpr long long ParallelCells = 32768;
 
 template <T::Transform Type, bool Forward>
 void RunCells(const Coefficients& k, float* const* rows, int j, int i0, int i1, std::vector<PendingCell>& pending)
@@ -506,7 +505,7 @@ std::unique_ptr<NCTransformErrors> TransformLogRows(const std::vector<Coefficien
 {
     const int r = m.SizeRows();
     const std::vector<float*> rows = m.GetMatrixAsPointerPointer();
-    const bool parallel = r > 1 && static_cast<long long>(r) * last >= ParallelCells;
+    const bool parallel = r > 1 && static_cast<long long>(r) * last >= NCParallelWork::MinCells;
     std::vector<std::vector<PendingCell>> lists = ThreadLists(parallel);
     std::vector<std::vector<std::int64_t>> flags(lists.size(),
                                                  std::vector<std::int64_t>(static_cast<std::size_t>(last) + 1));
@@ -543,7 +542,7 @@ int FirstFailingColumn(const LogConstants& lc, const NCDataMatrix<float>& m)
 {
     const int r = m.SizeRows(), c = m.SizeColumns();
     int first = c + 1;
-    const bool parallel = static_cast<long long>(r) * c >= ParallelCells;
+    const bool parallel = static_cast<long long>(r) * c >= NCParallelWork::MinCells;
 #pragma omp parallel for if (parallel) schedule(static) reduction(min : first)
     for (int i = 1; i <= r; ++i) {
         // A row needs looking at only before the earliest failure this thread has seen.
@@ -605,7 +604,7 @@ std::unique_ptr<NCTransformErrors> TransformMatrixNoBreak(const std::vector<Coef
         return TransformLogRows(k, LogConstants(k), runs, m, c);
     const std::vector<float*> rows = m.GetMatrixAsPointerPointer();
     const int tiles = (c + TileColumns - 1) / TileColumns;
-    const bool parallel = tiles > 1 && static_cast<long long>(r) * c >= ParallelCells;
+    const bool parallel = tiles > 1 && static_cast<long long>(r) * c >= NCParallelWork::MinCells;
     std::vector<std::vector<PendingCell>> lists = ThreadLists(parallel);
     // Each thread owns whole tiles of columns, so no two threads write the
     // same cache line of a row, and their failures need no lock.
@@ -640,7 +639,7 @@ void TransformMatrix(const std::vector<Coefficients>& k, NCDataMatrix<float>& m)
     const std::vector<float*> rows = m.GetMatrixAsPointerPointer();
     const int width = std::min(c, TileColumns);
     const int blocks = (r + RowBlock - 1) / RowBlock;
-    const bool parallel = blocks > 1 && static_cast<long long>(r) * width >= ParallelCells;
+    const bool parallel = blocks > 1 && static_cast<long long>(r) * width >= NCParallelWork::MinCells;
     std::vector<std::vector<PendingCell>> lists = ThreadLists(parallel);
     // The tile's cells as they were, row by row, so that the columns after
     // a failing one can be put back. A column is known to fail only once

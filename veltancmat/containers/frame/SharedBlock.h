@@ -30,6 +30,15 @@ struct NCSharedBlock : NCSpinLock {
     std::atomic<int> refCount{1};
 };
 
+// One more copy uses `block` (null: no data to share); returns it. The
+// caller holds the block's lock.
+inline NCSharedBlock* NCShareBlock(NCSharedBlock* block) noexcept
+{
+    if (block)
+        block->refCount.fetch_add(1, std::memory_order_relaxed);
+    return block;
+}
+
 // Scoped hold of a spin lock; a null lock is not taken.
 class NCSharedBlockLock {
 public:
