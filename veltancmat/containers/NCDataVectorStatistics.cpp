@@ -400,6 +400,10 @@ namespace {
 // The one-third floor keeps a score or loading from exploding when most of
 // V2 is missing. A zero denominator (V1 zero wherever it is present) has no
 // slope and is reported as undefined.
+// This is the vector member's own rule, kept apart from NipalsQuotient
+// (frame/NipalsRule.h) on purpose: a vector slope is undefined only at an
+// exactly zero divisor, where the matrix projections also refuse divisors
+// under 1e-30, and callers of both rely on their results as they stand.
 double NipalsSlope(double s12, double s11, double s11all)
 {
     if (IsMisVal(s12) || IsMisVal(s11))

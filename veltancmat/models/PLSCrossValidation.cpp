@@ -258,8 +258,9 @@ void PLSCrossValidation::NextComponent(const NCDataVector<float>* start, int max
     const NCNipalsBatch xBatch(e), yBatch(f);
     for (int first = 0; first < m_groups; first += NCNipalsBatch::MaxVectors) {
         const int count = std::min(NCNipalsBatch::MaxVectors, m_groups - first);
-        FitRounds(xBatch, yBatch, std::span(rounds).subspan(static_cast<std::size_t>(first), static_cast<std::size_t>(count)),
-                  start, maxIterations, scores, progress, strict, f, m_tset, announce);
+        const std::span<Round> batch =
+            std::span(rounds).subspan(static_cast<std::size_t>(first), static_cast<std::size_t>(count));
+        FitRounds(xBatch, yBatch, batch, start, maxIterations, scores, progress, strict, f, m_tset, announce);
     }
     m_tset.RecountMissing();
 

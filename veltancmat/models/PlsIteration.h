@@ -10,6 +10,7 @@
 #include "veltancmat/containers/NCDataVector.h"
 #include "veltancmat/containers/NCNipalsBatch.h"
 #include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/containers/frame/ParallelWork.h"
 
 #include <algorithm>
 #include <exception>
@@ -59,12 +60,14 @@ public:
     RowsProjector(const NCDataMatrixRows<float>& x, const NCDataMatrixRows<float>& y) : m_x(x), m_y(y) {}
     int SizeRows() const { return m_x.SizeRows(); }
     int SizeColumns() const { return m_x.SizeColumns(); }
-    void Columns(bool y, std::span<const NCDataVector<float>* const> in, std::span<NCDataVector<float>* const> out) const
+    void Columns(bool y, std::span<const NCDataVector<float>* const> in,
+                 std::span<NCDataVector<float>* const> out) const
     {
         for (std::size_t r = 0; r < in.size(); ++r)
             (y ? m_y : m_x).SpecialNipalsRegressColumnsFix(*in[r], out[r]);
     }
-    void Rows(bool y, std::span<const NCDataVector<float>* const> in, std::span<NCDataVector<float>* const> out) const
+    void Rows(bool y, std::span<const NCDataVector<float>* const> in,
+              std::span<NCDataVector<float>* const> out) const
     {
         for (std::size_t r = 0; r < in.size(); ++r)
             (y ? m_y : m_x).SpecialNipalsRegressRowsFix(*in[r], out[r]);
@@ -81,11 +84,13 @@ public:
     BatchProjector(const NCNipalsBatch& x, const NCNipalsBatch& y) : m_x(x), m_y(y) {}
     int SizeRows() const { return m_x.SizeRows(); }
     int SizeColumns() const { return m_x.SizeColumns(); }
-    void Columns(bool y, std::span<const NCDataVector<float>* const> in, std::span<NCDataVector<float>* const> out) const
+    void Columns(bool y, std::span<const NCDataVector<float>* const> in,
+                 std::span<NCDataVector<float>* const> out) const
     {
         (y ? m_y : m_x).Columns(in, out);
     }
-    void Rows(bool y, std::span<const NCDataVector<float>* const> in, std::span<NCDataVector<float>* const> out) const
+    void Rows(bool y, std::span<const NCDataVector<float>* const> in,
+              std::span<NCDataVector<float>* const> out) const
     {
         (y ? m_y : m_x).Rows(in, out);
     }
@@ -94,10 +99,6 @@ private:
     const NCNipalsBatch& m_x;
     const NCNipalsBatch& m_y;
 };
-
-// The rounds' arithmetic between passes (a few vectors of N) is shared out
-// among threads once there are rows enough to pay for the team.
-inline constexpr int PlsFitsParallelRows = 1000;
 
 // One pass of `pass` over X (or Y) for every fit in `fits`: from(fit) in,
 // to(fit) out.
@@ -143,7 +144,8 @@ void IteratePls(const Projector& pass, std::span<PlsFit* const> fits, int respon
     std::vector<PlsFit*> active(fits.begin(), fits.end());
     const auto eachFit = [&](auto&& body) {
         const int count = static_cast<int>(active.size());
-#pragma omp parallel for schedule(static) if (count > 1 && pass.SizeRows() >= PlsFitsParallelRows)
+        const bool parallel = count > 1 && pass.SizeRows() >= NCParallelWork::MinRoundElements;
+#pragma omp parallel for schedule(static) if (parallel)
         for (int a = 0; a < count; ++a)
             body(*active[static_cast<std::size_t>(a)]);
     };
