@@ -9,6 +9,7 @@
 #include "veltancmat/platform/BinaryIO.h"
 #include "veltancmat/platform/NCError.h"
 
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <string>
@@ -35,12 +36,14 @@ NCDataMatrix<float> ColumnMatrix(const NCDataVector<float>* y)
 
 QvStreamableData NCPLS::MyStreamableData(2, "NCPLS");
 
+// In the order of the record's entries.
+const std::array<std::unique_ptr<NCDataMatrix<float>> NCPLS::*, 7> NCPLS::Matrices{
+    &NCPLS::m_cprim, &NCPLS::m_pprim, &NCPLS::m_wprim, &NCPLS::m_uprim, &NCPLS::m_tprim, &NCPLS::m_e, &NCPLS::m_f};
+
 NCPLS::NCPLS()
-    : m_cprim(std::make_unique<NCDataMatrix<float>>()), m_pprim(std::make_unique<NCDataMatrix<float>>()),
-      m_wprim(std::make_unique<NCDataMatrix<float>>()), m_uprim(std::make_unique<NCDataMatrix<float>>()),
-      m_tprim(std::make_unique<NCDataMatrix<float>>()), m_e(std::make_unique<NCDataMatrix<float>>()),
-      m_f(std::make_unique<NCDataMatrix<float>>())
 {
+    for (const auto matrix : Matrices)
+        this->*matrix = std::make_unique<NCDataMatrix<float>>();
 }
 
 NCPLS::NCPLS(const NCDataMatrix<float>* x, const NCDataMatrix<float>* y, int maxIterations)
@@ -72,24 +75,19 @@ NCPLS::NCPLS(const NCDataMatrix<float>* e, const NCDataMatrix<float>* f, const N
 }
 
 NCPLS::NCPLS(const NCPLS& other)
-    : QvStreamBase(other), m_cprim(CopyOf(other.m_cprim.get())), m_pprim(CopyOf(other.m_pprim.get())),
-      m_wprim(CopyOf(other.m_wprim.get())), m_uprim(CopyOf(other.m_uprim.get())),
-      m_tprim(CopyOf(other.m_tprim.get())), m_e(CopyOf(other.m_e.get())), m_f(CopyOf(other.m_f.get())),
-      m_components(other.m_components), m_maxIterations(other.m_maxIterations), m_iterations(other.m_iterations)
+    : QvStreamBase(other), m_components(other.m_components), m_maxIterations(other.m_maxIterations),
+      m_iterations(other.m_iterations)
 {
+    for (const auto matrix : Matrices)
+        this->*matrix = CopyOf((other.*matrix).get());
 }
 
 NCPLS& NCPLS::operator=(const NCPLS& other)
 {
     if (this != &other) {
         NCPLS copy(other);
-        std::swap(m_cprim, copy.m_cprim);
-        std::swap(m_pprim, copy.m_pprim);
-        std::swap(m_wprim, copy.m_wprim);
-        std::swap(m_uprim, copy.m_uprim);
-        std::swap(m_tprim, copy.m_tprim);
-        std::swap(m_e, copy.m_e);
-        std::swap(m_f, copy.m_f);
+        for (const auto matrix : Matrices)
+            std::swap(this->*matrix, copy.*matrix);
         m_components = other.m_components;
         m_maxIterations = other.m_maxIterations;
         m_iterations = other.m_iterations;
@@ -290,11 +288,9 @@ bool NCPLS::QvStreamableWriteBases(std::ostream& out) const
 bool NCPLS::QvStreamableWrite(std::ostream& out) const
 {
     OutputStreamDirectory directory(out, 9);
-    const NCDataMatrix<float>* matrices[] = {m_cprim.get(), m_pprim.get(), m_wprim.get(), m_uprim.get(),
-                                             m_tprim.get(), m_e.get(),     m_f.get()};
     bool ok = true;
-    for (int entry = 0; entry < 7 && ok; ++entry)
-        ok = (directory.GetOutput(entry) << *matrices[entry]).good();
+    for (std::size_t entry = 0; entry < Matrices.size() && ok; ++entry)
+        ok = (directory.GetOutput(static_cast<int>(entry)) << *(this->*Matrices[entry])).good();
     const std::int32_t maxIterations = m_maxIterations, iterations = m_iterations;
     ok = ok && WriteFourBytes(&maxIterations, 1, directory.GetOutput(7));
     ok = ok && WriteFourBytes(&iterations, 1, directory.GetOutput(8));
@@ -339,13 +335,8 @@ bool NCPLS::ReadStreamDirectory(InputStreamDirectory& directory)
         std::int32_t maxIterations = 0, iterations = 0;
         directory.ReadRequired(7, &maxIterations, 1, 4);
         directory.ReadRequired(8, &iterations, 1, 4);
-        m_cprim = std::move(read[0]);
-        m_pprim = std::move(read[1]);
-        m_wprim = std::move(read[2]);
-        m_uprim = std::move(read[3]);
-        m_tprim = std::move(read[4]);
-        m_e = std::move(read[5]);
-        m_f = std::move(read[6]);
+        for (std::size_t entry = 0; entry < Matrices.size(); ++entry)
+            this->*Matrices[entry] = std::move(read[entry]);
         m_maxIterations = maxIterations;
         m_iterations = iterations;
         return true;
@@ -357,8 +348,7 @@ bool NCPLS::ReadStreamDirectory(InputStreamDirectory& directory)
 void NCPLS::QvStreamableReset() const
 {
     m_streaming = false;
-    for (const NCDataMatrix<float>* m :
-         {m_cprim.get(), m_pprim.get(), m_wprim.get(), m_uprim.get(), m_tprim.get(), m_e.get(), m_f.get()})
-        m->QvStreamableReset();
+    for (const auto matrix : Matrices)
+        (this->*matrix)->QvStreamableReset();
     QvStreamBase::QvStreamableReset();
 }

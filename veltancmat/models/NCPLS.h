@@ -8,6 +8,7 @@
 #include "veltancmat/platform/NCProgress.h"
 #include "veltancmat/platform/QvStream.h"
 
+#include <array>
 #include <memory>
 
 class NCError;
@@ -128,6 +129,10 @@ private:
     static NCDataVector<float> StartScores(const NCDataMatrixRows<float>& e, const NCDataMatrixRows<float>& f,
                                            const NCDataVector<float>* start);
     void EmptyComponents();
+
+    // Every owned matrix, in the order of the record's entries: C', P', W',
+    // U', T', E, F. Copying, swapping, streaming and resetting go through it.
+    static const std::array<std::unique_ptr<NCDataMatrix<float>> NCPLS::*, 7> Matrices;
 
     std::unique_ptr<NCDataMatrix<float>> m_cprim;
     std::unique_ptr<NCDataMatrix<float>> m_pprim;
