@@ -104,11 +104,9 @@ void NCPLS::EmptyComponents()
     if (m_e->SizeRows() != m_f->SizeRows())
         throw NCInternalError("NCPLS::NCPLS");
     const int n = m_e->SizeRows(), k = m_e->SizeColumns(), m = m_f->SizeColumns();
-    m_cprim = std::make_unique<NCDataMatrix<float>>(0, m);
-    m_pprim = std::make_unique<NCDataMatrix<float>>(0, k);
-    m_wprim = std::make_unique<NCDataMatrix<float>>(0, k);
-    m_uprim = std::make_unique<NCDataMatrix<float>>(0, n);
-    m_tprim = std::make_unique<NCDataMatrix<float>>(0, n);
+    const int widths[] = {m, k, k, n, n}; // C', P', W', U', T'
+    for (std::size_t part = 0; part < std::size(widths); ++part)
+        this->*Matrices[part] = std::make_unique<NCDataMatrix<float>>(0, widths[part]);
 }
 
 // The first Y-score vector. A start weight vector only helps with several
