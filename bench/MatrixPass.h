@@ -39,6 +39,15 @@ inline void OnThreadsWithOneAndTenResponses(benchmark::internal::Benchmark* b)
     b->ArgNames({"threads", "responses"})->ArgsProduct({{1, 2}, {1, 10}});
 }
 
+// A fit that keeps its own clock: the argument sets of Cases, reported in
+// TimeUnit, with the time the benchmark hands to SetIterationTime.
+template <void (*Cases)(benchmark::internal::Benchmark*), benchmark::TimeUnit TimeUnit>
+void ManualTime(benchmark::internal::Benchmark* b)
+{
+    Cases(b);
+    b->Unit(TimeUnit)->UseManualTime();
+}
+
 // A rows x cols float matrix whose cells are draw(), row by row, with
 // exact missing counts.
 template <class Draw>

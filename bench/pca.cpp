@@ -150,10 +150,7 @@ void BM_PCA_CV(benchmark::State& state)
 } // namespace
 
 BENCHMARK(BM_PlainPassLarge)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PCA)
-    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
-    ->Unit(benchmark::kSecond)
-    ->UseManualTime();
+BENCHMARK(BM_PCA)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreadsWithoutAndWithMissing, benchmark::kSecond>);
 BENCHMARK(BM_PlainPassSmall)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PCA_CV)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kSecond)->UseManualTime();
+BENCHMARK(BM_PCA_CV)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreads, benchmark::kSecond>);
 BENCHMARK_MAIN();

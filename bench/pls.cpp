@@ -168,13 +168,7 @@ void BM_PLS_CV(benchmark::State& state)
 } // namespace
 
 BENCHMARK(BM_PlainPassLarge)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PLS)
-    ->Apply(BenchMatrix::OnThreadsWithOneAndTenResponses)
-    ->Unit(benchmark::kSecond)
-    ->UseManualTime();
+BENCHMARK(BM_PLS)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreadsWithOneAndTenResponses, benchmark::kSecond>);
 BENCHMARK(BM_PlainPassSmall)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PLS_CV)
-    ->Apply(BenchMatrix::OnThreadsWithOneAndTenResponses)
-    ->Unit(benchmark::kSecond)
-    ->UseManualTime();
+BENCHMARK(BM_PLS_CV)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreadsWithOneAndTenResponses, benchmark::kSecond>);
 BENCHMARK_MAIN();
