@@ -159,6 +159,15 @@ public:
         state.counters["of_plain"] = bytesPerSecond / plain;
     }
 
+    // Reports the benchmark's own rate, `bytes` over `time`, as `name`, and
+    // the sampled rate beside it.
+    void Report(benchmark::State& state, const char* name, double bytes, std::chrono::duration<double> time) const
+    {
+        const double rate = bytes / time.count();
+        Rate(state, name, rate);
+        Report(state, rate);
+    }
+
 private:
     double m_seconds = 0.0;
     double m_bytes = 0.0;
