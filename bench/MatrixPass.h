@@ -39,6 +39,15 @@ inline void OnThreadsWithOneAndTenResponses(benchmark::internal::Benchmark* b)
     b->ArgNames({"threads", "responses"})->ArgsProduct({{1, 2}, {1, 10}});
 }
 
+// A fit that keeps its own clock: the argument sets of Cases, reported in
+// TimeUnit, with the time the benchmark hands to SetIterationTime.
+template <void (*Cases)(benchmark::internal::Benchmark*), benchmark::TimeUnit TimeUnit>
+void ManualTime(benchmark::internal::Benchmark* b)
+{
+    Cases(b);
+    b->Unit(TimeUnit)->UseManualTime();
+}
+
 // A rows x cols float matrix whose cells are draw(), row by row, with
 // exact missing counts.
 template <class Draw>
@@ -148,6 +157,15 @@ public:
         const double plain = m_bytes / m_seconds;
         Rate(state, "plain_bytes_per_second", plain);
         state.counters["of_plain"] = bytesPerSecond / plain;
+    }
+
+    // Reports the benchmark's own rate, `bytes` over `time`, as `name`, and
+    // the sampled rate beside it.
+    void Report(benchmark::State& state, const char* name, double bytes, std::chrono::duration<double> time) const
+    {
+        const double rate = bytes / time.count();
+        Rate(state, name, rate);
+        Report(state, rate);
     }
 
 private:

@@ -110,20 +110,8 @@ void BM_BatchRows(benchmark::State& state)
 } // namespace
 
 BENCHMARK(BM_PlainPass)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_RegressColumns)
-    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
-    ->Unit(benchmark::kMillisecond)
-    ->UseManualTime();
-BENCHMARK(BM_RegressRows)
-    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
-    ->Unit(benchmark::kMillisecond)
-    ->UseManualTime();
-BENCHMARK(BM_BatchColumns)
-    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
-    ->Unit(benchmark::kMillisecond)
-    ->UseManualTime();
-BENCHMARK(BM_BatchRows)
-    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
-    ->Unit(benchmark::kMillisecond)
-    ->UseManualTime();
+BENCHMARK(BM_RegressColumns)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreadsWithoutAndWithMissing, benchmark::kMillisecond>);
+BENCHMARK(BM_RegressRows)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreadsWithoutAndWithMissing, benchmark::kMillisecond>);
+BENCHMARK(BM_BatchColumns)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreadsWithoutAndWithMissing, benchmark::kMillisecond>);
+BENCHMARK(BM_BatchRows)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreadsWithoutAndWithMissing, benchmark::kMillisecond>);
 BENCHMARK_MAIN();

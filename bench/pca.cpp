@@ -112,9 +112,7 @@ void BM_PCA(benchmark::State& state)
         benchmark::DoNotOptimize(pca.GetTprim());
     }
     state.counters["nipals_iterations"] = iterations;
-    const double rate = 2.0 * cells * sizeof(float) / inIterations.count();
-    BenchMatrix::Rate(state, "nipals_bytes_per_second", rate);
-    plain.Report(state, rate);
+    plain.Report(state, "nipals_bytes_per_second", 2.0 * cells * sizeof(float), inIterations);
 }
 
 void BM_PCA_CV(benchmark::State& state)
@@ -142,18 +140,13 @@ void BM_PCA_CV(benchmark::State& state)
         benchmark::DoNotOptimize(cv.GetQ2TotCum());
         state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
     }
-    const double rate = 2.0 * cells * sizeof(float) / inComponents.count();
-    BenchMatrix::Rate(state, "nipals_bytes_per_second", rate);
-    plain.Report(state, rate);
+    plain.Report(state, "nipals_bytes_per_second", 2.0 * cells * sizeof(float), inComponents);
 }
 
 } // namespace
 
 BENCHMARK(BM_PlainPassLarge)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PCA)
-    ->Apply(BenchMatrix::OnThreadsWithoutAndWithMissing)
-    ->Unit(benchmark::kSecond)
-    ->UseManualTime();
+BENCHMARK(BM_PCA)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreadsWithoutAndWithMissing, benchmark::kSecond>);
 BENCHMARK(BM_PlainPassSmall)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PCA_CV)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kSecond)->UseManualTime();
+BENCHMARK(BM_PCA_CV)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreads, benchmark::kSecond>);
 BENCHMARK_MAIN();

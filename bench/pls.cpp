@@ -129,9 +129,7 @@ void BM_PLS(benchmark::State& state)
         benchmark::DoNotOptimize(pls.GetTprim());
     }
     state.counters["nipals_iterations"] = iterations;
-    const double rate = cells * sizeof(float) / inComponents.count();
-    BenchMatrix::Rate(state, "x_bytes_per_second", rate);
-    plain.Report(state, rate);
+    plain.Report(state, "x_bytes_per_second", cells * sizeof(float), inComponents);
 }
 
 void BM_PLS_CV(benchmark::State& state)
@@ -160,21 +158,13 @@ void BM_PLS_CV(benchmark::State& state)
         benchmark::DoNotOptimize(cv.GetQ2TotCum());
         state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
     }
-    const double rate = cells * sizeof(float) / inComponents.count();
-    BenchMatrix::Rate(state, "x_bytes_per_second", rate);
-    plain.Report(state, rate);
+    plain.Report(state, "x_bytes_per_second", cells * sizeof(float), inComponents);
 }
 
 } // namespace
 
 BENCHMARK(BM_PlainPassLarge)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PLS)
-    ->Apply(BenchMatrix::OnThreadsWithOneAndTenResponses)
-    ->Unit(benchmark::kSecond)
-    ->UseManualTime();
+BENCHMARK(BM_PLS)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreadsWithOneAndTenResponses, benchmark::kSecond>);
 BENCHMARK(BM_PlainPassSmall)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_PLS_CV)
-    ->Apply(BenchMatrix::OnThreadsWithOneAndTenResponses)
-    ->Unit(benchmark::kSecond)
-    ->UseManualTime();
+BENCHMARK(BM_PLS_CV)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreadsWithOneAndTenResponses, benchmark::kSecond>);
 BENCHMARK_MAIN();

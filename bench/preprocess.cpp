@@ -78,7 +78,7 @@ void BM_LogTransform(benchmark::State& state)
 } // namespace
 
 BENCHMARK(BM_PlainPass)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseRealTime();
-BENCHMARK(BM_ScaleNewModel)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseManualTime();
-BENCHMARK(BM_ScaleCurrentModel)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseManualTime();
-BENCHMARK(BM_LogTransform)->Apply(BenchMatrix::OnThreads)->Unit(benchmark::kMillisecond)->UseManualTime();
+BENCHMARK(BM_ScaleNewModel)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreads, benchmark::kMillisecond>);
+BENCHMARK(BM_ScaleCurrentModel)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreads, benchmark::kMillisecond>);
+BENCHMARK(BM_LogTransform)->Apply(BenchMatrix::ManualTime<BenchMatrix::OnThreads, benchmark::kMillisecond>);
 BENCHMARK_MAIN();

@@ -35,6 +35,15 @@ NCDataMatrix<float> DependentResponses(const NCDataMatrix<float>& x, float noise
     return y;
 }
 
+// m responses, the first `leading` of them at `value` and the rest 0.
+NCDataVector<float> Leading(int m, int leading, float value)
+{
+    NCDataVector<float> v(m, 0.0f);
+    for (int j = 1; j <= leading; ++j)
+        v(j, value);
+    return v;
+}
+
 void Next(NCPLS& pls, CV& cv, NCProgress* progress = nullptr)
 {
     pls.NextComponent(nullptr, nullptr, true, false);
@@ -124,16 +133,12 @@ TEST(PLSCrossValidation, Q2LimitAndEachBranchOfTheRule)
     small(9, 0.031f);
     EXPECT_EQ(CV::GetSignificance(100, 10, 16, 0, 0.005f, small, 0.9f, r2v, 0.05f), S::R1);
     // Q2 at the limit is not above it; then sqrt(16) = 4 responses must be.
-    NCDataVector<float> q2v(16, 0.0f);
-    for (int j = 1; j <= 4; ++j)
-        q2v(j, 0.2f);
+    NCDataVector<float> q2v = Leading(16, 4, 0.2f);
     EXPECT_EQ(CV::GetSignificance(100, 10, 16, 0, 0.2f, r2v, 0.05f, q2v, 0.05f), S::R2);
     q2v(4, 0.05f);
     EXPECT_EQ(CV::GetSignificance(100, 10, 16, 0, 0.2f, r2v, 0.05f, q2v, 0.05f), S::NS);
     // M = 30 needs a fifth, 6; a missing Q2 does not count.
-    NCDataVector<float> wide(30, 0.0f);
-    for (int j = 1; j <= 6; ++j)
-        wide(j, 0.1f);
+    NCDataVector<float> wide = Leading(30, 6, 0.1f);
     EXPECT_EQ(CV::GetSignificance(100, 10, 30, 0, 0.2f, wide, 0.0f, wide, 0.05f), S::R2);
     wide(6, -99.0f);
     EXPECT_EQ(CV::GetSignificance(100, 10, 30, 0, 0.2f, wide, 0.0f, wide, 0.05f), S::NS);

@@ -37,23 +37,23 @@ NCScaleError* NCScaleError::Clone() const
 
 namespace {
 
+// The English text of each code, before translation.
+constexpr struct {
+    NCScaleError::Error code;
+    const char* text;
+} FailTexts[] = {
+    {NCScaleError::TooFewValues, "Could not scale matrix. Too few non missing values."},
+    {NCScaleError::TooLittleVariance, "Could not scale matrix. Too little variance."},
+    {NCScaleError::ValuesTooLarge, "Could not scale matrix. The values are too large."},
+    {NCScaleError::WrongColumnCount, "Could not scale matrix. The matrix has the wrong number of columns."},
+};
+
 [[noreturn]] void Fail(int column, NCScaleError::Error code)
 {
     const char* text = "";
-    switch (code) {
-    case NCScaleError::TooFewValues:
-        text = "Could not scale matrix. Too few non missing values.";
-        break;
-    case NCScaleError::TooLittleVariance:
-        text = "Could not scale matrix. Too little variance.";
-        break;
-    case NCScaleError::ValuesTooLarge:
-        text = "Could not scale matrix. The values are too large.";
-        break;
-    case NCScaleError::WrongColumnCount:
-        text = "Could not scale matrix. The matrix has the wrong number of columns.";
-        break;
-    }
+    for (const auto& entry : FailTexts)
+        if (entry.code == code)
+            text = entry.text;
     throw NCScaleError(column, code, ExceptionMessage::translate(text));
 }
 
