@@ -111,10 +111,16 @@ NCDataVector<T> NCDataMatrix<T>::GetNIPALSStartColumn() const
 template <class T>
 void NCDataMatrix<T>::GetNIPALSStartColumnImpl(Vector* result) const
 {
+    CheckedStartColumn(AllRows(), result, Owner);
+}
+
+template <class T>
+void NCDataMatrix<T>::CheckedStartColumn(const NCRowTable<T>& rows, Vector* result, const char* owner)
+{
     NCMatrixErrors::CheckResult(result);
-    if (m_cols == 0)
-        NCMatrixErrors::ThrowIndex("GetNIPALSStartColumn");
-    StartColumn(AllRows(), result);
+    if (rows.cols == 0)
+        NCMatrixErrors::ThrowSizeIn(owner, "GetNIPALSStartColumn", "Index out of range.");
+    StartColumn(rows, result);
 }
 
 template <class T>
@@ -305,6 +311,7 @@ void NCDataMatrix<T>::SNVImpl(NCDataMatrix* result) const
     template void NCDataMatrix<T>::RegressRowsImpl(const Vector&, Vector*) const;                                    \
     template void NCDataMatrix<T>::GetNIPALSStartColumnImpl(Vector*) const;                                          \
     template void NCDataMatrix<T>::StartColumn(const NCRowTable<T>&, Vector*);                                       \
+    template void NCDataMatrix<T>::CheckedStartColumn(const NCRowTable<T>&, Vector*, const char*);                   \
     template void NCDataMatrix<T>::DotMultiplyVectorImpl(const Vector&, NCDataMatrix*) const;                        \
     template void NCDataMatrix<T>::SNVImpl(NCDataMatrix*) const;
 
