@@ -241,10 +241,14 @@ double NCDataVector<T>::GetRobustStdDev() const
 
 namespace {
 // Sum of ((x - mean) / s)^power over the present elements, with s the
-// sample standard deviation; -99 when s is undefined or zero.
+// sample standard deviation; -99 when s is undefined or zero, or when fewer
+// than `power` elements are present (the moment's small-sample correction
+// has no value there).
 template <class T>
 double SumOfStandardisedPowers(const NCDataVector<T>& v, int power)
 {
+    if (v.GetNumValidValues() < power)
+        return dMisVal;
     const double s = v.GetStdDev();
     if (IsMisVal(s) || s == 0.0)
         return dMisVal;
@@ -263,13 +267,11 @@ double SumOfStandardisedPowers(const NCDataVector<T>& v, int power)
 template <class T>
 double NCDataVector<T>::GetSkewness() const
 {
-    const int v = GetNumValidValues();
-    if (v < 3)
-        return dMisVal;
     const double sum = SumOfStandardisedPowers(*this, 3);
     if (IsMisVal(sum))
         return dMisVal;
-    return static_cast<double>(v) / ((v - 1.0) * (v - 2.0)) * sum;
+    const double v = GetNumValidValues();
+    return v / ((v - 1.0) * (v - 2.0)) * sum;
 }
 
 template <class T>
@@ -286,13 +288,10 @@ double NCDataVector<T>::GetSkewnessTest() const
 template <class T>
 double NCDataVector<T>::GetKurtosis() const
 {
-    const int v = GetNumValidValues();
-    if (v < 4)
-        return dMisVal;
     const double sum = SumOfStandardisedPowers(*this, 4);
     if (IsMisVal(sum))
         return dMisVal;
-    const double n = v;
+    const double n = GetNumValidValues();
     return (n + 1.0) * n / ((n - 1.0) * (n - 2.0) * (n - 3.0)) * sum -
            3.0 * (n - 1.0) * (n - 1.0) / ((n - 2.0) * (n - 3.0));
 }
