@@ -137,24 +137,19 @@ void NCDataMatrix<T>::Release() noexcept
 template <class T>
 void NCDataMatrix<T>::UnlinkMe()
 {
-    if (!m_shared)
-        return;
-    NCSharedBlockLock lock(m_shared);
-    if (m_shared->refCount.load(std::memory_order_relaxed) == 1)
-        return;
     // Row handles are copied, not elements: each row detaches on its own
     // when it is first written.
-    auto block = std::make_unique<NCSharedBlock>();
-    auto rowArray = std::make_unique<Vector[]>(static_cast<std::size_t>(m_rows) + 1);
-    for (int i = 1; i <= m_rows; ++i)
-        rowArray[i] = m_rowArray[i];
-    auto counts = std::make_unique<IndexList>(*m_colMis);
-    m_shared->refCount.fetch_sub(1, std::memory_order_relaxed);
-    lock.Release();
-    m_shared = block.release();
-    m_rowArray = rowArray.release();
-    m_colMis = counts.release();
-    m_reservedRows = m_rows;
+    NCDetachFromBlock(m_shared, [this] {
+        auto block = std::make_unique<NCSharedBlock>();
+        auto rowArray = std::make_unique<Vector[]>(static_cast<std::size_t>(m_rows) + 1);
+        for (int i = 1; i <= m_rows; ++i)
+            rowArray[i] = m_rowArray[i];
+        auto counts = std::make_unique<IndexList>(*m_colMis);
+        m_shared = block.release();
+        m_rowArray = rowArray.release();
+        m_colMis = counts.release();
+        m_reservedRows = m_rows;
+    });
 }
 
 template <class T>
