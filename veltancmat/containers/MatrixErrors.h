@@ -24,6 +24,13 @@ namespace NCMatrixErrors {
     ThrowSize((std::string(owner) + member).c_str(), text, false);
 }
 
+// A vector operand must have `expected` elements.
+inline void CheckVectorSize(int size, int expected, const char* member)
+{
+    if (size != expected)
+        ThrowSize(member, "Vectors are of different size.");
+}
+
 [[noreturn]] inline void ThrowIndex(const char* member)
 {
     ThrowSize(member, "Index out of range.");

@@ -370,8 +370,7 @@ template <class T>
 void NCDataMatrix<T>::SetColumn(int j, const Vector& column)
 {
     CheckColumn(j, "SetColumn");
-    if (column.Size() != m_rows)
-        ThrowSize("SetColumn", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(column.Size(), m_rows, "SetColumn");
     UnlinkMe();
     int change = 0;
     for (int i = 1; i <= m_rows; ++i)
@@ -391,8 +390,7 @@ template <class T>
 void NCDataMatrix<T>::SetRow(int i, const Vector& row)
 {
     CheckRow(i, "SetRow");
-    if (row.Size() != m_cols)
-        ThrowSize("SetRow", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(row.Size(), m_cols, "SetRow");
     auto fixer = GetMissingCountFixer(i);
     m_rowArray[i] = row;
 }
@@ -474,8 +472,7 @@ void NCDataMatrix<T>::InsertColumn(int at, const Vector& column)
         SetColumn(1, column);
         return;
     }
-    if (column.Size() != m_rows)
-        ThrowSize("InsertColumn", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(column.Size(), m_rows, "InsertColumn");
     if (!m_shared)
         Allocate(0, 0, T(0));
     UnlinkMe();

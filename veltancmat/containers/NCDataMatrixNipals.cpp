@@ -872,8 +872,7 @@ void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>& rowTable, const Vector&
 template <class T>
 double NCDataMatrix<T>::SpecialNipalsRegressOneColumnFix(int j, const Vector& t) const
 {
-    if (t.Size() != m_rows)
-        NCMatrixErrors::ThrowSize("SpecialNipalsRegressOneColumnFix", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(t.Size(), m_rows, "SpecialNipalsRegressOneColumnFix");
     return t.SpecialNipalsRegressFix(GetColumn(j));
 }
 
