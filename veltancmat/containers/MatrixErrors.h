@@ -16,6 +16,21 @@ namespace NCMatrixErrors {
     throw NCInternalError(where, ExceptionMessage::translate(text));
 }
 
+// As ThrowSize, for a member of the class whose qualified prefix is `owner`
+// ("NCDataMatrixRows<FloatType>::"): members shared by several classes name
+// the one they were called through.
+[[noreturn]] inline void ThrowSizeIn(const char* owner, const char* member, const char* text)
+{
+    ThrowSize((std::string(owner) + member).c_str(), text, false);
+}
+
+// A vector operand must have `expected` elements.
+inline void CheckVectorSize(int size, int expected, const char* member)
+{
+    if (size != expected)
+        ThrowSize(member, "Vectors are of different size.");
+}
+
 [[noreturn]] inline void ThrowIndex(const char* member)
 {
     ThrowSize(member, "Index out of range.");

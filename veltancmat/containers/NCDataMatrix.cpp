@@ -137,24 +137,19 @@ void NCDataMatrix<T>::Release() noexcept
 template <class T>
 void NCDataMatrix<T>::UnlinkMe()
 {
-    if (!m_shared)
-        return;
-    NCSharedBlockLock lock(m_shared);
-    if (m_shared->refCount.load(std::memory_order_relaxed) == 1)
-        return;
     // Row handles are copied, not elements: each row detaches on its own
     // when it is first written.
-    auto block = std::make_unique<NCSharedBlock>();
-    auto rowArray = std::make_unique<Vector[]>(static_cast<std::size_t>(m_rows) + 1);
-    for (int i = 1; i <= m_rows; ++i)
-        rowArray[i] = m_rowArray[i];
-    auto counts = std::make_unique<IndexList>(*m_colMis);
-    m_shared->refCount.fetch_sub(1, std::memory_order_relaxed);
-    lock.Release();
-    m_shared = block.release();
-    m_rowArray = rowArray.release();
-    m_colMis = counts.release();
-    m_reservedRows = m_rows;
+    NCDetachFromBlock(m_shared, [this] {
+        auto block = std::make_unique<NCSharedBlock>();
+        auto rowArray = std::make_unique<Vector[]>(static_cast<std::size_t>(m_rows) + 1);
+        for (int i = 1; i <= m_rows; ++i)
+            rowArray[i] = m_rowArray[i];
+        auto counts = std::make_unique<IndexList>(*m_colMis);
+        m_shared = block.release();
+        m_rowArray = rowArray.release();
+        m_colMis = counts.release();
+        m_reservedRows = m_rows;
+    });
 }
 
 template <class T>
@@ -375,8 +370,7 @@ template <class T>
 void NCDataMatrix<T>::SetColumn(int j, const Vector& column)
 {
     CheckColumn(j, "SetColumn");
-    if (column.Size() != m_rows)
-        ThrowSize("SetColumn", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(column.Size(), m_rows, "SetColumn");
     UnlinkMe();
     int change = 0;
     for (int i = 1; i <= m_rows; ++i)
@@ -396,8 +390,7 @@ template <class T>
 void NCDataMatrix<T>::SetRow(int i, const Vector& row)
 {
     CheckRow(i, "SetRow");
-    if (row.Size() != m_cols)
-        ThrowSize("SetRow", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(row.Size(), m_cols, "SetRow");
     auto fixer = GetMissingCountFixer(i);
     m_rowArray[i] = row;
 }
@@ -479,8 +472,7 @@ void NCDataMatrix<T>::InsertColumn(int at, const Vector& column)
         SetColumn(1, column);
         return;
     }
-    if (column.Size() != m_rows)
-        ThrowSize("InsertColumn", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(column.Size(), m_rows, "InsertColumn");
     if (!m_shared)
         Allocate(0, 0, T(0));
     UnlinkMe();

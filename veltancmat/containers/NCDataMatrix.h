@@ -366,7 +366,17 @@ private:
                               Vector* result);
     static void NipalsRows(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups, int group,
                            Vector* result);
+    // The same behind a public member: the result and the sizes are checked
+    // first, and an error names the member as called through `owner`, the
+    // qualified prefix of the calling class.
+    static void CheckedStartColumn(const NCRowTable<T>& rows, Vector* result, const char* owner);
+    static void CheckedNipalsColumns(const NCRowTable<T>& rows, const Vector& t, const IndexList* groups, int group,
+                                     Vector* result, const char* owner);
+    static void CheckedNipalsRows(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups, int group,
+                                  Vector* result, const char* owner);
     void GetDensityImpl(int j, const Vector& at, double bandwidth, Vector* result) const;
+
+    static constexpr const char* Owner = "NCDataMatrix<FloatType>::";
 
     bool IsShared() const { return m_shared && m_shared->refCount.load(std::memory_order_acquire) > 1; }
     // Gives this matrix a row array and column counts of its own.

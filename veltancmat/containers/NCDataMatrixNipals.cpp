@@ -630,12 +630,17 @@ template <class T>
 void NCDataMatrix<T>::SpecialNipalsRegressColumnsFixImpl(const Vector& t, const IndexList* groups, int group,
                                                          Vector* result) const
 {
+    CheckedNipalsColumns(AllRows(), t, groups, group, result, Owner);
+}
+
+template <class T>
+void NCDataMatrix<T>::CheckedNipalsColumns(const NCRowTable<T>& rows, const Vector& t, const IndexList* groups,
+                                           int group, Vector* result, const char* owner)
+{
     NCMatrixErrors::CheckResult(result);
-    if (t.Size() != m_rows)
-        NCMatrixErrors::ThrowSize("SpecialNipalsRegressColumnsFix", "Vectors are of different size.");
-    if (groups && groups->Size() != m_cols)
-        NCMatrixErrors::ThrowSize("SpecialNipalsRegressColumnsFix", "Vectors are of different size.");
-    NipalsColumns(AllRows(), t, groups, group, result);
+    if (t.Size() != rows.count || (groups && groups->Size() != rows.cols))
+        NCMatrixErrors::ThrowSizeIn(owner, "SpecialNipalsRegressColumnsFix", "Vectors are of different size.");
+    NipalsColumns(rows, t, groups, group, result);
 }
 
 namespace {
@@ -867,8 +872,7 @@ void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>& rowTable, const Vector&
 template <class T>
 double NCDataMatrix<T>::SpecialNipalsRegressOneColumnFix(int j, const Vector& t) const
 {
-    if (t.Size() != m_rows)
-        NCMatrixErrors::ThrowSize("SpecialNipalsRegressOneColumnFix", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(t.Size(), m_rows, "SpecialNipalsRegressOneColumnFix");
     return t.SpecialNipalsRegressFix(GetColumn(j));
 }
 
@@ -885,10 +889,17 @@ template <class T>
 void NCDataMatrix<T>::SpecialNipalsRegressRowsFixImpl(const Vector& p, const IndexList* groups, int group,
                                                       Vector* result) const
 {
+    CheckedNipalsRows(AllRows(), p, groups, group, result, Owner);
+}
+
+template <class T>
+void NCDataMatrix<T>::CheckedNipalsRows(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups, int group,
+                                        Vector* result, const char* owner)
+{
     NCMatrixErrors::CheckResult(result);
-    if (p.Size() != m_cols || (groups && groups->Size() != m_cols))
-        NCMatrixErrors::ThrowSize("SpecialNipalsRegressRowsFix", "Vectors are of different size.");
-    NipalsRows(AllRows(), p, groups, group, result);
+    if (p.Size() != rows.cols || (groups && groups->Size() != rows.cols))
+        NCMatrixErrors::ThrowSizeIn(owner, "SpecialNipalsRegressRowsFix", "Vectors are of different size.");
+    NipalsRows(rows, p, groups, group, result);
 }
 
 template <class T>
@@ -960,7 +971,11 @@ void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>& rowTable, const Vector& p,
     template double NCDataMatrix<T>::SumSquares(const NCRowTable<T>&);                                               \
     template void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>&, const Vector&, const IndexList*, int,         \
                                                  Vector*);                                                           \
-    template void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>&, const Vector&, const IndexList*, int, Vector*);
+    template void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>&, const Vector&, const IndexList*, int, Vector*); \
+    template void NCDataMatrix<T>::CheckedNipalsColumns(const NCRowTable<T>&, const Vector&, const IndexList*, int,  \
+                                                        Vector*, const char*);                                       \
+    template void NCDataMatrix<T>::CheckedNipalsRows(const NCRowTable<T>&, const Vector&, const IndexList*, int,     \
+                                                     Vector*, const char*);
 
 VELTAN_INSTANTIATE_NIPALS(float)
 VELTAN_INSTANTIATE_NIPALS(double)

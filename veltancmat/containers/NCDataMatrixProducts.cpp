@@ -27,7 +27,6 @@ using NCMatrixErrors::ThrowSize;
 namespace {
 
 const char* const DifferentMatrices = "Matrices are different size.";
-const char* const DifferentVectors = "Vectors are of different size.";
 
 // The dense tile: four result rows share every loaded segment of a
 // right-hand row, and 256 columns keep the four double accumulator rows
@@ -444,8 +443,7 @@ void NCDataMatrix<T>::PreMultiplyImpl(const Vector& v, Vector* result) const
 template <class T>
 NCDataVector<T> NCDataMatrix<T>::PreMultiplyMisVal(const Vector& v) const
 {
-    if (v.Size() != m_rows)
-        ThrowSize("PreMultiply", DifferentVectors);
+    NCMatrixErrors::CheckVectorSize(v.Size(), m_rows, "PreMultiply");
     const RightFactor<T> rows(*this, false);
     std::vector<double> acc(static_cast<std::size_t>(m_cols) + 1);
     std::vector<T> pairs(static_cast<std::size_t>(m_cols) + 1);
@@ -460,8 +458,7 @@ NCDataVector<T> NCDataMatrix<T>::PreMultiplyMisVal(const Vector& v) const
 template <class T>
 NCDataVector<T> NCDataMatrix<T>::PreMultiplyNonMisVal(const Vector& v) const
 {
-    if (v.Size() != m_rows)
-        ThrowSize("PreMultiply", DifferentVectors);
+    NCMatrixErrors::CheckVectorSize(v.Size(), m_rows, "PreMultiply");
     const RightFactor<T> rows(*this, false);
     std::vector<double> acc(static_cast<std::size_t>(m_cols) + 1);
     CombineRowsDense(v.GetVector(), rows, acc.data());

@@ -68,16 +68,14 @@ template <class T>
 void NCDataMatrix<T>::RegressColumnsImpl(const Vector& v, Vector* result) const
 {
     NCMatrixErrors::CheckResult(result);
-    if (v.Size() != m_rows)
-        NCMatrixErrors::ThrowSize("RegressColumns", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(v.Size(), m_rows, "RegressColumns");
     *result = Slopes<T>(m_cols, [&](int j) { return v.Regress(GetColumn(j)); });
 }
 
 template <class T>
 double NCDataMatrix<T>::RegressOneColumn(int j, const Vector& v) const
 {
-    if (v.Size() != m_rows)
-        NCMatrixErrors::ThrowSize("RegressOneColumn", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(v.Size(), m_rows, "RegressOneColumn");
     return v.Regress(GetColumn(j));
 }
 
@@ -93,8 +91,7 @@ template <class T>
 void NCDataMatrix<T>::RegressRowsImpl(const Vector& v, Vector* result) const
 {
     NCMatrixErrors::CheckResult(result);
-    if (v.Size() != m_cols)
-        NCMatrixErrors::ThrowSize("RegressRows", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(v.Size(), m_cols, "RegressRows");
     *result = Slopes<T>(m_rows, [&](int i) { return v.Regress(m_rowArray[i]); });
 }
 
@@ -111,10 +108,16 @@ NCDataVector<T> NCDataMatrix<T>::GetNIPALSStartColumn() const
 template <class T>
 void NCDataMatrix<T>::GetNIPALSStartColumnImpl(Vector* result) const
 {
+    CheckedStartColumn(AllRows(), result, Owner);
+}
+
+template <class T>
+void NCDataMatrix<T>::CheckedStartColumn(const NCRowTable<T>& rows, Vector* result, const char* owner)
+{
     NCMatrixErrors::CheckResult(result);
-    if (m_cols == 0)
-        NCMatrixErrors::ThrowIndex("GetNIPALSStartColumn");
-    StartColumn(AllRows(), result);
+    if (rows.cols == 0)
+        NCMatrixErrors::ThrowSizeIn(owner, "GetNIPALSStartColumn", "Index out of range.");
+    StartColumn(rows, result);
 }
 
 template <class T>
@@ -177,8 +180,7 @@ void NCDataMatrix<T>::AddVprimV(const Vector& t, const Vector& p, double factor)
 template <class T>
 void NCDataMatrix<T>::AddFV(const Vector& v, double factor)
 {
-    if (v.Size() != m_cols)
-        NCMatrixErrors::ThrowSize("AddFV", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(v.Size(), m_cols, "AddFV");
     for (int i = 1; i <= m_rows; ++i)
         (*this)(i).TransformTo_Add_d_x_Vt(factor, v);
 }
@@ -186,8 +188,7 @@ void NCDataMatrix<T>::AddFV(const Vector& v, double factor)
 template <class T>
 void NCDataMatrix<T>::TransformToDotSubRowVector(const Vector& v)
 {
-    if (v.Size() != m_cols)
-        NCMatrixErrors::ThrowSize("TransformToDotSubRowVector", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(v.Size(), m_cols, "TransformToDotSubRowVector");
     for (int i = 1; i <= m_rows; ++i)
         (*this)(i) -= v;
 }
@@ -209,8 +210,7 @@ NCDataVector<T> Reciprocals(const NCDataVector<T>& v)
 template <class T>
 void NCDataMatrix<T>::TransformToColumnScaled(const Vector& scale)
 {
-    if (scale.Size() != m_cols)
-        NCMatrixErrors::ThrowSize("TransformToColumnScaled", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(scale.Size(), m_cols, "TransformToColumnScaled");
     for (int i = 1; i <= m_rows; ++i) {
         auto fixer = GetMissingCountFixer(i);
         m_rowArray[i].DotMultiplication(scale);
@@ -229,8 +229,7 @@ template <class T>
 void NCDataMatrix<T>::DotMultiplyVectorImpl(const Vector& v, NCDataMatrix* result) const
 {
     NCMatrixErrors::CheckResult(result);
-    if (v.Size() != m_cols)
-        NCMatrixErrors::ThrowSize("DotMultiplyVector", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(v.Size(), m_cols, "DotMultiplyVector");
     NCDataMatrix scaled(*this);
     scaled.TransformToColumnScaled(v);
     *result = std::move(scaled);
@@ -239,16 +238,14 @@ void NCDataMatrix<T>::DotMultiplyVectorImpl(const Vector& v, NCDataMatrix* resul
 template <class T>
 NCDataMatrix<T> NCDataMatrix<T>::DotDivideVector(const Vector& v) const
 {
-    if (v.Size() != m_cols)
-        NCMatrixErrors::ThrowSize("DotDivideVector", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(v.Size(), m_cols, "DotDivideVector");
     return DotMultiplyVector(Reciprocals(v));
 }
 
 template <class T>
 NCDataMatrix<T> NCDataMatrix<T>::DotPreMultiplyVector(const Vector& v) const
 {
-    if (v.Size() != m_rows)
-        NCMatrixErrors::ThrowSize("DotPreMultiplyVector", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(v.Size(), m_rows, "DotPreMultiplyVector");
     NCDataMatrix result(*this);
     for (int i = 1; i <= m_rows; ++i) {
         if (IsMisVal(v[i]))
@@ -262,8 +259,7 @@ NCDataMatrix<T> NCDataMatrix<T>::DotPreMultiplyVector(const Vector& v) const
 template <class T>
 NCDataMatrix<T> NCDataMatrix<T>::DotPreDivideVector(const Vector& v) const
 {
-    if (v.Size() != m_rows)
-        NCMatrixErrors::ThrowSize("DotPreDivideVector", "Vectors are of different size.");
+    NCMatrixErrors::CheckVectorSize(v.Size(), m_rows, "DotPreDivideVector");
     return DotPreMultiplyVector(Reciprocals(v));
 }
 
@@ -305,6 +301,7 @@ void NCDataMatrix<T>::SNVImpl(NCDataMatrix* result) const
     template void NCDataMatrix<T>::RegressRowsImpl(const Vector&, Vector*) const;                                    \
     template void NCDataMatrix<T>::GetNIPALSStartColumnImpl(Vector*) const;                                          \
     template void NCDataMatrix<T>::StartColumn(const NCRowTable<T>&, Vector*);                                       \
+    template void NCDataMatrix<T>::CheckedStartColumn(const NCRowTable<T>&, Vector*, const char*);                   \
     template void NCDataMatrix<T>::DotMultiplyVectorImpl(const Vector&, NCDataMatrix*) const;                        \
     template void NCDataMatrix<T>::SNVImpl(NCDataMatrix*) const;
 

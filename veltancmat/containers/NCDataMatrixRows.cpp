@@ -2,13 +2,13 @@
 
 #include "veltancmat/containers/MatrixErrors.h"
 
-#include <string>
-
 namespace {
+
+const char* const Owner = "NCDataMatrixRows<FloatType>::";
 
 [[noreturn]] void ThrowSize(const char* member, const char* text)
 {
-    NCMatrixErrors::ThrowSize((std::string("NCDataMatrixRows<FloatType>::") + member).c_str(), text, false);
+    NCMatrixErrors::ThrowSizeIn(Owner, member, text);
 }
 
 } // namespace
@@ -56,30 +56,21 @@ double NCDataMatrixRows<T>::GetSS() const
 template <class T>
 void NCDataMatrixRows<T>::GetNIPALSStartColumn(Vector* result) const
 {
-    NCMatrixErrors::CheckResult(result);
-    if (m_table.cols == 0)
-        ThrowSize("GetNIPALSStartColumn", "Index out of range.");
-    NCDataMatrix<T>::StartColumn(m_table, result);
+    NCDataMatrix<T>::CheckedStartColumn(m_table, result, Owner);
 }
 
 template <class T>
 void NCDataMatrixRows<T>::SpecialNipalsRegressColumnsFix(const Vector& t, Vector* result, const IndexList* groups,
                                                          int group) const
 {
-    NCMatrixErrors::CheckResult(result);
-    if (t.Size() != m_table.count || (groups && groups->Size() != m_table.cols))
-        ThrowSize("SpecialNipalsRegressColumnsFix", "Vectors are of different size.");
-    NCDataMatrix<T>::NipalsColumns(m_table, t, groups, group, result);
+    NCDataMatrix<T>::CheckedNipalsColumns(m_table, t, groups, group, result, Owner);
 }
 
 template <class T>
 void NCDataMatrixRows<T>::SpecialNipalsRegressRowsFix(const Vector& p, Vector* result, const IndexList* groups,
                                                       int group) const
 {
-    NCMatrixErrors::CheckResult(result);
-    if (p.Size() != m_table.cols || (groups && groups->Size() != m_table.cols))
-        ThrowSize("SpecialNipalsRegressRowsFix", "Vectors are of different size.");
-    NCDataMatrix<T>::NipalsRows(m_table, p, groups, group, result);
+    NCDataMatrix<T>::CheckedNipalsRows(m_table, p, groups, group, result, Owner);
 }
 
 template <class T>

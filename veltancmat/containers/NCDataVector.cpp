@@ -216,17 +216,8 @@ void NCDataVector<T>::MoveToNewBlock(int capacity, NCSharedBlock* record)
 template <class T>
 void NCDataVector<T>::ForceUnlink()
 {
-    if (!m_shared)
-        return;
-    NCSharedBlockLock lock(m_shared);
-    if (m_shared->refCount.load(std::memory_order_relaxed) == 1)
-        return;
-    // The other holders keep the old storage; the lock taken on its record
-    // is given back after this vector has moved out.
-    NCSharedBlock* const old = m_shared;
-    MoveToNewBlock(m_size, nullptr);
-    old->refCount.fetch_sub(1, std::memory_order_relaxed);
-    lock.Release();
+    // The other holders keep the old storage.
+    NCDetachFromBlock(m_shared, [this] { MoveToNewBlock(m_size, nullptr); });
 }
 
 template <class T>

@@ -241,10 +241,14 @@ double NCDataVector<T>::GetRobustStdDev() const
 
 namespace {
 // Sum of ((x - mean) / s)^power over the present elements, with s the
-// sample standard deviation; -99 when s is undefined or zero.
+// sample standard deviation; -99 when s is undefined or zero, or when fewer
+// than `power` elements are present (the moment's small-sample correction
+// has no value there).
 template <class T>
 double SumOfStandardisedPowers(const NCDataVector<T>& v, int power)
 {
+    if (v.GetNumValidValues() < power)
+        return dMisVal;
     const double s = v.GetStdDev();
     if (IsMisVal(s) || s == 0.0)
         return dMisVal;
@@ -263,13 +267,11 @@ double SumOfStandardisedPowers(const NCDataVector<T>& v, int power)
 template <class T>
 double NCDataVector<T>::GetSkewness() const
 {
-    const int v = GetNumValidValues();
-    if (v < 3)
-        return dMisVal;
     const double sum = SumOfStandardisedPowers(*this, 3);
     if (IsMisVal(sum))
         return dMisVal;
-    return static_cast<double>(v) / ((v - 1.0) * (v - 2.0)) * sum;
+    const double v = GetNumValidValues();
+    return v / ((v - 1.0) * (v - 2.0)) * sum;
 }
 
 template <class T>
@@ -286,13 +288,10 @@ double NCDataVector<T>::GetSkewnessTest() const
 template <class T>
 double NCDataVector<T>::GetKurtosis() const
 {
-    const int v = GetNumValidValues();
-    if (v < 4)
-        return dMisVal;
     const double sum = SumOfStandardisedPowers(*this, 4);
     if (IsMisVal(sum))
         return dMisVal;
-    const double n = v;
+    const double n = GetNumValidValues();
     return (n + 1.0) * n / ((n - 1.0) * (n - 2.0) * (n - 3.0)) * sum -
            3.0 * (n - 1.0) * (n - 1.0) / ((n - 2.0) * (n - 3.0));
 }
@@ -534,6 +533,28 @@ void CentredSums(const T* a, const T* b, int size, double mx, double my, double&
         sxy += dx * dy;
     }
 }
+
+// The means and centred sums over the complete pairs, in two passes; for
+// fewer than two pairs only n is set.
+struct PairMoments {
+    int n = 0;
+    double mx = 0.0, my = 0.0;
+    double sxx = 0.0, syy = 0.0, sxy = 0.0;
+};
+
+template <class T>
+PairMoments CompletePairMoments(const T* a, const T* b, int size)
+{
+    const PairSums s = SumPairs(a, b, size);
+    PairMoments m;
+    m.n = s.n;
+    if (s.n < 2)
+        return m;
+    m.mx = s.sx / s.n;
+    m.my = s.sy / s.n;
+    CentredSums(a, b, size, m.mx, m.my, m.sxx, m.syy, m.sxy);
+    return m;
+}
 } // namespace
 
 // Covariance and Correlation_Mean use the complete pairs only, with the
@@ -542,27 +563,21 @@ template <class T>
 double NCDataVector<T>::Covariance(const NCDataVector& v2) const
 {
     CheckSameSize(v2, "Covariance");
-    const PairSums s = SumPairs(m_data, v2.m_data, m_size);
-    if (s.n < 2)
+    const PairMoments m = CompletePairMoments(m_data, v2.m_data, m_size);
+    if (m.n < 2)
         return dMisVal;
-    double sxx = 0.0, syy = 0.0, sxy = 0.0;
-    CentredSums(m_data, v2.m_data, m_size, s.sx / s.n, s.sy / s.n, sxx, syy, sxy);
-    return sxy / (s.n - 1);
+    return m.sxy / (m.n - 1);
 }
 
 template <class T>
 double NCDataVector<T>::Correlation_Mean(const NCDataVector& v2) const
 {
     CheckSameSize(v2, "Correlation_Mean");
-    const PairSums s = SumPairs(m_data, v2.m_data, m_size);
-    if (s.n < 2)
-        return dMisVal;
-    double sxx = 0.0, syy = 0.0, sxy = 0.0;
-    CentredSums(m_data, v2.m_data, m_size, s.sx / s.n, s.sy / s.n, sxx, syy, sxy);
+    const PairMoments m = CompletePairMoments(m_data, v2.m_data, m_size);
     // A constant series has no defined correlation.
-    if (sxx <= 0.0 || syy <= 0.0)
+    if (m.n < 2 || m.sxx <= 0.0 || m.syy <= 0.0)
         return dMisVal;
-    return std::clamp(sxy / std::sqrt(sxx * syy), -1.0, 1.0);
+    return std::clamp(m.sxy / std::sqrt(m.sxx * m.syy), -1.0, 1.0);
 }
 
 template <class T>
@@ -595,21 +610,15 @@ double NCDataVector<T>::LeastSquare(const NCDataVector& v2, double& intercept, d
 {
     CheckSameSize(v2, "LeastSquare");
     intercept = slope = dMisVal;
-    const PairSums s = SumPairs(m_data, v2.m_data, m_size);
-    if (s.n < 2)
+    const PairMoments m = CompletePairMoments(m_data, v2.m_data, m_size);
+    if (m.n < 2 || m.sxx <= 0.0)
         return dMisVal;
-    const double mx = s.sx / s.n;
-    const double my = s.sy / s.n;
-    double sxx = 0.0, syy = 0.0, sxy = 0.0;
-    CentredSums(m_data, v2.m_data, m_size, mx, my, sxx, syy, sxy);
-    if (sxx <= 0.0)
-        return dMisVal;
-    slope = sxy / sxx;
-    intercept = my - slope * mx;
-    if (s.n < 3)
+    slope = m.sxy / m.sxx;
+    intercept = m.my - slope * m.mx;
+    if (m.n < 3)
         return 0.0;
-    const double rss = std::max(0.0, syy - slope * sxy);
-    return std::sqrt(rss / (s.n - 2));
+    const double rss = std::max(0.0, m.syy - slope * m.sxy);
+    return std::sqrt(rss / (m.n - 2));
 }
 
 #define VELTAN_INSTANTIATE_STATISTICS(T)                                                                                                                                                                           \

@@ -174,29 +174,25 @@ NCDataVector<float> Average(const NCDataVector<float>& v, int window)
 
     double sum = 0.0;
     int count = 0;
-    const auto enter = [&](int j) {
+    // Element j enters the window (step 1) or leaves it (step -1); a sign
+    // change is exact, so leaving subtracts just as sum -= v[j] would.
+    const auto shift = [&](int j, int step) {
         if (!IsMisVal(v[j])) {
-            sum += v[j];
-            ++count;
-        }
-    };
-    const auto leave = [&](int j) {
-        if (!IsMisVal(v[j])) {
-            sum -= v[j];
-            --count;
+            sum += step * static_cast<double>(v[j]);
+            count += step;
         }
     };
 
     for (int j = 1; j <= WindowLast(1, window, n); ++j)
-        enter(j);
+        shift(j, 1);
     for (int i = 1; i <= n; ++i) {
         if (i > 1) {
             const int entering = WindowLast(i, window, n);
             if (entering > WindowLast(i - 1, window, n))
-                enter(entering);
+                shift(entering, 1);
             const int leaving = WindowFirst(i - 1, window);
             if (leaving < WindowFirst(i, window))
-                leave(leaving);
+                shift(leaving, -1);
         }
         if (count > 0)
             result(i, static_cast<float>(sum / count));

@@ -76,6 +76,22 @@ inline void CheckBreak(const NCProgress* progress, const CancelText& cancel)
         cancel.Throw();
 }
 
+namespace ProgressDetail {
+// Makes the closing call of a scope from its destructor, which must not
+// throw: the call's result (a break that the next check will see anyway)
+// and an observer's exception are both dropped.
+template <class Result>
+void CloseQuietly(NCProgress* progress, Result (NCProgress::*close)()) noexcept
+{
+    if (!progress)
+        return;
+    try {
+        (progress->*close)();
+    } catch (...) {
+    }
+}
+} // namespace ProgressDetail
+
 // Holds one nested level open for the lifetime of the object.
 class ProgressSubRange {
 public:
@@ -84,18 +100,7 @@ public:
     {
         Open(progress, from, to, cancel, text);
     }
-    ~ProgressSubRange()
-    {
-        if (!m_progress)
-            return;
-        // A destructor must not throw: the result of the pop (a break that
-        // the next check will see anyway) and an observer's exception are
-        // both dropped here.
-        try {
-            m_progress->PopSubRange();
-        } catch (...) {
-        }
-    }
+    ~ProgressSubRange() { ProgressDetail::CloseQuietly(m_progress, &NCProgress::PopSubRange); }
     ProgressSubRange(const ProgressSubRange&) = delete;
     ProgressSubRange& operator=(const ProgressSubRange&) = delete;
 
@@ -135,12 +140,8 @@ public:
     explicit ProgressSpinner(NCProgress* progress) : m_progress(progress) {}
     ~ProgressSpinner()
     {
-        if (!m_progress || !m_spun)
-            return;
-        try {
-            m_progress->SpinDone();
-        } catch (...) {
-        }
+        if (m_spun)
+            ProgressDetail::CloseQuietly(m_progress, &NCProgress::SpinDone);
     }
     ProgressSpinner(const ProgressSpinner&) = delete;
     ProgressSpinner& operator=(const ProgressSpinner&) = delete;

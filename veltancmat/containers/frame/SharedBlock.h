@@ -66,3 +66,19 @@ public:
 private:
     NCSpinLock* m_lock;
 };
+
+// Gives a holder of `block` storage of its own while other copies still use
+// the block: under the block's lock, `detach` moves the holder onto new
+// storage (it may throw, leaving everything as it was), and then the block
+// counts one copy fewer. Nothing happens for a null block or a sole holder.
+template <class Detach>
+void NCDetachFromBlock(NCSharedBlock* block, Detach detach)
+{
+    if (!block)
+        return;
+    NCSharedBlockLock lock(block);
+    if (block->refCount.load(std::memory_order_relaxed) == 1)
+        return;
+    detach();
+    block->refCount.fetch_sub(1, std::memory_order_relaxed);
+}
