@@ -8,6 +8,7 @@
 #include <boost/format.hpp>
 
 #include <string>
+#include <utility>
 
 // Helpers that let a long computation drive an optional NCProgress without
 // a null test at every use. Each is a no-op for a null pointer, and each
@@ -103,6 +104,14 @@ public:
     ~ProgressSubRange() { ProgressDetail::CloseQuietly(m_progress, &NCProgress::PopSubRange); }
     ProgressSubRange(const ProgressSubRange&) = delete;
     ProgressSubRange& operator=(const ProgressSubRange&) = delete;
+
+    // Closes the level now; a break reported by the closing call cancels.
+    void Close(const CancelText& cancel)
+    {
+        NCProgress* const progress = std::exchange(m_progress, nullptr);
+        if (progress && !progress->PopSubRange())
+            cancel.Throw();
+    }
 
 protected:
     ProgressSubRange() = default;
