@@ -340,6 +340,63 @@ void ProductMasked(const LeftFactor<T>& a, const RightFactor<T>& b, T* const* ou
     }
 }
 
+// Few result rows, each a combination of the right factor's rows: split
+// over the right factor's rows instead, so that every thread reads its own
+// share of the right factor once for all result rows and no thread idles.
+// Each thread sums into its own accumulators; they are added in thread
+// order, so a given thread count always gives the same bits.
+template <class T>
+void ProductSplitInner(const LeftFactor<T>& a, const RightFactor<T>& b, T* const* out)
+{
+    const int r = a.Rows();
+    const int m = a.Inner();
+    const int c = b.columns;
+    const std::size_t stride = static_cast<std::size_t>(m) + 1;
+    std::vector<T> gathered(static_cast<std::size_t>(r) * stride);
+    std::vector<const T*> coef(static_cast<std::size_t>(r));
+    a.Get(1, r, gathered.data(), coef.data());
+    const int threads = omp_get_max_threads();
+    const std::size_t rowSize = static_cast<std::size_t>(c) + 1;
+    const std::size_t block = rowSize * r;
+    std::vector<double> accAll(block * threads, 0.0);
+    std::vector<T> pairsAll(block * threads, T(0));
+    std::vector<int> fullAll(static_cast<std::size_t>(r) * threads, 0);
+
+#pragma omp parallel num_threads(threads)
+    {
+        const std::size_t t = static_cast<std::size_t>(omp_get_thread_num());
+        double* acc = accAll.data() + t * block;
+        T* pairs = pairsAll.data() + t * block;
+        int* full = fullAll.data() + t * r;
+#pragma omp for schedule(static)
+        for (int k = 1; k <= m; ++k) {
+            const T* row = b.rows[k];
+            for (int q = 0; q < r; ++q) {
+                const T x = coef[static_cast<std::size_t>(q)][k];
+                if (IsMisVal(x))
+                    continue;
+                if (b.missing[k] == 0) {
+                    AxpyKernel(acc + q * rowSize, row, x, c);
+                    ++full[q];
+                } else {
+                    MaskedAxpyKernel(acc + q * rowSize, pairs + q * rowSize, row, x, c);
+                }
+            }
+        }
+    }
+    for (std::size_t t = 1; t < static_cast<std::size_t>(threads); ++t) {
+        for (std::size_t e = 0; e < block; ++e) {
+            accAll[e] += accAll[t * block + e];
+            pairsAll[e] += pairsAll[t * block + e];
+        }
+        for (int q = 0; q < r; ++q)
+            fullAll[static_cast<std::size_t>(q)] += fullAll[t * r + static_cast<std::size_t>(q)];
+    }
+    for (int q = 0; q < r; ++q)
+        StoreMasked(out[q + 1], accAll.data() + q * rowSize, pairsAll.data() + q * rowSize,
+                    fullAll[static_cast<std::size_t>(q)], c);
+}
+
 // The product of the two factors as a new matrix with exact counts.
 template <class T>
 NCDataMatrix<T> Product(const NCDataMatrix<T>& a, bool aTransposed, const NCDataMatrix<T>& b, bool bTransposed)
@@ -352,7 +409,9 @@ NCDataMatrix<T> Product(const NCDataMatrix<T>& a, bool aTransposed, const NCData
     std::vector<T*> out = product.GetMatrixAsPointerPointer();
     const double work = static_cast<double>(left.Rows()) * left.Inner() * right.columns;
     const bool parallel = work > NCParallelWork::MinProductMultiplyAdds;
-    if (left.HasMissingValues() || right.anyMissing)
+    if (parallel && left.Rows() <= NCParallelWork::MaxRowsOfInnerSplit && right.inner >= 4 * omp_get_max_threads())
+        ProductSplitInner(left, right, out.data());
+    else if (left.HasMissingValues() || right.anyMissing)
         ProductMasked(left, right, out.data(), parallel);
     else
         ProductDense(left, right, out.data(), parallel);

@@ -1,9 +1,12 @@
 #include "veltancmat/models/NCOPLS.h"
 
 #include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/containers/frame/ParallelWork.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/models/NCPCA.h"
 #include "veltancmat/platform/NCError.h"
+
+#include <omp.h>
 
 #include <algorithm>
 #include <cmath>
@@ -22,6 +25,137 @@ NCDataMatrix<float> SingleRow(NCDataVector<float> row)
     return m;
 }
 
+// a' b with the missing cells of both taken as 0. The product skips
+// missing cells, which is the same sum; only a cell without a single
+// complete pair comes back missing instead of 0.
+NCDataMatrix<float> ZeroFilledProduct(const NCDataMatrix<float>& a, const NCDataMatrix<float>& b, bool transposeA)
+{
+    NCDataMatrix<float> product = transposeA ? a.MultiplyTransposeThis(b) : a.MatrixMultiply(b);
+    if (product.HasMissingValues()) {
+        for (float* row : product.GetMatrixAsPointerPointer())
+            if (row)
+                for (int j = 1; j <= product.SizeColumns(); ++j)
+                    row[j] = IsMisVal(row[j]) ? 0.0f : row[j];
+        product.RecountMissing();
+    }
+    return product;
+}
+
+// Projections on what a basis leaves of X, E = X - sum_a t_a w_a' over the
+// present cells, found from X itself: forming E would cost a copy of X and
+// a pass per basis vector, the corrections cost a pass over the missing
+// cells. In exact arithmetic both give the same sums.
+
+// Y'E with missing cells as 0, for a single basis vector b with scores t,
+// from covX = Y'X: the cells of column j lose b_j times the sum of y t over
+// the rows present in column j.
+NCDataMatrix<float> ResidualCovariance(const NCDataMatrix<float>& covX, const NCDataMatrix<float>& y,
+                                       const NCDataVector<float>& b, const NCDataVector<float>& t,
+                                       const NCOPLS::CellSet& xMissing)
+{
+    const int m = y.SizeColumns(), k = covX.SizeColumns();
+    std::vector<double> all(static_cast<std::size_t>(m) + 1, 0.0);
+    for (int i = 1; i <= y.SizeRows(); ++i) {
+        if (IsMisVal(t[i]))
+            continue;
+        for (int r = 1; r <= m; ++r)
+            if (!IsMisVal(y[i][r]))
+                all[r] += double(y[i][r]) * t[i];
+    }
+    std::vector<double> used(static_cast<std::size_t>(m) * (k + 1));
+    for (int r = 1; r <= m; ++r)
+        std::fill_n(used.begin() + (r - 1) * (k + 1), k + 1, all[r]);
+    for (const auto& [i, j] : xMissing) {
+        if (IsMisVal(t[i]))
+            continue;
+        for (int r = 1; r <= m; ++r)
+            if (!IsMisVal(y[i][r]))
+                used[(r - 1) * (k + 1) + j] -= double(y[i][r]) * t[i];
+    }
+    NCDataMatrix<float> covariance(m, k);
+    for (int r = 1; r <= m; ++r)
+        for (int j = 1; j <= k; ++j)
+            covariance(r, j, static_cast<float>(covX[r][j] - b[j] * used[(r - 1) * (k + 1) + j]));
+    return covariance;
+}
+
+// T E with missing cells as 0 (A x K): T X less, for every pair of basis
+// vectors, w_b times the sum of t_a t_b over the rows present in the column.
+NCDataMatrix<float> ScoresTimesOutside(const NCDataMatrix<float>& x, const NCDataMatrix<float>& scores,
+                                       const NCDataMatrix<float>& w, const NCOPLS::CellSet& xMissing)
+{
+    const NCDataMatrix<float> tx = ZeroFilledProduct(scores, x, false);
+    const int a = scores.SizeRows(), k = x.SizeColumns();
+    auto present = [&](int c, int i) { return !IsMisVal(scores[c][i]); };
+    std::vector<double> q(static_cast<std::size_t>(a) * a, 0.0);
+    for (int c = 1; c <= a; ++c)
+        for (int d = 1; d <= a; ++d)
+            for (int i = 1; i <= x.SizeRows(); ++i)
+                if (present(c, i) && present(d, i))
+                    q[(c - 1) * a + d - 1] += double(scores[c][i]) * scores[d][i];
+    std::vector<double> product(static_cast<std::size_t>(a) * (k + 1));
+    for (int c = 1; c <= a; ++c)
+        for (int j = 1; j <= k; ++j) {
+            double v = tx[c][j];
+            for (int d = 1; d <= a; ++d)
+                v -= q[(c - 1) * a + d - 1] * w[d][j];
+            product[(c - 1) * (k + 1) + j] = v;
+        }
+    for (const auto& [i, j] : xMissing) {
+        double basisPart = 0.0;
+        for (int d = 1; d <= a; ++d)
+            if (present(d, i))
+                basisPart += double(scores[d][i]) * w[d][j];
+        for (int c = 1; c <= a; ++c)
+            if (present(c, i))
+                product[(c - 1) * (k + 1) + j] += double(scores[c][i]) * basisPart;
+    }
+    NCDataMatrix<float> result(a, k);
+    for (int c = 1; c <= a; ++c)
+        for (int j = 1; j <= k; ++j)
+            result(c, j, static_cast<float>(product[(c - 1) * (k + 1) + j]));
+    return result;
+}
+
+// The rows of E regressed on wo (complete), from those of X: row i loses
+// sum_b t_bi (w_b . wo over its present cells) / d_i, d_i being the
+// regression's divisor max(wo'wo / 3, wo'wo over the present cells).
+NCDataVector<float> OutsideRowScores(const NCDataMatrix<float>& x, const NCDataMatrix<float>& scores,
+                                     const NCDataMatrix<float>& w, const NCDataVector<float>& wo,
+                                     const NCOPLS::CellSet& xMissing)
+{
+    NCDataVector<float> to = x.SpecialNipalsRegressRowsFix(wo);
+    const int a = w.SizeRows(), k = x.SizeColumns();
+    std::vector<double> dots(static_cast<std::size_t>(a) + 1, 0.0);
+    double full = 0.0;
+    for (int j = 1; j <= k; ++j) {
+        full += double(wo[j]) * wo[j];
+        for (int d = 1; d <= a; ++d)
+            dots[d] += double(w[d][j]) * wo[j];
+    }
+    std::vector<double> rowDots(dots);
+    auto cell = xMissing.begin();
+    for (int i = 1; i <= x.SizeRows(); ++i) {
+        double divisor = full;
+        rowDots = dots;
+        for (; cell != xMissing.end() && cell->first == i; ++cell) {
+            const int j = cell->second;
+            divisor -= double(wo[j]) * wo[j];
+            for (int d = 1; d <= a; ++d)
+                rowDots[d] -= double(w[d][j]) * wo[j];
+        }
+        if (IsMisVal(to[i]))
+            continue;
+        divisor = std::max(full / 3.0, divisor);
+        double basisPart = 0.0;
+        for (int d = 1; d <= a; ++d)
+            if (!IsMisVal(scores[d][i]))
+                basisPart += double(scores[d][i]) * rowDots[d];
+        to(i, static_cast<float>(to[i] - basisPart / divisor));
+    }
+    return to;
+}
+
 int LowerToRank(int numPredictive, const NCDataMatrix<float>& y)
 {
     const int limit = std::min(y.SizeRows(), y.SizeColumns());
@@ -30,22 +164,6 @@ int LowerToRank(int numPredictive, const NCDataMatrix<float>& y)
 
 } // namespace
 
-// The missing cells of a matrix hold 0 while products are formed over them
-// and the marker again afterwards, also when the products throw.
-class NCOPLS::ZeroedCells {
-public:
-    ZeroedCells(NCDataMatrix<float>& m, const CellSet& cells) : m_matrix(m), m_cells(cells)
-    {
-        FillMatrix(m_matrix, m_cells, 0.0f);
-    }
-    ~ZeroedCells() { FillMatrix(m_matrix, m_cells, Missing); }
-    ZeroedCells(const ZeroedCells&) = delete;
-    ZeroedCells& operator=(const ZeroedCells&) = delete;
-
-private:
-    NCDataMatrix<float>& m_matrix;
-    const CellSet& m_cells;
-};
 
 NCOPLS::NCOPLS(const NCDataMatrix<float>* x, const NCDataMatrix<float>* y, int numPredictive, int maxIterations)
     : m_maxIterations(maxIterations)
@@ -95,26 +213,34 @@ NCOPLS::NCOPLS(const NCDataMatrix<float>* x, const NCDataMatrix<float>* y, const
 
 NCOPLS::~NCOPLS() = default;
 
+// Rows are scanned in parallel chunks, taken in order, so the cells stay in
+// row-major order.
 void NCOPLS::FindMissingValue(const NCDataMatrix<float>& m, CellSet& cells)
 {
     cells.clear();
     if (!m.HasMissingValues())
         return;
-    cells.reserve(static_cast<std::size_t>(m.GetNumMisVal()));
-    for (int i = 1; i <= m.SizeRows(); ++i) {
-        const NCDataVector<float>& row = m[i];
-        if (!row.HasMissingValues())
-            continue;
-        for (int j = 1; j <= m.SizeColumns(); ++j)
-            if (IsMisVal(row[j]))
-                cells.emplace_back(i, j);
+    const int rows = m.SizeRows(), cols = m.SizeColumns();
+    const bool parallel = static_cast<long long>(rows) * cols >= NCParallelWork::MinCells;
+    const int threads = parallel ? omp_get_max_threads() : 1;
+    std::vector<CellSet> parts(static_cast<std::size_t>(threads));
+#pragma omp parallel num_threads(threads) if (parallel)
+    {
+        CellSet& part = parts[static_cast<std::size_t>(omp_get_thread_num())];
+#pragma omp for schedule(static)
+        for (int i = 1; i <= rows; ++i) {
+            const NCDataVector<float>& row = m[i];
+            if (!row.HasMissingValues())
+                continue;
+            const float* v = row.GetVector();
+            for (int j = 1; j <= cols; ++j)
+                if (IsMisVal(v[j]))
+                    part.emplace_back(i, j);
+        }
     }
-}
-
-void NCOPLS::FillMatrix(NCDataMatrix<float>& m, const CellSet& cells, float value)
-{
-    for (const auto& [i, j] : cells)
-        m(i, j, value);
+    cells.reserve(static_cast<std::size_t>(m.GetNumMisVal()));
+    for (const CellSet& part : parts)
+        cells.insert(cells.end(), part.begin(), part.end());
 }
 
 void NCOPLS::NextComponent(NCProgress* progress)
@@ -135,6 +261,21 @@ void NCOPLS::RemoveBasis(NCDataMatrix<float>& e, const NCDataMatrix<float>& basi
         e.AddVprimV(t, basis[i], -1.0);
         scores.push_back(t);
     }
+}
+
+// The scores RemoveBasis gives, without the deflation after the last
+// vector, and so without a copy of X for a single vector.
+void NCOPLS::BasisScores(const NCDataMatrix<float>& x, const NCDataMatrix<float>& basis, NCDataMatrix<float>& scores)
+{
+    const int a = basis.SizeRows();
+    if (a == 1) {
+        scores = NCDataMatrix<float>(0, x.SizeRows());
+        scores.push_back(x.SpecialNipalsRegressRowsFix(basis[1]));
+        return;
+    }
+    NCDataMatrix<float> e = x;
+    RemoveBasis(e, basis.SubMat(1, a - 1, 1, basis.SizeColumns()), scores);
+    scores.push_back(e.SpecialNipalsRegressRowsFix(basis[a]));
 }
 
 // The weight basis from the accumulated covariance rows S. Several
@@ -185,16 +326,21 @@ void NCOPLS::CalcOPLS(NCProgress* progress)
     {
         ProgressSubRange refining(progress, 0.0f, 9.0f, Aborted);
         ProgressRange(progress, 0.0f, 1.0f);
-        const ZeroedCells zeroY(m_y, m_yMissingCells);
         m_refinementCount = 0;
-        NCDataMatrix<float> e = m_x, s;
+        // What the basis leaves of X, formed for a further pass only when
+        // the basis has several vectors; covX is Y'X.
+        NCDataMatrix<float> e, s, covX;
         double first = 0.0, previous = 0.0;
         int knownSize = m_wList.empty() ? 0 : m_wList.front().SizeRows();
         for (;;) {
             NCDataMatrix<float> covariance;
-            {
-                const ZeroedCells zeroE(e, m_xMissingCells);
-                covariance = m_y.MultiplyTransposeThis(e);
+            if (m_refinementCount == 0) {
+                covariance = ZeroFilledProduct(m_y, m_x, true);
+                covX = covariance;
+            } else if (e.empty()) {
+                covariance = ResidualCovariance(covX, m_y, basis[1], m_basisScores[1], m_xMissingCells);
+            } else {
+                covariance = ZeroFilledProduct(m_y, e, true);
             }
             const double norm = std::sqrt(covariance.GetSS());
             if (m_refinementCount == 0) {
@@ -211,11 +357,18 @@ void NCOPLS::CalcOPLS(NCProgress* progress)
             }
             basis = BasisFrom(s, knownSize);
             knownSize = basis.SizeRows();
-            e = m_x;
-            RemoveBasis(e, basis, m_basisScores);
             ++m_refinementCount;
-            if (!incomplete || m_refinementCount >= m_maxIterations)
+            if (!incomplete || m_refinementCount >= m_maxIterations) {
+                BasisScores(m_x, basis, m_basisScores);
                 break;
+            }
+            if (basis.SizeRows() == 1 && !basis.HasMissingValues()) {
+                e.Clear();
+                BasisScores(m_x, basis, m_basisScores);
+            } else {
+                e = m_x;
+                RemoveBasis(e, basis, m_basisScores);
+            }
         }
         refining.Close(Aborted);
     }
@@ -234,25 +387,35 @@ void NCOPLS::PredictiveScores(const NCDataMatrix<float>& basis, NCDataMatrix<flo
                               const NCDataMatrix<float>* givenC)
 {
     const int n = m_x.SizeRows(), a = basis.SizeRows();
-    NCDataMatrix<float> e = m_x, f = m_y;
     m_tprim = NCDataMatrix<float>(0, n);
     m_uprim = NCDataMatrix<float>(0, n);
     if (pprim)
         *pprim = NCDataMatrix<float>(0, m_x.SizeColumns());
     if (cprim)
         *cprim = NCDataMatrix<float>(0, m_y.SizeColumns());
+    // Deflated copies only when a later component reads them.
+    NCDataMatrix<float> e, f;
+    const NCDataMatrix<float>* x = &m_x;
+    const NCDataMatrix<float>* y = &m_y;
     for (int i = 1; i <= a; ++i) {
-        const NCDataVector<float> t = e.SpecialNipalsRegressRowsFix(basis[i]);
-        const NCDataVector<float> p = givenP ? (*givenP)[i] : e.SpecialNipalsRegressColumnsFix(t);
-        const NCDataVector<float> c = givenC ? (*givenC)[i] : f.SpecialNipalsRegressColumnsFix(t);
+        // The first score is the first basis score: the same projection of X.
+        const NCDataVector<float> t = i == 1 && m_basisScores.SizeRows() >= 1 ? m_basisScores[1]
+                                                                                : x->SpecialNipalsRegressRowsFix(basis[i]);
+        const NCDataVector<float> p = givenP ? (*givenP)[i] : x->SpecialNipalsRegressColumnsFix(t);
+        const NCDataVector<float> c = givenC ? (*givenC)[i] : y->SpecialNipalsRegressColumnsFix(t);
         m_tprim.push_back(t);
-        m_uprim.push_back(f.SpecialNipalsRegressRowsFix(c));
+        m_uprim.push_back(y->SpecialNipalsRegressRowsFix(c));
         if (pprim)
             pprim->push_back(p);
         if (cprim)
             cprim->push_back(c);
-        // The last deflation would change nothing that is kept.
         if (i < a) {
+            if (i == 1) {
+                e = m_x;
+                f = m_y;
+                x = &e;
+                y = &f;
+            }
             e.AddVprimV(t, p, -1.0);
             f.AddVprimV(t, c, -1.0);
         }
@@ -264,16 +427,21 @@ void NCOPLS::NextOrthogonalComponent(NCProgress* progress)
     ProgressRange(progress, 0.0f, 10.0f);
     CheckBreak(progress, Aborted);
     const NCDataMatrix<float>& w = m_wList.back();
-    // E: the part of X outside the predictive basis.
-    NCDataMatrix<float> e = m_x;
-    for (int i = 1; i <= w.SizeRows(); ++i)
-        e.AddVprimV(m_basisScores[i], w[i], -1.0);
-    NCDataMatrix<float> outside;
-    {
-        // Row i: the part of the i-th predictive loading outside the basis.
-        const ZeroedCells zeroE(e, m_xMissingCells);
-        outside = m_basisScores.MatrixMultiply(e);
-    }
+    // E, the part of X outside the basis, is formed only for a basis with
+    // missing weights, which the corrections do not cover.
+    NCDataMatrix<float> e;
+    auto outsideBasis = [&]() -> const NCDataMatrix<float>& {
+        if (e.empty()) {
+            e = m_x;
+            for (int i = 1; i <= w.SizeRows(); ++i)
+                e.AddVprimV(m_basisScores[i], w[i], -1.0);
+        }
+        return e;
+    };
+    const bool fromX = !w.HasMissingValues();
+    // Row i: the part of the i-th predictive loading outside the basis.
+    const NCDataMatrix<float> outside = fromX ? ScoresTimesOutside(m_x, m_basisScores, w, m_xMissingCells)
+                                              : ZeroFilledProduct(m_basisScores, outsideBasis(), false);
     NCDataVector<float> wo;
     if (outside.SizeRows() < 2) {
         wo = outside[1];
@@ -283,7 +451,9 @@ void NCOPLS::NextOrthogonalComponent(NCProgress* progress)
         pca.NextComponent(nullptr, nullptr, 0, nullptr);
         wo = (*pca.GetPprim())[1];
     }
-    const NCDataVector<float> to = e.SpecialNipalsRegressRowsFix(wo);
+    const NCDataVector<float> to = fromX && !wo.HasMissingValues()
+                                       ? OutsideRowScores(m_x, m_basisScores, w, wo, m_xMissingCells)
+                                       : outsideBasis().SpecialNipalsRegressRowsFix(wo);
     const NCDataVector<float> co = m_y.SpecialNipalsRegressColumnsFix(to);
     const NCDataVector<float> po = m_x.SpecialNipalsRegressColumnsFix(to);
     NCDataVector<float> uo = m_y.SpecialNipalsRegressRowsFix(co);
@@ -324,8 +494,7 @@ void NCOPLS::CatchUp()
         m_toprim.push_back(to);
         m_uoprim.push_back(uo);
     }
-    NCDataMatrix<float> e = m_x;
-    RemoveBasis(e, m_wList.back(), m_basisScores);
+    BasisScores(m_x, m_wList.back(), m_basisScores);
     PredictiveScores(m_wList.back(), nullptr, nullptr, &m_pList.back(), &m_cList.back());
 }
 

@@ -93,9 +93,6 @@ public:
     void NegateOComp(int a);
 
 private:
-    // Holds a matrix's recorded missing cells at 0 for its lifetime.
-    class ZeroedCells;
-
     void CalcOPLS(NCProgress* progress);
     void NextOrthogonalComponent(NCProgress* progress);
     void CatchUp();
@@ -104,13 +101,14 @@ private:
     // E minus the projection of its rows on the rows of `basis`, one after
     // another; the projections become the rows of `scores`.
     static void RemoveBasis(NCDataMatrix<float>& e, const NCDataMatrix<float>& basis, NCDataMatrix<float>& scores);
+    static void BasisScores(const NCDataMatrix<float>& x, const NCDataMatrix<float>& basis,
+                            NCDataMatrix<float>& scores);
     // T', U' and the stage's P' and C' from the filtered X and Y on `basis`;
     // with given P' and C' only the scores are computed.
     void PredictiveScores(const NCDataMatrix<float>& basis, NCDataMatrix<float>* pprim, NCDataMatrix<float>* cprim,
                           const NCDataMatrix<float>* givenP, const NCDataMatrix<float>* givenC);
 
     static void FindMissingValue(const NCDataMatrix<float>& m, CellSet& cells);
-    static void FillMatrix(NCDataMatrix<float>& m, const CellSet& cells, float value);
 
     NCDataMatrix<float> m_x;
     NCDataMatrix<float> m_y;

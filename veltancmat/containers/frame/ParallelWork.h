@@ -25,6 +25,11 @@ inline constexpr long long MinSharedPassWork = 2 * MinCells;
 // Multiply-adds of a matrix product.
 inline constexpr double MinProductMultiplyAdds = 100000.0;
 
+// Result rows up to which a product is split over the inner dimension (a
+// few responses or components times a tall matrix): below this, rows alone
+// would leave threads idle and read the tall factor once per result row.
+inline constexpr int MaxRowsOfInnerSplit = 16;
+
 // Elements of the vectors each round of a cross-validation updates between
 // its passes; the rounds go to a team only when there are two or more.
 inline constexpr int MinRoundElements = 1000;
