@@ -485,9 +485,17 @@ void NCOPLS::CatchUp()
     m_toprim = NCDataMatrix<float>(0, n);
     m_uoprim = NCDataMatrix<float>(0, n);
     for (int k = 1; k <= m_woprim.SizeRows(); ++k) {
-        NCDataMatrix<float> e = m_x, scores;
-        RemoveBasis(e, m_wList[static_cast<std::size_t>(k - 1)], scores);
-        const NCDataVector<float> to = e.SpecialNipalsRegressRowsFix(m_woprim[k]);
+        const NCDataMatrix<float>& w = m_wList[static_cast<std::size_t>(k - 1)];
+        NCDataVector<float> to;
+        NCDataMatrix<float> scores;
+        if (w.HasMissingValues() || m_woprim[k].HasMissingValues()) {
+            NCDataMatrix<float> e = m_x;
+            RemoveBasis(e, w, scores);
+            to = e.SpecialNipalsRegressRowsFix(m_woprim[k]);
+        } else {
+            BasisScores(m_x, w, scores);
+            to = OutsideRowScores(m_x, scores, w, m_woprim[k], m_xMissingCells);
+        }
         const NCDataVector<float> uo = m_y.SpecialNipalsRegressRowsFix(m_coprim[k]);
         m_x.AddVprimV(to, m_poprim[k], -1.0);
         m_y.AddVprimV(to, m_coprim[k], -1.0);
