@@ -16,6 +16,7 @@
 
 namespace {
 
+#include "models/fixtures/OPLSReference.inc"
 #include "models/fixtures/PLSReference.inc"
 
 NCDataMatrix<float> FromRowMajor(const double* v, int rows, int cols)
@@ -185,6 +186,43 @@ TEST(OPLSModel, SingleResponseFitsAsPlsWithOneMoreComponent)
             EXPECT_LT(AbsCosine((*opls.GetTOprim())[o], y.GetColumn(1)), 1e-5) << "component " << o;
     }
     EXPECT_EQ(opls.GetWMatrices()->size(), std::size_t(PLSCols));
+}
+
+// Several responses with missing cells in X and Y against a second
+// implementation in NumPy (tests/reference/opls.py): the chosen A, the
+// refinement passes, the fitted values and the predictions for new rows of
+// every stage, none of which depends on the signs of the components.
+TEST(OPLSModel, SeveralResponsesWithMissingCellsAgreeWithReference)
+{
+    const NCDataMatrix<float> x = FromRowMajor(OPLSX, OPLSRows, OPLSCols);
+    const NCDataMatrix<float> y = FromRowMajor(OPLSY, OPLSRows, OPLSResponses);
+    const NCDataMatrix<float> xnew = FromRowMajor(OPLSNewX, OPLSNewRows, OPLSCols);
+    ASSERT_TRUE(x.HasMissingValues() && y.HasMissingValues() && xnew.HasMissingValues());
+    NCOPLS opls(&x, &y, 0, 200);
+    for (int stage = 0; stage < OPLSStages; ++stage) {
+        opls.NextComponent(nullptr);
+        EXPECT_EQ(opls.GetNumPredictive(), OPLSPredictive[stage]) << "stage " << stage;
+        EXPECT_EQ(opls.GetRefinementCount(), OPLSPasses[stage]) << "stage " << stage;
+        NCDataMatrix<float> fitted(OPLSRows, OPLSResponses, 0.0f);
+        for (int o = 1; o <= opls.SizeOrthogonalComponents(); ++o)
+            fitted.AddVprimV((*opls.GetTOprim())[o], (*opls.GetCOprim())[o], 1.0);
+        for (int a = 1; a <= opls.SizeComponents(); ++a)
+            fitted.AddVprimV((*opls.GetTprim())[a], (*opls.GetCprim())[a], 1.0);
+        const double* expected = OPLSFitted + stage * OPLSRows * OPLSResponses;
+        for (int i = 1; i <= OPLSRows; ++i)
+            for (int m = 1; m <= OPLSResponses; ++m)
+                EXPECT_NEAR(fitted[i][m], expected[(i - 1) * OPLSResponses + m - 1], 2e-5)
+                    << "stage " << stage << ", row " << i << ", response " << m;
+
+        NCOPLSPred pred(&xnew, &opls);
+        for (int o = 1; o <= stage; ++o)
+            pred.CalcNextComponent();
+        const double* predicted = OPLSPredicted + stage * OPLSNewRows * OPLSResponses;
+        for (int i = 1; i <= OPLSNewRows; ++i)
+            for (int m = 1; m <= OPLSResponses; ++m)
+                EXPECT_NEAR((*pred.GetYPred())[i][m], predicted[(i - 1) * OPLSResponses + m - 1], 2e-5)
+                    << "stage " << stage << ", new row " << i << ", response " << m;
+    }
 }
 
 // Several responses: A is the number of leading principal components of
