@@ -487,3 +487,24 @@ TEST(OPLSModel, SizesThatDoNotFitAreRefused)
     NCOPLS none(&empty, &empty, 0, 200);
     EXPECT_THROW(none.NextComponent(nullptr), NCInternalError);
 }
+
+// A response without a single value and more responses than observations
+// are the caller's to refuse; the model still runs through them.
+TEST(OPLSModel, DegenerateResponsesDoNotStopTheFit)
+{
+    NCDataMatrix<float> x = LowRankTable(12, 5, 2, 0.5);
+    NCDataMatrix<float> y = ThreeResponses(x);
+    for (int i = 1; i <= 12; ++i)
+        y(i, 2, -99.0f);
+    NCOPLS gap(&x, &y, 0, 200);
+    gap.NextComponent(nullptr);
+    gap.NextComponent(nullptr);
+    EXPECT_TRUE(IsMisVal((*gap.GetCprim())[1][2]));
+    EXPECT_FALSE(IsMisVal((*gap.GetCprim())[1][1]));
+    EXPECT_EQ(gap.GetTprim()->GetNumMisVal(), 0);
+
+    const NCDataMatrix<float> fewRows = x.SubMat(1, 2, 1, 5), wideY = ThreeResponses(fewRows);
+    NCOPLS wide(&fewRows, &wideY, 0, 200);
+    wide.NextComponent(nullptr);
+    EXPECT_LE(wide.GetNumPredictive(), 2);
+}
