@@ -37,6 +37,17 @@ inline NCDataMatrix<float> LowRankTable(int n, int k, int rank, double noise, un
     return x;
 }
 
+// A rows x cols matrix from values stored row after row (reference tables).
+template <class T>
+NCDataMatrix<float> FromRowMajor(const T* v, int rows, int cols)
+{
+    NCDataMatrix<float> m(rows, cols);
+    for (int i = 1; i <= rows; ++i)
+        for (int j = 1; j <= cols; ++j)
+            m(i, j, static_cast<float>(v[(i - 1) * cols + j - 1]));
+    return m;
+}
+
 // Marks about `fraction` of the cells missing, never a whole row.
 inline void KnockOut(NCDataMatrix<float>& x, double fraction, unsigned seed = 11)
 {

@@ -19,15 +19,6 @@ namespace {
 #include "models/fixtures/OPLSReference.inc"
 #include "models/fixtures/PLSReference.inc"
 
-NCDataMatrix<float> FromRowMajor(const double* v, int rows, int cols)
-{
-    NCDataMatrix<float> m(rows, cols);
-    for (int i = 1; i <= rows; ++i)
-        for (int j = 1; j <= cols; ++j)
-            m(i, j, static_cast<float>(v[(i - 1) * cols + j - 1]));
-    return m;
-}
-
 NCDataMatrix<float> Diagonal(const std::vector<float>& d)
 {
     const int n = static_cast<int>(d.size());

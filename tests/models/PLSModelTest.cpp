@@ -17,16 +17,6 @@ namespace {
 
 #include "models/fixtures/PLSReference.inc"
 
-template <class T>
-NCDataMatrix<float> FromRowMajor(const T* v, int rows, int cols)
-{
-    NCDataMatrix<float> m(rows, cols);
-    for (int i = 1; i <= rows; ++i)
-        for (int j = 1; j <= cols; ++j)
-            m(i, j, static_cast<float>(v[(i - 1) * cols + j - 1]));
-    return m;
-}
-
 // Two responses built from the first two latent directions of x, plus noise.
 NCDataMatrix<float> TwoResponses(const NCDataMatrix<float>& x)
 {

@@ -45,17 +45,8 @@ OPLSCrossValidation::OPLSCrossValidation(const NCDataMatrix<float>* x, const NCD
         throw NCError(ExceptionMessage::translate("Cross-validation needs at least two groups."), NCError::Error);
     if (groups && groups->Size() != n)
         throw NCInternalError("OPLSCrossValidation::OPLSCrossValidation");
-    m_x = *x;
-    m_y = *y;
-    m_groups = groups ? *groups : GetDeafultCVGroupsVector(n, m_rounds);
-    m_data = OPLSCrossvalidationData(m_rounds, m_y);
-    m_yPred = NCDataMatrix<float>(n, m_y.SizeColumns(), Missing);
-    m_ssYcv = NCDataVector<float>(m_rounds, Missing);
-    m_ssYcvOriginal = NCDataVector<float>(m_rounds, Missing);
-    m_tocv = NCDataVector<float>(n, Missing);
-    m_toSet = NCDataMatrix<float>(m_rounds, n, Missing);
-    m_tcv = NCDataMatrix<float>(0, n);
-    m_q2YVarCum = NCDataVector<float>(m_y.SizeColumns(), Missing);
+    m_data = OPLSCrossvalidationData(m_rounds, *y);
+    StartResults(*x, *y, groups);
 
     ProgressRange(progress, 0.0f, static_cast<float>(m_rounds));
     for (int g = 0; g < m_rounds; ++g) {
@@ -80,12 +71,20 @@ OPLSCrossValidation::OPLSCrossValidation(const NCDataMatrix<float>* x, const NCD
         data->GetWLists().front().empty() || data->GetYColumnSS().Size() != y->SizeColumns() ||
         (groups && groups->Size() != x->SizeRows()))
         throw NCInternalError("OPLSCrossValidation::OPLSCrossValidation");
-    const int n = x->SizeRows();
-    m_x = *x;
-    m_y = *y;
     m_data = *data;
     m_rounds = data->SizeRounds();
     m_numPredictive = data->GetWLists().front().front().SizeRows();
+    StartResults(*x, *y, groups);
+    SizeScoreSets(m_numPredictive);
+}
+
+// The data, the groups, and every result missing until a round fills it.
+void OPLSCrossValidation::StartResults(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y,
+                                       const IndexList* groups)
+{
+    const int n = x.SizeRows();
+    m_x = x;
+    m_y = y;
     m_groups = groups ? *groups : GetDeafultCVGroupsVector(n, m_rounds);
     m_yPred = NCDataMatrix<float>(n, m_y.SizeColumns(), Missing);
     m_ssYcv = NCDataVector<float>(m_rounds, Missing);
@@ -93,7 +92,6 @@ OPLSCrossValidation::OPLSCrossValidation(const NCDataMatrix<float>* x, const NCD
     m_tocv = NCDataVector<float>(n, Missing);
     m_toSet = NCDataMatrix<float>(m_rounds, n, Missing);
     m_tcv = NCDataMatrix<float>(0, n);
-    SizeScoreSets(m_numPredictive);
     m_q2YVarCum = NCDataVector<float>(m_y.SizeColumns(), Missing);
 }
 

@@ -77,6 +77,7 @@ public:
 
 private:
     struct Split;
+    void StartResults(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y, const IndexList* groups);
     Split SplitRound(int g) const;
     void SaveModelMatrices(const NCOPLS& model, int g);
     void SaveGroupResults(const NCOPLS& model, const Split& split, int g);
