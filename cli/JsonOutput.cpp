@@ -159,7 +159,7 @@ Json PermutationsJson(const PermutationTest* test)
 
 } // namespace
 
-std::string PlsJson(const PlsData& data, const PlsOptions& options, const PlsFit& fit, const PermutationTest* test,
+std::string PlsJson(const XYTables& data, const PlsOptions& options, const PlsFit& fit, const PermutationTest* test,
                     const std::vector<WrittenFile>& files)
 {
     Json doc;

@@ -19,7 +19,7 @@ std::string PcaJson(const DataTable& table, const PcaOptions& options, const Pca
 std::string PredictJson(const PredictOptions& options, const DataTable& table, const NCDataMatrix<float>& scores,
                         const std::vector<WrittenFile>& files);
 // test may be null (no permutation test asked for).
-std::string PlsJson(const PlsData& data, const PlsOptions& options, const PlsFit& fit, const PermutationTest* test,
+std::string PlsJson(const XYTables& data, const PlsOptions& options, const PlsFit& fit, const PermutationTest* test,
                     const std::vector<WrittenFile>& files);
 // predictions: N x M in the responses' units; scores: A x N.
 std::string PlsPredictJson(const PredictOptions& options, const DataTable& table,
