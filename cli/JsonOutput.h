@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cli/CsvTable.h"
+#include "cli/OplsCommand.h"
 #include "cli/PcaCommand.h"
 #include "cli/PlsCommand.h"
 #include "cli/PredictCommand.h"
@@ -25,5 +26,13 @@ std::string PlsJson(const XYTables& data, const PlsOptions& options, const PlsFi
 std::string PlsPredictJson(const PredictOptions& options, const DataTable& table,
                            const std::vector<std::string>& responses, const NCDataMatrix<float>& predictions,
                            const NCDataMatrix<float>& scores, const std::vector<WrittenFile>& files);
+std::string OplsJson(const XYTables& data, const OplsOptions& options, const OplsFit& fit,
+                     const std::vector<WrittenFile>& files);
+// predictions: N x M in the responses' units; scores: A x N; orthogonalScores:
+// one row of N per orthogonal component.
+std::string OplsPredictJson(const PredictOptions& options, const DataTable& table,
+                            const std::vector<std::string>& responses, const NCDataMatrix<float>& predictions,
+                            const NCDataMatrix<float>& scores, const NCDataMatrix<float>& orthogonalScores,
+                            const std::vector<WrittenFile>& files);
 
 } // namespace veltan_cli
