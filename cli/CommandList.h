@@ -3,6 +3,6 @@
 // `std::unique_ptr<Command> MakeNameCommand()`. Included with the macro
 // defined by the reader; deliberately without an include guard.
 VELTAN_COMMAND(Pca)
-VELTAN_COMMAND(Opls)
 VELTAN_COMMAND(Pls)
+VELTAN_COMMAND(Opls)
 VELTAN_COMMAND(Predict)

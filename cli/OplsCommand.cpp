@@ -440,7 +440,7 @@ class OplsCommand final : public TableCommand<OplsOptions> {
                         "Write the predictive and orthogonal X loadings (variables x components) as CSV");
         AddSaveOption(command, m_options.savePath);
         AddOutputOption(command, "--plot", m_options.plotPath,
-                        "Draw the first predictive against the first orthogonal scores as SVG");
+                        "Draw the first orthogonal against the first predictive scores (to[1] against t[1]) as SVG");
         AddFitRunFlags(command, m_options.json, m_options.progress);
         return command;
     }
