@@ -269,7 +269,8 @@ OplsFit FitOpls(const XYTables& data, const OplsOptions& options, NCProgress& pr
         fit.orthogonal = o;
     }
     if (!fit.fixed && fit.stopReason.empty())
-        fit.stopReason = "no more orthogonal components than " + LimitPhrase(fit, n, k);
+        fit.stopReason = "reached the limit of " + Plural(fit.orthogonalLimit, "orthogonal component") + ", " +
+                         LimitPhrase(fit, n, k);
     progress.Refresh();
     KeepModel(fit, model, *cv);
     return fit;

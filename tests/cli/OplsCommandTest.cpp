@@ -173,7 +173,8 @@ TEST(VeltanOpls, MultiResponseTableWithGapsAddsOrthogonalComponentsWhileQ2Rises)
         EXPECT_THAT(reason, testing::MatchesRegex("orthogonal component [0-9]+ changes Q2\\(cum\\) by -?[0-9.]+, "
                                                   "less than 0\\.010"));
     else
-        EXPECT_THAT(reason, testing::StartsWith("no more orthogonal components than min(K - A, N - A - 2, 20)"));
+        EXPECT_THAT(reason, testing::StartsWith("reached the limit of " + std::to_string(kept) +
+                                                " orthogonal component"));
 
     // --orthogonal N: exactly N stages after the predictive one, all kept;
     // --predictive fixes A.
@@ -190,6 +191,13 @@ TEST(VeltanOpls, MultiResponseTableWithGapsAddsOrthogonalComponentsWhileQ2Rises)
         Veltan(dir, {"opls", dir.File("d.csv"), "--y", "y1", "--y", "y2", "--orthogonal", "3", "--predictive", "1"});
     EXPECT_EQ(StageRows(three.out).size(), 4u);
     EXPECT_THAT(three.out, HasSubstr("\n1 predictive + 3 orthogonal components fitted, as asked.\n"));
+
+    // Three observations leave no room for an orthogonal component.
+    WriteFile(dir.File("n3.csv"), "n,a,b,y\nr1,1,2,1.1\nr2,2,1,2\nr3,3,4,2.9\n");
+    const RunResult small = Veltan(dir, {"opls", dir.File("n3.csv"), "--y", "y"});
+    EXPECT_EQ(StageRows(small.out).size(), 1u);
+    EXPECT_THAT(small.out, HasSubstr("\n1 predictive + 0 orthogonal components kept; reached the limit of 0 "
+                                     "orthogonal components, min(K - A, N - A - 2, 20) = min(1, 0, 20).\n"));
 }
 
 // X varies mostly along a direction Y ignores. For one response, one
