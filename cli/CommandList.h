@@ -4,4 +4,5 @@
 // defined by the reader; deliberately without an include guard.
 VELTAN_COMMAND(Pca)
 VELTAN_COMMAND(Pls)
+VELTAN_COMMAND(Opls)
 VELTAN_COMMAND(Predict)

@@ -159,7 +159,7 @@ Json PermutationsJson(const PermutationTest* test)
 
 } // namespace
 
-std::string PlsJson(const PlsData& data, const PlsOptions& options, const PlsFit& fit, const PermutationTest* test,
+std::string PlsJson(const XYTables& data, const PlsOptions& options, const PlsFit& fit, const PermutationTest* test,
                     const std::vector<WrittenFile>& files)
 {
     Json doc;
@@ -208,6 +208,64 @@ std::string PlsPredictJson(const PredictOptions& options, const DataTable& table
     doc["components"] = scores.SizeRows();
     doc["responses"] = responses;
     doc["predictions"] = ObservationRows(table, scores, &predictions);
+    return Finish(doc, files);
+}
+
+std::string OplsJson(const XYTables& data, const OplsOptions& options, const OplsFit& fit,
+                     const std::vector<WrittenFile>& files)
+{
+    Json doc;
+    doc["command"] = "opls";
+    doc["data"] = data.x.source;
+    doc["responses_data"] = data.y.source;
+    doc["observations"] = data.x.Observations();
+    doc["x_variables"] = data.x.Variables();
+    doc["responses"] = data.y.variables;
+    doc["scaling"] = ScaleOptionName(options.scale);
+    doc["y_scaling"] = ScaleOptionName(options.yScale);
+    FitSettings(doc, options.logVariables, fit.cvGroups, fit.fixed);
+    doc["predictive"] = fit.predictive;
+    doc["predictive_fixed"] = options.predictive > 0;
+    doc["orthogonal_limit"] = fit.orthogonalLimit;
+    Json stages = Json::array();
+    for (const OplsStage& s : fit.stages)
+        stages.push_back({{"orthogonal", s.orthogonal},
+                          {"r2x_predictive", Number(s.r2xPredictive)},
+                          {"r2x_orthogonal", Number(s.r2xOrthogonal)},
+                          {"r2y", Number(s.r2y)},
+                          {"q2_cum", Number(s.q2Cum)},
+                          {"q2_limit", Number(s.q2Limit)},
+                          {"r2y_responses", Numbers(s.r2yResponses)},
+                          {"q2_cum_responses", Numbers(s.q2CumResponses)},
+                          {"kept", s.kept}});
+    doc["stages"] = std::move(stages);
+    doc["orthogonal"] = fit.orthogonal;
+    doc["stop_reason"] = fit.stopReason.empty() ? Json(nullptr) : Json(fit.stopReason);
+    return Finish(doc, files);
+}
+
+std::string OplsPredictJson(const PredictOptions& options, const DataTable& table,
+                            const std::vector<std::string>& responses, const NCDataMatrix<float>& predictions,
+                            const NCDataMatrix<float>& scores, const NCDataMatrix<float>& orthogonalScores,
+                            const std::vector<WrittenFile>& files)
+{
+    Json doc;
+    doc["command"] = "predict";
+    doc["model"] = options.model;
+    doc["model_type"] = "opls";
+    doc["data"] = table.source;
+    doc["observations"] = table.Observations();
+    doc["components"] = scores.SizeRows();
+    doc["orthogonal_components"] = orthogonalScores.SizeRows();
+    doc["responses"] = responses;
+    Json rows = ObservationRows(table, scores, &predictions);
+    for (int i = 1; i <= table.Observations(); ++i) {
+        Json to = Json::array();
+        for (int a = 1; a <= orthogonalScores.SizeRows(); ++a)
+            to.push_back(Number(orthogonalScores[a][i]));
+        rows[static_cast<std::size_t>(i - 1)]["to"] = std::move(to);
+    }
+    doc["predictions"] = std::move(rows);
     return Finish(doc, files);
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cli/CsvTable.h"
+#include "cli/OplsCommand.h"
 #include "cli/PcaCommand.h"
 #include "cli/PlsCommand.h"
 #include "cli/PredictCommand.h"
@@ -19,11 +20,19 @@ std::string PcaJson(const DataTable& table, const PcaOptions& options, const Pca
 std::string PredictJson(const PredictOptions& options, const DataTable& table, const NCDataMatrix<float>& scores,
                         const std::vector<WrittenFile>& files);
 // test may be null (no permutation test asked for).
-std::string PlsJson(const PlsData& data, const PlsOptions& options, const PlsFit& fit, const PermutationTest* test,
+std::string PlsJson(const XYTables& data, const PlsOptions& options, const PlsFit& fit, const PermutationTest* test,
                     const std::vector<WrittenFile>& files);
 // predictions: N x M in the responses' units; scores: A x N.
 std::string PlsPredictJson(const PredictOptions& options, const DataTable& table,
                            const std::vector<std::string>& responses, const NCDataMatrix<float>& predictions,
                            const NCDataMatrix<float>& scores, const std::vector<WrittenFile>& files);
+std::string OplsJson(const XYTables& data, const OplsOptions& options, const OplsFit& fit,
+                     const std::vector<WrittenFile>& files);
+// predictions: N x M in the responses' units; scores: A x N; orthogonalScores:
+// one row of N per orthogonal component.
+std::string OplsPredictJson(const PredictOptions& options, const DataTable& table,
+                            const std::vector<std::string>& responses, const NCDataMatrix<float>& predictions,
+                            const NCDataMatrix<float>& scores, const NCDataMatrix<float>& orthogonalScores,
+                            const std::vector<WrittenFile>& files);
 
 } // namespace veltan_cli

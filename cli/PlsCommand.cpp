@@ -30,58 +30,6 @@ namespace {
 
 constexpr float Missing = NCMisVal<float>;
 
-std::string Quoted(const std::string& s) { return "\"" + s + "\""; }
-
-// The variable numbers of `names` in `table`; an unknown or repeated name
-// is a usage error.
-std::vector<int> ResponseColumns(const DataTable& table, const std::vector<std::string>& names)
-{
-    std::vector<int> columns;
-    for (const std::string& name : names) {
-        const int j = table.Find(name);
-        if (j == 0)
-            throw ToolError("--y: " + table.source + " has no variable " + Quoted(name), ExitUsage);
-        if (std::find(columns.begin(), columns.end(), j) != columns.end())
-            throw ToolError("--y: " + Quoted(name) + " is named twice", ExitUsage);
-        columns.push_back(j);
-    }
-    return columns;
-}
-
-void CheckSameObservations(const DataTable& x, const DataTable& y)
-{
-    if (y.Observations() != x.Observations())
-        throw ToolError(y.source + ": " + Plural(y.Observations(), "observation") + ", but " + x.source + " has " +
-                        std::to_string(x.Observations()));
-    if (!x.hasNames || !y.hasNames)
-        return;
-    for (std::size_t i = 0; i < x.observations.size(); ++i)
-        if (x.observations[i] != y.observations[i])
-            throw ToolError(y.source + ": row " + std::to_string(y.fileRows[i]) + ": observation " +
-                            Quoted(y.observations[i]) + ", but " + x.source + " has " + Quoted(x.observations[i]) +
-                            " in row " + std::to_string(x.fileRows[i]));
-}
-
-// --log names a variable of either block; each block gets its own list.
-void SplitLogVariables(const PlsData& data, const std::vector<std::string>& names, std::vector<std::string>& x,
-                       std::vector<std::string>& y)
-{
-    for (const std::string& name : names) {
-        const bool inX = data.x.Find(name) != 0, inY = data.y.Find(name) != 0;
-        if (!inX && !inY) {
-            if (data.x.source == data.y.source)
-                throw ToolError("--log: " + data.x.source + " has no variable " + Quoted(name), ExitUsage);
-            throw ToolError("--log: neither " + data.x.source + " nor " + data.y.source + " has a variable " +
-                                Quoted(name),
-                            ExitUsage);
-        }
-        if (inX)
-            x.push_back(name);
-        if (inY)
-            y.push_back(name);
-    }
-}
-
 // Rows of the first `a` components of a component matrix.
 NCDataMatrix<float> FirstRows(const NCDataMatrix<float>& prim, int a, int columns)
 {
@@ -163,45 +111,7 @@ void KeepModel(PlsFit& fit, const NCPLS& pls, const NCDataMatrix<float>& cvResid
 
 } // namespace
 
-PlsData ReadPlsData(const PlsOptions& options)
-{
-    PlsData data;
-    DataTable first = ReadCsvTable(options.data, options.names);
-    if (options.responsesData.empty()) {
-        if (options.yNames.empty())
-            throw ToolError("pls: name the responses with --y NAME, or give their table with --responses FILE",
-                            ExitUsage);
-        const std::vector<int> ys = ResponseColumns(first, options.yNames);
-        std::vector<int> xs;
-        for (int j = 1; j <= first.Variables(); ++j)
-            if (std::find(ys.begin(), ys.end(), j) == ys.end())
-                xs.push_back(j);
-        if (xs.empty())
-            throw ToolError("--y: every variable of " + first.source + " is a response; none is left for X",
-                            ExitUsage);
-        data.x = SelectVariables(first, xs);
-        data.y = SelectVariables(first, ys);
-    } else {
-        DataTable second = ReadCsvTable(options.responsesData, options.names);
-        if (!options.yNames.empty())
-            second = SelectVariables(second, ResponseColumns(second, options.yNames));
-        CheckSameObservations(first, second);
-        // Output files name the observations as either table does.
-        if (!first.hasNames && second.hasNames) {
-            first.observations = second.observations;
-            first.hasNames = true;
-            first.namesHeader = second.namesHeader;
-        }
-        data.x = std::move(first);
-        data.y = std::move(second);
-    }
-    for (int j = 1; j <= data.y.Variables(); ++j)
-        if (data.y.values.GetColumnMisVal(j) == data.y.Observations())
-            throw ToolError(data.y.Where(0, j) + ": every value of this response is missing");
-    return data;
-}
-
-PlsFit FitPls(const PlsData& data, const PlsOptions& options, NCProgress& progress)
+PlsFit FitPls(const XYTables& data, const PlsOptions& options, NCProgress& progress)
 {
     const DataTable& xt = data.x;
     const DataTable& yt = data.y;
@@ -261,7 +171,7 @@ PlsFit FitPls(const PlsData& data, const PlsOptions& options, NCProgress& progre
 
 namespace {
 
-void PrintReport(std::ostream& out, const PlsData& data, const PlsOptions& options, const PlsFit& fit,
+void PrintReport(std::ostream& out, const XYTables& data, const PlsOptions& options, const PlsFit& fit,
                  const PermutationTest* test)
 {
     const DataTable& x = data.x;
@@ -326,7 +236,7 @@ void PrintReport(std::ostream& out, const PlsData& data, const PlsOptions& optio
     }
 }
 
-void WriteCoefficients(std::ostream& out, const PlsData& data, const PlsFit& fit)
+void WriteCoefficients(std::ostream& out, const XYTables& data, const PlsFit& fit)
 {
     const int k = fit.coefficients.SizeRows(), m = fit.coefficients.SizeColumns();
     std::vector<std::string> fields{"variable"};
@@ -369,7 +279,7 @@ namespace {
 // One panel per response: its observed values against their
 // cross-validated predictions, both in the response's units, on one scale
 // so that the line y = x is the diagonal a perfect model would fill.
-PlotFigure PredictionPlot(const PlsData& data, const PlsFit& fit)
+PlotFigure PredictionPlot(const XYTables& data, const PlsFit& fit)
 {
     PlotFigure figure;
     figure.title = "PLS of " + std::filesystem::path(data.x.source).filename().string() + ": observed against " +
@@ -399,7 +309,7 @@ PlotFigure PredictionPlot(const PlsData& data, const PlsFit& fit)
     return figure;
 }
 
-void WritePlsFiles(RunOutputs& files, const PlsData& data, const PlsOptions& options, const PlsFit& fit,
+void WritePlsFiles(RunOutputs& files, const XYTables& data, const PlsOptions& options, const PlsFit& fit,
                    const PermutationTest* test)
 {
     const std::string corner = ObservationHeader(data.x);
@@ -473,15 +383,7 @@ class PlsCommand final : public TableCommand<PlsOptions> {
         CLI::App& command = *tool.add_subcommand(
             "pls", "Fit a PLS regression of responses on the other variables, one cross-validated component at a "
                    "time, and print its component table. Without DATA, the bundled wine data set is used.");
-        AddDataArgument(command, m_options.data, "CSV table of the X variables, and of the responses named by --y");
-        command
-            .add_option("-y,--y", m_options.yNames,
-                        "A response column (repeat for more); with --responses, the columns of that table to use "
-                        "(default all)")
-            ->type_name("NAME")
-            ->allow_extra_args(false);
-        command.add_option("--responses", m_options.responsesData, "CSV table of the responses, row for row with DATA")
-            ->type_name("YDATA");
+        AddXYArguments(command, m_options);
         AddComponentsOption(command, m_options.components);
         AddCvGroupsOption(command, m_options.cvGroups);
         AddScaleOption(command, m_scale,
@@ -512,7 +414,7 @@ int RunPls(const PlsOptions& options, std::ostream& out)
 {
     if (options.permutations == 0 && !options.permutationsPath.empty())
         throw ToolError("--permutations-out needs --permutations N", ExitUsage);
-    const PlsData data = ReadPlsData(options);
+    const XYTables data = ReadXYTables(options, "pls");
     PlsFit fit;
     std::unique_ptr<PermutationTest> test;
     RunSteps steps;

@@ -4,6 +4,7 @@
 #include "cli/PlsModelFile.h"
 #include "cli/PlsPermutation.h"
 #include "cli/Report.h"
+#include "cli/XYTables.h"
 
 #include "veltancmat/models/PLS_CrossValidated.h"
 #include "veltancmat/models/SignificanceE.h"
@@ -18,11 +19,7 @@
 
 namespace veltan_cli {
 
-struct PlsOptions {
-    std::string data;              // X, and Y too when responsesData is empty
-    std::string responsesData;     // a second table holding the responses
-    std::vector<std::string> yNames; // response columns (all of responsesData when empty)
-    NamesColumn names = NamesColumn::Auto;
+struct PlsOptions : XYSources {
     int components = 0;            // 0: as many as are significant
     int cvGroups = 0;              // 0: 7, or one per observation when fewer
     bool bundled = false;          // data is the bundled data set (for the title)
@@ -41,19 +38,6 @@ struct PlsOptions {
     bool json = false;
     bool progress = false;
 };
-
-// The predictor and response blocks of a fit, each naming its own file's
-// rows and columns in messages.
-struct PlsData {
-    DataTable x;
-    DataTable y;
-};
-
-// Reads the one table (split by --y) or the two tables of `options`.
-// Throws ToolError for absent or repeated response names (usage), tables
-// of different lengths or with observation names that disagree, and a
-// response without a single value.
-PlsData ReadPlsData(const PlsOptions& options);
 
 // One fitted component: the library's record (R2 as shares of the
 // preprocessed blocks' sums of squares, per-response vectors of M entries).
@@ -79,7 +63,7 @@ struct PlsFit {
 
 // Preprocesses and fits as the options say. Throws ToolError for data the
 // model cannot take, CancelException when `progress` is broken.
-PlsFit FitPls(const PlsData& data, const PlsOptions& options, NCProgress& progress);
+PlsFit FitPls(const XYTables& data, const PlsOptions& options, NCProgress& progress);
 
 // `veltan pls`: reads, fits, optionally runs the permutation test, prints
 // the component table (or JSON) and writes the requested files, all or none.

@@ -11,6 +11,7 @@
 #include "cli/ToolError.h"
 
 #include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/models/NCOPLSPred.h"
 #include "veltancmat/models/NCPCAPred.h"
 #include "veltancmat/models/NCPLSPred.h"
 #include "veltancmat/models/NipalsDefaults.h"
@@ -37,20 +38,21 @@ namespace {
 
 // The model's X variables out of `table`, found by name: a table laid out
 // as the training table, responses included, is taken as it is.
-DataTable ModelVariables(const PlsModelFile& model, const std::string& modelPath, const DataTable& table)
+DataTable ModelVariables(const std::vector<std::string>& variables, const std::vector<std::string>& responses,
+                         const std::string& modelPath, const DataTable& table)
 {
     std::vector<int> columns;
-    for (std::size_t j = 0; j < model.variables.size(); ++j) {
-        const int found = table.Find(model.variables[j]);
+    for (std::size_t j = 0; j < variables.size(); ++j) {
+        const int found = table.Find(variables[j]);
         if (found == 0)
-            throw ToolError(table.source + ": no variable \"" + model.variables[j] + "\", which the model " +
-                            modelPath + " has as X variable " + std::to_string(j + 1));
+            throw ToolError(table.source + ": no variable \"" + variables[j] + "\", which the model " + modelPath +
+                            " has as X variable " + std::to_string(j + 1));
         columns.push_back(found);
     }
     for (int j = 1; j <= table.Variables(); ++j) {
         const std::string& name = table.variables[static_cast<std::size_t>(j - 1)];
         if (std::find(columns.begin(), columns.end(), j) == columns.end() &&
-            std::find(model.responses.begin(), model.responses.end(), name) == model.responses.end())
+            std::find(responses.begin(), responses.end(), name) == responses.end())
             throw ToolError(table.Where(0, j) + ": not a variable of the model " + modelPath);
     }
     return SelectVariables(table, columns);
@@ -61,8 +63,8 @@ DataTable ModelVariables(const PlsModelFile& model, const std::string& modelPath
 void PredictResponses(PlsModelFile& model, const std::string& modelPath, const DataTable& table,
                       NCDataMatrix<float>& predictions, NCDataMatrix<float>& scores)
 {
-    NCDataMatrix<float> x = ApplyPreprocessing(ModelVariables(model, modelPath, table), model.transform.get(),
-                                               model.scale);
+    NCDataMatrix<float> x = ApplyPreprocessing(ModelVariables(model.variables, model.responses, modelPath, table),
+                                               model.transform.get(), model.scale);
     const int n = table.Observations(), m = static_cast<int>(model.responses.size());
     const int a = model.components;
     scores = NCDataMatrix<float>(a, n);
@@ -84,6 +86,36 @@ void PredictResponses(PlsModelFile& model, const std::string& modelPath, const D
     UndoPreprocessing(predictions, model.yTransform.get(), model.yScale);
 }
 
+void PredictOplsResponses(OplsModelFile& model, const std::string& modelPath, const DataTable& table,
+                          NCDataMatrix<float>& predictions, NCDataMatrix<float>& scores,
+                          NCDataMatrix<float>& orthogonalScores)
+{
+    const DataTable columns = ModelVariables(model.variables, model.responses, modelPath, table);
+    NCDataMatrix<float> x = ApplyPreprocessing(columns, model.transform.get(), model.scale);
+    NCOPLSPred pred(&x, model.wList, model.pList, model.cList, model.woprim, model.poprim, model.coprim);
+    for (int o = 1; o <= pred.GetMaxComp(); ++o)
+        pred.CalcNextComponent();
+    predictions = *pred.GetYPred();
+    scores = *pred.GetTPred();
+    orthogonalScores = *pred.GetTOPred();
+    // The predictor scores every row from whatever it has; as for PLS, a
+    // row missing most of its values gets nothing rather than a guess.
+    const int n = x.SizeRows(), k = x.SizeColumns();
+    for (int i = 1; i <= n; ++i) {
+        int missing = 0;
+        for (int j = 1; j <= k; ++j)
+            missing += IsMisVal(x[i][j]) ? 1 : 0;
+        if (static_cast<float>(missing) <= MaxMissingFraction * static_cast<float>(k))
+            continue;
+        for (NCDataMatrix<float>* m : {&scores, &orthogonalScores})
+            for (int a = 1; a <= m->SizeRows(); ++a)
+                (*m)(a, i, NCMisVal<float>);
+        for (int j = 1; j <= predictions.SizeColumns(); ++j)
+            predictions(i, j, NCMisVal<float>);
+    }
+    UndoPreprocessing(predictions, model.yTransform.get(), model.yScale);
+}
+
 namespace {
 
 // The run shared by both kinds of model: nothing to draw a bar for, but a
@@ -96,43 +128,88 @@ RunSteps PredictSteps(const PredictOptions& options, std::function<void(NCProgre
     return steps;
 }
 
-int RunPlsPredict(const PredictOptions& options, std::ostream& out)
+// What a regression model gives for a table: its predicted responses and
+// its scores, one row of scores per component.
+struct ResponsePrediction {
+    std::unique_ptr<DataTable> table;
+    std::vector<std::string> responses;
+    NCDataMatrix<float> predictions;
+    NCDataMatrix<float> scores;
+    std::vector<std::string> scoreNames;
+    std::string components; // "2 components" in the scores file's announcement
+};
+
+// The run of a PLS or OPLS prediction: the predicted responses to the file
+// or stdout, the scores on request. `predict` loads the model and predicts
+// the table (both read inside the run), `document` gives the JSON text.
+int RunResponsePredict(
+    const PredictOptions& options, std::ostream& out, const std::function<void(ResponsePrediction&)>& predict,
+    const std::function<std::string(const ResponsePrediction&, const std::vector<WrittenFile>&)>& document)
 {
-    std::unique_ptr<PlsModelFile> model;
-    DataTable table;
-    NCDataMatrix<float> predictions, scores;
+    ResponsePrediction result;
     RunSteps steps = PredictSteps(options, [&](NCProgress&) {
-        model = LoadPlsModel(options.model);
-        table = ReadCsvTable(options.data, options.names);
-        PredictResponses(*model, options.model, table, predictions, scores);
+        result.table = std::make_unique<DataTable>(ReadCsvTable(options.data, options.names));
+        predict(result);
     });
-    const auto writeCsv = [&](std::ostream& file, const NCDataMatrix<float>& values, bool transposed) {
-        if (transposed)
-            WriteTransposedCsv(file, ObservationHeader(table), table.observations, Numbered("t", values.SizeRows()),
-                               values);
+    const auto writeCsv = [&](std::ostream& file, bool scores) {
+        const DataTable& table = *result.table;
+        if (scores)
+            WriteTransposedCsv(file, ObservationHeader(table), table.observations, result.scoreNames, result.scores);
         else
-            WriteTableCsv(file, ObservationHeader(table), table.observations, model->responses, values);
+            WriteTableCsv(file, ObservationHeader(table), table.observations, result.responses, result.predictions);
     };
     steps.write = [&](RunOutputs& files) {
-        files.Add("predictions", options.predictionsPath,
-                  [&](std::ostream& file) { writeCsv(file, predictions, false); },
-                  "Predicted " + Plural(static_cast<int>(model->responses.size()), "response") + " of " +
-                      Plural(table.Observations(), "observation") + " written to " + options.predictionsPath);
+        files.Add("predictions", options.predictionsPath, [&](std::ostream& file) { writeCsv(file, false); },
+                  "Predicted " + Plural(static_cast<int>(result.responses.size()), "response") + " of " +
+                      Plural(result.table->Observations(), "observation") + " written to " + options.predictionsPath);
         // Without a predictions file the predictions are the output, and
         // the scores file goes unannounced.
-        files.Add("scores", options.scoresPath, [&](std::ostream& file) { writeCsv(file, scores, true); },
+        files.Add("scores", options.scoresPath, [&](std::ostream& file) { writeCsv(file, true); },
                   options.predictionsPath.empty()
                       ? ""
-                      : "Scores on " + Plural(scores.SizeRows(), "component") + " written to " + options.scoresPath);
+                      : "Scores on " + result.components + " written to " + options.scoresPath);
     };
-    steps.document = [&](const std::vector<WrittenFile>& files) {
-        return PlsPredictJson(options, table, model->responses, predictions, scores, files);
-    };
+    steps.document = [&](const std::vector<WrittenFile>& files) { return document(result, files); };
     steps.report = [&](std::ostream& report) {
         if (options.predictionsPath.empty())
-            writeCsv(report, predictions, false);
+            writeCsv(report, false);
     };
     return RunCommand(steps, out);
+}
+
+int RunPlsPredict(const PredictOptions& options, std::ostream& out)
+{
+    const auto predict = [&](ResponsePrediction& result) {
+        std::unique_ptr<PlsModelFile> model = LoadPlsModel(options.model);
+        PredictResponses(*model, options.model, *result.table, result.predictions, result.scores);
+        result.responses = model->responses;
+        result.scoreNames = Numbered("t", result.scores.SizeRows());
+        result.components = Plural(result.scores.SizeRows(), "component");
+    };
+    return RunResponsePredict(options, out, predict, [&](const ResponsePrediction& r, const auto& files) {
+        return PlsPredictJson(options, *r.table, r.responses, r.predictions, r.scores, files);
+    });
+}
+
+int RunOplsPredict(const PredictOptions& options, std::ostream& out)
+{
+    NCDataMatrix<float> predictive, orthogonal;
+    const auto predict = [&](ResponsePrediction& result) {
+        std::unique_ptr<OplsModelFile> model = LoadOplsModel(options.model);
+        PredictOplsResponses(*model, options.model, *result.table, result.predictions, predictive, orthogonal);
+        result.responses = model->responses;
+        result.scores = predictive;
+        result.scoreNames = Numbered("t", predictive.SizeRows());
+        for (int o = 1; o <= orthogonal.SizeRows(); ++o) {
+            result.scores.push_back(orthogonal[o]);
+            result.scoreNames.push_back("to" + std::to_string(o));
+        }
+        result.components = std::to_string(predictive.SizeRows()) + " predictive + " +
+                            std::to_string(orthogonal.SizeRows()) + " orthogonal components";
+    };
+    return RunResponsePredict(options, out, predict, [&](const ResponsePrediction& r, const auto& files) {
+        return OplsPredictJson(options, *r.table, r.responses, r.predictions, predictive, orthogonal, files);
+    });
 }
 
 int RunPcaPredict(const PredictOptions& options, std::ostream& out)
@@ -169,8 +246,8 @@ class PredictCommand final : public TableCommand<PredictOptions> {
     {
         CLI::App& command =
             *tool.add_subcommand("predict", "Scores of new observations under a model saved by pca --save, or their "
-                                            "predicted responses under one saved by pls --save");
-        command.add_option("model", m_options.model, "Model file written by pca --save or pls --save")
+                                            "predicted responses under one saved by pls --save or opls --save");
+        command.add_option("model", m_options.model, "Model file written by pca --save, pls --save or opls --save")
             ->type_name("MODEL")
             ->required();
         AddDataArgument(command, m_options.data, "CSV table with the model's variables, in its order")->required();
@@ -178,7 +255,7 @@ class PredictCommand final : public TableCommand<PredictOptions> {
         AddOutputOption(command, "--scores", m_options.scoresPath,
                         "Write the scores as CSV (for a PCA model: instead of printing them)");
         AddOutputOption(command, "--predictions", m_options.predictionsPath,
-                        "PLS models: write the predicted responses as CSV instead of printing them");
+                        "PLS and OPLS models: write the predicted responses as CSV instead of printing them");
         AddJsonFlag(command, m_options.json, "Print one JSON document");
         return command;
     }
@@ -190,8 +267,11 @@ class PredictCommand final : public TableCommand<PredictOptions> {
 
 int RunPredict(const PredictOptions& options, std::ostream& out)
 {
-    if (ModelFileMagic(options.model) == PlsModelFile::MyStreamableData.GetMagic())
+    const std::string magic = ModelFileMagic(options.model);
+    if (magic == PlsModelFile::MyStreamableData.GetMagic())
         return RunPlsPredict(options, out);
+    if (magic == OplsModelFile::MyStreamableData.GetMagic())
+        return RunOplsPredict(options, out);
     if (!options.predictionsPath.empty())
         throw ToolError("--predictions: " + options.model + " is a PCA model, which predicts no responses",
                         ExitUsage);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cli/CsvTable.h"
+#include "cli/OplsModelFile.h"
 #include "cli/PcaModelFile.h"
 #include "cli/PlsModelFile.h"
 
@@ -14,7 +15,7 @@ struct PredictOptions {
     std::string data;
     NamesColumn names = NamesColumn::Auto;
     std::string scoresPath;      // PCA: empty sends the scores to stdout
-    std::string predictionsPath; // PLS: empty sends the predicted responses to stdout
+    std::string predictionsPath; // PLS, OPLS: empty sends the predicted responses to stdout
     bool json = false;
 };
 
@@ -37,9 +38,17 @@ NCDataMatrix<float> PredictScores(PcaModelFile& model, const std::string& modelP
 void PredictResponses(PlsModelFile& model, const std::string& modelPath, const DataTable& table,
                       NCDataMatrix<float>& predictions, NCDataMatrix<float>& scores);
 
+// The same under an OPLS model: every orthogonal component of the model is
+// removed from the table's rows before the last stage predicts. Also returns
+// the predictive scores (A x N) and the orthogonal ones (one row of N per
+// component).
+void PredictOplsResponses(OplsModelFile& model, const std::string& modelPath, const DataTable& table,
+                          NCDataMatrix<float>& predictions, NCDataMatrix<float>& scores,
+                          NCDataMatrix<float>& orthogonalScores);
+
 // `veltan predict`: for a PCA model scores as CSV to the file or stdout, or JSON;
-// for a PLS model (told apart by the file's magic) predicted responses, and
-// scores on request. Returns
+// for a PLS or OPLS model (told apart by the file's magic) predicted
+// responses, and scores on request. Returns
 // the exit code; throws ToolError for the caller to report.
 int RunPredict(const PredictOptions& options, std::ostream& out);
 

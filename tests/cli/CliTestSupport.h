@@ -1,7 +1,9 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
+#include <cmath>
 #include <filesystem>
 #include <fstream>
 #include <random>
@@ -145,5 +147,96 @@ inline RunResult Veltan(const TempDir& dir, const std::vector<std::string>& args
 }
 
 inline std::string WineCsv() { return std::string(VELTAN_TEST_SOURCE_DIR) + "/../data/wine.csv"; }
+
+// The cells of a CSV file by row, the first column (names) kept apart.
+struct Csv {
+    std::vector<std::string> header;
+    std::vector<std::string> names;
+    std::vector<std::vector<double>> rows; // an empty cell reads as NaN
+};
+
+inline Csv ParseCsv(const std::string& text)
+{
+    Csv csv;
+    for (const std::string& line : Lines(text)) {
+        std::vector<std::string> cells;
+        std::istringstream in(line + ","); // so that an empty last cell counts
+        for (std::string cell; std::getline(in, cell, ',');)
+            cells.push_back(cell);
+        if (csv.header.empty()) {
+            csv.header = cells;
+            continue;
+        }
+        csv.names.push_back(cells.at(0));
+        csv.rows.emplace_back();
+        for (std::size_t c = 1; c < cells.size(); ++c)
+            csv.rows.back().push_back(cells[c].empty() ? std::nan("") : std::stod(cells[c]));
+    }
+    return csv;
+}
+
+// X driven by two latent directions; y1 follows the first, y2 the
+// difference of both: two predictive components, then noise. Without X or Y
+// the same numbers are drawn, so that the two halves make one table.
+inline std::string LatentTable(int n, int k, unsigned seed, bool withY = true, bool withX = true)
+{
+    std::mt19937 rng(seed);
+    std::normal_distribution<double> normal;
+    std::ostringstream csv;
+    csv << "obs";
+    for (int j = 1; withX && j <= k; ++j)
+        csv << ",v" << j;
+    csv << (withY ? ",y1,y2\n" : "\n");
+    for (int i = 1; i <= n; ++i) {
+        const double a = normal(rng), b = normal(rng);
+        csv << "o" << i;
+        for (int j = 1; j <= k; ++j) {
+            const double v = 10.0 + a * (j % 3 - 1) + b * (j % 2 ? 1.0 : -0.5) + 0.2 * normal(rng);
+            if (withX)
+                csv << "," << v;
+        }
+        const double y1 = 5.0 + a + 0.1 * normal(rng), y2 = a - b + 0.1 * normal(rng);
+        if (withY)
+            csv << "," << y1 << "," << y2;
+        csv << "\n";
+    }
+    return csv.str();
+}
+
+inline nlohmann::json RunJson(const TempDir& dir, const std::vector<std::string>& args)
+{
+    const RunResult r = RunTool(dir, args);
+    EXPECT_EQ(r.exitCode, 0) << r.err;
+    return nlohmann::json::parse(r.out);
+}
+
+// Each field of `expected` with its value in `doc`.
+inline void ExpectFields(const nlohmann::json& doc, const nlohmann::json& expected)
+{
+    for (const auto& [key, value] : expected.items())
+        EXPECT_EQ(doc.contains(key) ? doc.at(key) : nlohmann::json("(absent)"), value) << key;
+}
+
+// `text` with every "{d}" replaced by dir's folder.
+inline std::string Fill(std::string text, const TempDir& dir)
+{
+    for (std::size_t at; (at = text.find("{d}")) != std::string::npos;)
+        text.replace(at, 3, dir.File(""));
+    return text;
+}
+
+// A refusal: exit `code`, the one line "veltan: <message>", no output, and no
+// file left behind, whole or partial. "{d}" in args and message is the folder.
+inline void ExpectRefusal(const TempDir& dir, std::vector<std::string> args, const std::string& message, int code)
+{
+    for (std::string& a : args)
+        a = Fill(a, dir);
+    const std::set<std::string> before = dir.Entries();
+    const RunResult r = RunTool(dir, args);
+    EXPECT_EQ(r.exitCode, code) << message;
+    EXPECT_EQ(r.err, "veltan: " + Fill(message, dir) + "\n");
+    EXPECT_EQ(r.out, "") << message;
+    EXPECT_EQ(dir.Entries(), before) << message;
+}
 
 } // namespace cli_test

@@ -1,0 +1,117 @@
+#include "cli/XYTables.h"
+
+#include "cli/CommonOptions.h"
+#include "cli/Report.h"
+#include "cli/ToolError.h"
+
+#include <algorithm>
+
+namespace veltan_cli {
+
+namespace {
+
+std::string Quoted(const std::string& s) { return "\"" + s + "\""; }
+
+// The variable numbers of `names` in `table`; an unknown or repeated name
+// is a usage error.
+std::vector<int> ResponseColumns(const DataTable& table, const std::vector<std::string>& names)
+{
+    std::vector<int> columns;
+    for (const std::string& name : names) {
+        const int j = table.Find(name);
+        if (j == 0)
+            throw ToolError("--y: " + table.source + " has no variable " + Quoted(name), ExitUsage);
+        if (std::find(columns.begin(), columns.end(), j) != columns.end())
+            throw ToolError("--y: " + Quoted(name) + " is named twice", ExitUsage);
+        columns.push_back(j);
+    }
+    return columns;
+}
+
+void CheckSameObservations(const DataTable& x, const DataTable& y)
+{
+    if (y.Observations() != x.Observations())
+        throw ToolError(y.source + ": " + Plural(y.Observations(), "observation") + ", but " + x.source + " has " +
+                        std::to_string(x.Observations()));
+    if (!x.hasNames || !y.hasNames)
+        return;
+    for (std::size_t i = 0; i < x.observations.size(); ++i)
+        if (x.observations[i] != y.observations[i])
+            throw ToolError(y.source + ": row " + std::to_string(y.fileRows[i]) + ": observation " +
+                            Quoted(y.observations[i]) + ", but " + x.source + " has " + Quoted(x.observations[i]) +
+                            " in row " + std::to_string(x.fileRows[i]));
+}
+
+} // namespace
+
+XYTables ReadXYTables(const XYSources& sources, const std::string& command)
+{
+    XYTables data;
+    DataTable first = ReadCsvTable(sources.data, sources.names);
+    if (sources.responsesData.empty()) {
+        if (sources.yNames.empty())
+            throw ToolError(command + ": name the responses with --y NAME, or give their table with --responses FILE",
+                            ExitUsage);
+        const std::vector<int> ys = ResponseColumns(first, sources.yNames);
+        std::vector<int> xs;
+        for (int j = 1; j <= first.Variables(); ++j)
+            if (std::find(ys.begin(), ys.end(), j) == ys.end())
+                xs.push_back(j);
+        if (xs.empty())
+            throw ToolError("--y: every variable of " + first.source + " is a response; none is left for X",
+                            ExitUsage);
+        data.x = SelectVariables(first, xs);
+        data.y = SelectVariables(first, ys);
+    } else {
+        DataTable second = ReadCsvTable(sources.responsesData, sources.names);
+        if (!sources.yNames.empty())
+            second = SelectVariables(second, ResponseColumns(second, sources.yNames));
+        CheckSameObservations(first, second);
+        // Output files name the observations as either table does.
+        if (!first.hasNames && second.hasNames) {
+            first.observations = second.observations;
+            first.hasNames = true;
+            first.namesHeader = second.namesHeader;
+        }
+        data.x = std::move(first);
+        data.y = std::move(second);
+    }
+    for (int j = 1; j <= data.y.Variables(); ++j)
+        if (data.y.values.GetColumnMisVal(j) == data.y.Observations())
+            throw ToolError(data.y.Where(0, j) + ": every value of this response is missing");
+    return data;
+}
+
+void SplitLogVariables(const XYTables& data, const std::vector<std::string>& names, std::vector<std::string>& x,
+                       std::vector<std::string>& y)
+{
+    for (const std::string& name : names) {
+        const bool inX = data.x.Find(name) != 0, inY = data.y.Find(name) != 0;
+        if (!inX && !inY) {
+            if (data.x.source == data.y.source)
+                throw ToolError("--log: " + data.x.source + " has no variable " + Quoted(name), ExitUsage);
+            throw ToolError("--log: neither " + data.x.source + " nor " + data.y.source + " has a variable " +
+                                Quoted(name),
+                            ExitUsage);
+        }
+        if (inX)
+            x.push_back(name);
+        if (inY)
+            y.push_back(name);
+    }
+}
+
+void AddXYArguments(CLI::App& command, XYSources& sources)
+{
+    AddDataArgument(command, sources.data, "CSV table of the X variables, and of the responses named by --y");
+    command
+        .add_option("-y,--y", sources.yNames,
+                    "A response column (repeat for more); with --responses, the columns of that table to use "
+                    "(default all)")
+        ->type_name("NAME")
+        ->allow_extra_args(false);
+    command.add_option("--responses", sources.responsesData, "CSV table of the responses, row for row with DATA")
+        ->type_name("YDATA");
+}
+
+} // namespace veltan_cli

@@ -1,0 +1,44 @@
+#pragma once
+
+#include "cli/CsvTable.h"
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+#include <vector>
+
+namespace veltan_cli {
+
+// Where a regression command (pls, opls) finds its predictors and
+// responses: one table split by the response names, or a second table
+// holding the responses row for row with the first.
+struct XYSources {
+    std::string data;                // X, and Y too when responsesData is empty
+    std::string responsesData;       // a second table holding the responses
+    std::vector<std::string> yNames; // response columns (all of responsesData when empty)
+    NamesColumn names = NamesColumn::Auto;
+};
+
+// The predictor and response blocks of a fit, each naming its own file's
+// rows and columns in messages.
+struct XYTables {
+    DataTable x;
+    DataTable y;
+};
+
+// Reads the one table (split by --y) or the two tables of `sources`.
+// Throws ToolError for absent or repeated response names (usage), tables
+// of different lengths or with observation names that disagree, and a
+// response without a single value. `command` leads the message asking for
+// responses when none were named.
+XYTables ReadXYTables(const XYSources& sources, const std::string& command);
+
+// --log names a variable of either block; each block gets its own list.
+// A name in neither is a usage error.
+void SplitLogVariables(const XYTables& data, const std::vector<std::string>& names, std::vector<std::string>& x,
+                       std::vector<std::string>& y);
+
+// DATA, --y NAME and --responses YDATA, bound to `sources`.
+void AddXYArguments(CLI::App& command, XYSources& sources);
+
+} // namespace veltan_cli
