@@ -8,8 +8,15 @@ runs with any interpreter: python3 tests/cli/reference/opls_wine.py
 
 Printed: R2X of the predictive and of the orthogonal part and R2Y for 0, 1
 and 2 orthogonal components, then for one orthogonal component the fitted
-values and |to1| of a few rows, and the prediction of a row that the model
-did not see, changed from row 1 (the scaling stays the training table's).
+values and |to1| of a few rows, their predictions as the library's
+predictor makes them, and the prediction of a row that the model did not
+see, changed from row 1 (the scaling stays the training table's).
+
+The library's predictor takes a new row's orthogonal score after removing
+the current stage's predictive part t p' (p the stage's loading), where the
+published algorithm projects the row on w_o directly; the fit is the same.
+predict_as_library follows the library, so a training row's prediction is
+not its fitted value once there are orthogonal components.
 """
 import csv
 import math
@@ -86,14 +93,34 @@ def predict(model, raw_row):
     return dot(e, w) * c * y_sd + y_mean, tos
 
 
+def predict_as_library(raw_row, orthogonal):
+    stages = [fit(a) for a in range(orthogonal + 1)]
+    e = scale_row(raw_row)
+    tos = []
+    for a in range(orthogonal):
+        w, p = stages[a][3], stages[a][4]
+        t = dot(e, w)
+        rest = [v - t * q for v, q in zip(e, p)]
+        wo, po, _ = stages[orthogonal][6][a]
+        to = dot(rest, wo)
+        e = [v - to * q for v, q in zip(e, po)]
+        tos.append(to)
+    final = stages[orthogonal]
+    return dot(e, final[3]) * final[5] * y_sd + y_mean, tos
+
+
 for a in range(3):
     r2xp, r2xo, r2y = fit(a)[:3]
     print("1+%d R2X(pred) %.6f R2X(orth) %.6f R2Y %.6f" % (a, r2xp, r2xo, r2y))
 model = fit(1)
 for i in (0, 1, 58, 59, 129, 177):
-    print("row %d fitted %.6f |to1| %.6f" % (i, model[7][i] * y_sd + y_mean, abs(model[6][0][2][i])))
+    value, tos = predict_as_library(raw_x[i], 1)
+    print("row %d fitted %.6f |to1| %.6f predicted %.6f |to1| %.6f"
+          % (i, model[7][i] * y_sd + y_mean, abs(model[6][0][2][i]), value, abs(tos[0])))
 new = list(raw_x[0])
 new[0] += 1.0   # Malic acid
 new[8] -= 2.0   # Color intensity
 value, tos = predict(model, new)
-print("new row predicted %.6f |to1| %.6f" % (value, abs(tos[0])))
+print("new row, published predictor %.6f |to1| %.6f" % (value, abs(tos[0])))
+value, tos = predict_as_library(new, 1)
+print("new row, library's predictor %.6f |to1| %.6f" % (value, abs(tos[0])))
