@@ -46,6 +46,32 @@ NCDataMatrix<float> ZeroFilledProduct(const NCDataMatrix<float>& a, const NCData
 // a pass per basis vector, the corrections cost a pass over the missing
 // cells. In exact arithmetic both give the same sums.
 
+// Runs add(cell, sums) over the missing cells, each thread on its own
+// share and its own copy of the sums, which are then added to `sums` in
+// thread order (the same bits for the same thread count).
+template <class Add>
+void AddOverCells(const NCOPLS::CellSet& cells, std::vector<double>& sums, Add add)
+{
+    const auto count = static_cast<std::ptrdiff_t>(cells.size());
+    const int threads = count >= NCParallelWork::MinCells ? omp_get_max_threads() : 1;
+    if (threads == 1) {
+        for (const auto& cell : cells)
+            add(cell, sums.data());
+        return;
+    }
+    std::vector<double> copies(sums.size() * static_cast<std::size_t>(threads), 0.0);
+#pragma omp parallel num_threads(threads)
+    {
+        double* own = copies.data() + sums.size() * static_cast<std::size_t>(omp_get_thread_num());
+#pragma omp for schedule(static)
+        for (std::ptrdiff_t c = 0; c < count; ++c)
+            add(cells[static_cast<std::size_t>(c)], own);
+    }
+    for (int t = 0; t < threads; ++t)
+        for (std::size_t e = 0; e < sums.size(); ++e)
+            sums[e] += copies[sums.size() * static_cast<std::size_t>(t) + e];
+}
+
 // Y'E with missing cells as 0, for a single basis vector b with scores t,
 // from covX = Y'X: the cells of column j lose b_j times the sum of y t over
 // the rows present in column j.
@@ -65,13 +91,14 @@ NCDataMatrix<float> ResidualCovariance(const NCDataMatrix<float>& covX, const NC
     std::vector<double> used(static_cast<std::size_t>(m) * (k + 1));
     for (int r = 1; r <= m; ++r)
         std::fill_n(used.begin() + (r - 1) * (k + 1), k + 1, all[r]);
-    for (const auto& [i, j] : xMissing) {
+    AddOverCells(xMissing, used, [&](const std::pair<int, int>& cell, double* sums) {
+        const auto [i, j] = cell;
         if (IsMisVal(t[i]))
-            continue;
+            return;
         for (int r = 1; r <= m; ++r)
             if (!IsMisVal(y[i][r]))
-                used[(r - 1) * (k + 1) + j] -= double(y[i][r]) * t[i];
-    }
+                sums[(r - 1) * (k + 1) + j] -= double(y[i][r]) * t[i];
+    });
     NCDataMatrix<float> covariance(m, k);
     for (int r = 1; r <= m; ++r)
         for (int j = 1; j <= k; ++j)
@@ -101,15 +128,16 @@ NCDataMatrix<float> ScoresTimesOutside(const NCDataMatrix<float>& x, const NCDat
                 v -= q[(c - 1) * a + d - 1] * w[d][j];
             product[(c - 1) * (k + 1) + j] = v;
         }
-    for (const auto& [i, j] : xMissing) {
+    AddOverCells(xMissing, product, [&](const std::pair<int, int>& cell, double* sums) {
+        const auto [i, j] = cell;
         double basisPart = 0.0;
         for (int d = 1; d <= a; ++d)
             if (present(d, i))
                 basisPart += double(scores[d][i]) * w[d][j];
         for (int c = 1; c <= a; ++c)
             if (present(c, i))
-                product[(c - 1) * (k + 1) + j] += double(scores[c][i]) * basisPart;
-    }
+                sums[(c - 1) * (k + 1) + j] += double(scores[c][i]) * basisPart;
+    });
     NCDataMatrix<float> result(a, k);
     for (int c = 1; c <= a; ++c)
         for (int j = 1; j <= k; ++j)
@@ -133,26 +161,33 @@ NCDataVector<float> OutsideRowScores(const NCDataMatrix<float>& x, const NCDataM
         for (int d = 1; d <= a; ++d)
             dots[d] += double(w[d][j]) * wo[j];
     }
-    std::vector<double> rowDots(dots);
-    auto cell = xMissing.begin();
-    for (int i = 1; i <= x.SizeRows(); ++i) {
-        double divisor = full;
-        rowDots = dots;
-        for (; cell != xMissing.end() && cell->first == i; ++cell) {
-            const int j = cell->second;
-            divisor -= double(wo[j]) * wo[j];
+    const int n = x.SizeRows();
+    float* const out = to.GetVectorForWriting();
+#pragma omp parallel if (static_cast<long long>(n) * k >= NCParallelWork::MinCells)
+    {
+        std::vector<double> rowDots(dots.size());
+#pragma omp for schedule(static)
+        for (int i = 1; i <= n; ++i) {
+            if (IsMisVal(out[i]))
+                continue;
+            double divisor = full;
+            rowDots = dots;
+            for (auto cell = std::lower_bound(xMissing.begin(), xMissing.end(), std::pair<int, int>(i, 0));
+                 cell != xMissing.end() && cell->first == i; ++cell) {
+                const int j = cell->second;
+                divisor -= double(wo[j]) * wo[j];
+                for (int d = 1; d <= a; ++d)
+                    rowDots[d] -= double(w[d][j]) * wo[j];
+            }
+            divisor = std::max(full / 3.0, divisor);
+            double basisPart = 0.0;
             for (int d = 1; d <= a; ++d)
-                rowDots[d] -= double(w[d][j]) * wo[j];
+                if (!IsMisVal(scores[d][i]))
+                    basisPart += double(scores[d][i]) * rowDots[d];
+            out[i] = static_cast<float>(out[i] - basisPart / divisor);
         }
-        if (IsMisVal(to[i]))
-            continue;
-        divisor = std::max(full / 3.0, divisor);
-        double basisPart = 0.0;
-        for (int d = 1; d <= a; ++d)
-            if (!IsMisVal(scores[d][i]))
-                basisPart += double(scores[d][i]) * rowDots[d];
-        to(i, static_cast<float>(to[i] - basisPart / divisor));
     }
+    to.RecountMissing();
     return to;
 }
 
