@@ -168,23 +168,25 @@ NCDataMatrix<float> OplsFittedY(const NCDataMatrix<float>& tprim, const NCDataMa
     return fitted;
 }
 
-OplsFit FitOpls(const XYTables& data, const OplsOptions& options, NCProgress& progress)
+namespace {
+
+// The checks, the model file's description of the data, and the
+// preprocessed blocks.
+OplsFit PreparedFit(const XYTables& data, const OplsOptions& options)
 {
     const DataTable& xt = data.x;
     const DataTable& yt = data.y;
-    const int n = xt.Observations(), k = xt.Variables(), m = yt.Variables();
+    const int n = xt.Observations(), m = yt.Variables();
     // Every cross-validation round must keep two observations to fit on.
     if (n < 3)
         throw ToolError(xt.source + ": " + Plural(n, "observation") + "; an OPLS model needs at least 3");
     if (m > n)
         throw ToolError(yt.source + ": " + Plural(m, "response") + ", but only " + Plural(n, "observation") +
                         "; an OPLS model takes no more responses than observations");
-    const int groups = CrossValidationGroups(options.cvGroups, n, xt.source);
-    CheckPredictiveCount(options.predictive, data, options.scale != NCScale::ScaleNone);
-
     OplsFit fit;
+    fit.cvGroups = CrossValidationGroups(options.cvGroups, n, xt.source);
+    CheckPredictiveCount(options.predictive, data, options.scale != NCScale::ScaleNone);
     fit.fixed = options.orthogonal >= 0;
-    fit.cvGroups = groups;
     fit.model = std::make_unique<OplsModelFile>();
     OplsModelFile& file = *fit.model;
     file.variables = xt.variables;
@@ -199,29 +201,92 @@ OplsFit FitOpls(const XYTables& data, const OplsOptions& options, NCProgress& pr
     for (int j = 1; j <= m; ++j)
         if (!(fit.y.GetColumnSS(j) > 0.0))
             throw ToolError(yt.Where(0, j) + ": this response does not vary once preprocessed (nothing to model)");
+    return fit;
+}
 
-    const CancelText aborted("Calculation of", "OPLS component aborted.");
-    const float stages = fit.fixed ? static_cast<float>(options.orthogonal + 1) : 1.0f;
-    progress.SetRangeInternal(0.0f, stages);
-    // A stage: the model's next step, then the same step in every round.
-    const auto step = [&](int s, NCOPLS& model, const std::function<void()>& validate) {
-        CheckBreak(&progress, aborted);
-        const float from = fit.fixed ? static_cast<float>(s) : 0.0f;
-        ProgressSubRange stage(&progress, from, from + 1.0f, aborted);
-        progress.SetRangeInternal(0.0f, static_cast<float>(groups + 1));
+// One stage: the model's next step, then the same step in every round of
+// the cross-validation. A fixed fit knows its stages and reports across
+// them; an open-ended one fills the bar anew for every stage.
+class StageRunner {
+public:
+    StageRunner(NCProgress& progress, const OplsFit& fit, int stages)
+        : m_progress(progress), m_fixed(fit.fixed), m_groups(fit.cvGroups)
+    {
+        m_progress.SetRangeInternal(0.0f, m_fixed ? static_cast<float>(stages) : 1.0f);
+    }
+
+    void operator()(int stage, NCOPLS& model, const std::function<void()>& validate) const
+    {
+        const CancelText aborted("Calculations of", "OPLS component aborted.");
+        CheckBreak(&m_progress, aborted);
+        const float from = m_fixed ? static_cast<float>(stage) : 0.0f;
+        ProgressSubRange range(&m_progress, from, from + 1.0f, aborted);
+        m_progress.SetRangeInternal(0.0f, static_cast<float>(m_groups + 1));
         {
-            ProgressSubRange part(&progress, 0.0f, 1.0f, aborted);
-            model.NextComponent(&progress);
+            ProgressSubRange part(&m_progress, 0.0f, 1.0f, aborted);
+            model.NextComponent(&m_progress);
         }
-        ProgressSubRange part(&progress, 1.0f, static_cast<float>(groups + 1), aborted);
+        ProgressSubRange part(&m_progress, 1.0f, static_cast<float>(m_groups + 1), aborted);
         validate();
-    };
+    }
+
+private:
+    NCProgress& m_progress;
+    bool m_fixed;
+    int m_groups;
+};
+
+// Adds orthogonal components up to `last`, each tried on copies of the model
+// and its validation, so that one that is not kept leaves both as they were.
+void AddOrthogonalComponents(OplsFit& fit, const StageRunner& run, NCProgress& progress, int last, NCOPLS& model,
+                             std::optional<OPLSCrossValidation>& cv, const std::string& source)
+{
+    for (int o = 1; o <= last; ++o) {
+        progress.SetText("OPLS orthogonal component " + std::to_string(o) +
+                         (fit.fixed ? " of " + std::to_string(last) : ""));
+        NCOPLS next = model;
+        OPLSCrossValidation nextCv = *cv;
+        try {
+            run(o, next, [&] { nextCv.NextComponent(&progress); });
+        } catch (const NCError& e) {
+            if (fit.fixed)
+                throw ToolError(source + ": orthogonal component " + std::to_string(o) + ": " + OneLine(e.what()));
+            fit.stopReason =
+                "orthogonal component " + std::to_string(o) + " could not be computed (" + OneLine(e.what()) + ")";
+            return;
+        }
+        OplsStage stage = StageOf(next, nextCv, fit.x, fit.y);
+        if (!fit.fixed && !RaisesQ2(fit.stages.back(), stage)) {
+            stage.kept = false;
+            fit.stopReason = "orthogonal component " + std::to_string(o) + " changes Q2(cum) by " +
+                             (IsMisVal(stage.q2Cum) || IsMisVal(fit.stages.back().q2Cum)
+                                  ? std::string("an unknown amount")
+                                  : Decimals(stage.q2Cum - fit.stages.back().q2Cum)) +
+                             ", less than " + Decimals(MinQ2Gain);
+            fit.stages.push_back(std::move(stage));
+            return;
+        }
+        model = std::move(next);
+        cv = std::move(nextCv);
+        fit.stages.push_back(std::move(stage));
+        fit.orthogonal = o;
+    }
+}
+
+} // namespace
+
+OplsFit FitOpls(const XYTables& data, const OplsOptions& options, NCProgress& progress)
+{
+    const DataTable& xt = data.x;
+    const int n = xt.Observations(), k = xt.Variables();
+    OplsFit fit = PreparedFit(data, options);
+    const StageRunner run(progress, fit, options.orthogonal + 1);
 
     progress.SetText("OPLS predictive part");
     NCOPLS model(&fit.x, &fit.y, options.predictive, NCNipals::DefaultMaxIterations);
     std::optional<OPLSCrossValidation> cv;
     try {
-        step(0, model, [&] { cv.emplace(&fit.x, &fit.y, model.GetNumPredictive(), groups, &progress, nullptr); });
+        run(0, model, [&] { cv.emplace(&fit.x, &fit.y, model.GetNumPredictive(), fit.cvGroups, &progress, nullptr); });
     } catch (const NCError& e) {
         throw ToolError(xt.source + ": " + OneLine(e.what()) + " (nothing to model)");
     }
@@ -234,40 +299,8 @@ OplsFit FitOpls(const XYTables& data, const OplsOptions& options, NCProgress& pr
                             " can take at most " + std::to_string(fit.orthogonalLimit) + " with " +
                             Plural(fit.predictive, "predictive component") + " (" + LimitPhrase(fit, n, k) + ")",
                         ExitUsage);
-    const int last = fit.fixed ? options.orthogonal : fit.orthogonalLimit;
-    for (int o = 1; o <= last; ++o) {
-        progress.SetText("OPLS orthogonal component " + std::to_string(o) +
-                         (fit.fixed ? " of " + std::to_string(last) : ""));
-        // The stage is tried on copies: a component that is not kept
-        // leaves the model and its validation as they were.
-        NCOPLS next = model;
-        OPLSCrossValidation nextCv = *cv;
-        try {
-            step(fit.fixed ? o : 0, next, [&] { nextCv.NextComponent(&progress); });
-        } catch (const NCError& e) {
-            if (fit.fixed)
-                throw ToolError(xt.source + ": orthogonal component " + std::to_string(o) + ": " +
-                                OneLine(e.what()));
-            fit.stopReason =
-                "orthogonal component " + std::to_string(o) + " could not be computed (" + OneLine(e.what()) + ")";
-            break;
-        }
-        OplsStage stage = StageOf(next, nextCv, fit.x, fit.y);
-        if (!fit.fixed && !RaisesQ2(fit.stages.back(), stage)) {
-            stage.kept = false;
-            fit.stopReason = "orthogonal component " + std::to_string(o) + " changes Q2(cum) by " +
-                             (IsMisVal(stage.q2Cum) || IsMisVal(fit.stages.back().q2Cum)
-                                  ? std::string("an unknown amount")
-                                  : Decimals(stage.q2Cum - fit.stages.back().q2Cum)) +
-                             ", less than " + Decimals(MinQ2Gain);
-            fit.stages.push_back(std::move(stage));
-            break;
-        }
-        model = std::move(next);
-        cv = std::move(nextCv);
-        fit.stages.push_back(std::move(stage));
-        fit.orthogonal = o;
-    }
+    AddOrthogonalComponents(fit, run, progress, fit.fixed ? options.orthogonal : fit.orthogonalLimit, model, cv,
+                            xt.source);
     if (!fit.fixed && fit.stopReason.empty())
         fit.stopReason = "reached the limit of " + Plural(fit.orthogonalLimit, "orthogonal component") + ", " +
                          LimitPhrase(fit, n, k);
@@ -286,27 +319,9 @@ std::string ModelSize(int predictive, int orthogonal)
 
 void PrintReport(std::ostream& out, const XYTables& data, const OplsOptions& options, const OplsFit& fit)
 {
-    const DataTable& x = data.x;
     const DataTable& y = data.y;
-    out << "OPLS of ";
-    if (options.bundled)
-        out << "the bundled wine data set";
-    else if (x.source == y.source)
-        out << x.source;
-    else
-        out << x.source << " with responses from " << y.source;
-    out << ": " << Plural(x.Observations(), "observation") << ", " << Plural(x.Variables(), "X variable") << ", "
-        << Plural(y.Variables(), "response");
-    if (y.Variables() <= 3) {
-        out << " (";
-        for (int j = 1; j <= y.Variables(); ++j)
-            out << (j > 1 ? ", " : "") << y.variables[static_cast<std::size_t>(j - 1)];
-        out << ")";
-    }
-    out << "; X " << ScalingPhrase(options.scale) << ", Y " << ScalingPhrase(options.yScale);
-    if (!options.logVariables.empty())
-        out << ", log10 of " << Plural(static_cast<int>(options.logVariables.size()), "variable");
-    out << ", " << fit.cvGroups << " cross-validation groups\n\n";
+    PrintXYHeading(out, data, {"OPLS", options.bundled, options.scale, options.yScale, options.logVariables.size(),
+                               fit.cvGroups});
 
     out << "Components  R2X(pred)  R2X(orth)     R2Y  Q2(cum)  Q2 limit\n";
     for (const OplsStage& s : fit.stages) {

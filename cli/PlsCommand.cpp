@@ -174,27 +174,9 @@ namespace {
 void PrintReport(std::ostream& out, const XYTables& data, const PlsOptions& options, const PlsFit& fit,
                  const PermutationTest* test)
 {
-    const DataTable& x = data.x;
     const DataTable& y = data.y;
-    out << "PLS of ";
-    if (options.bundled)
-        out << "the bundled wine data set";
-    else if (x.source == y.source)
-        out << x.source;
-    else
-        out << x.source << " with responses from " << y.source;
-    out << ": " << Plural(x.Observations(), "observation") << ", " << Plural(x.Variables(), "X variable") << ", "
-        << Plural(y.Variables(), "response");
-    if (y.Variables() <= 3) {
-        out << " (";
-        for (int j = 1; j <= y.Variables(); ++j)
-            out << (j > 1 ? ", " : "") << y.variables[static_cast<std::size_t>(j - 1)];
-        out << ")";
-    }
-    out << "; X " << ScalingPhrase(options.scale) << ", Y " << ScalingPhrase(options.yScale);
-    if (!options.logVariables.empty())
-        out << ", log10 of " << Plural(static_cast<int>(options.logVariables.size()), "variable");
-    out << ", " << fit.cvGroups << " cross-validation groups\n\n";
+    PrintXYHeading(out, data, {"PLS", options.bundled, options.scale, options.yScale, options.logVariables.size(),
+                               fit.cvGroups});
 
     out << "Component     R2X  R2X(cum)     R2Y  R2Y(cum)      Q2  Q2(cum)  Q2 limit  Significance\n";
     for (std::size_t r = 0; r < fit.records.size(); ++r) {

@@ -114,4 +114,29 @@ void AddXYArguments(CLI::App& command, XYSources& sources)
         ->type_name("YDATA");
 }
 
+void PrintXYHeading(std::ostream& out, const XYTables& data, const XYSetup& setup)
+{
+    const DataTable& x = data.x;
+    const DataTable& y = data.y;
+    out << setup.model << " of ";
+    if (setup.bundled)
+        out << "the bundled wine data set";
+    else if (x.source == y.source)
+        out << x.source;
+    else
+        out << x.source << " with responses from " << y.source;
+    out << ": " << Plural(x.Observations(), "observation") << ", " << Plural(x.Variables(), "X variable") << ", "
+        << Plural(y.Variables(), "response");
+    if (y.Variables() <= 3) {
+        out << " (";
+        for (int j = 1; j <= y.Variables(); ++j)
+            out << (j > 1 ? ", " : "") << y.variables[static_cast<std::size_t>(j - 1)];
+        out << ")";
+    }
+    out << "; X " << ScalingPhrase(setup.xScale) << ", Y " << ScalingPhrase(setup.yScale);
+    if (setup.logVariables > 0)
+        out << ", log10 of " << Plural(static_cast<int>(setup.logVariables), "variable");
+    out << ", " << setup.cvGroups << " cross-validation groups\n\n";
+}
+
 } // namespace veltan_cli

@@ -2,8 +2,11 @@
 
 #include "cli/CsvTable.h"
 
+#include "veltancmat/preprocess/NCScale.h"
+
 #include <CLI/CLI.hpp>
 
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -37,6 +40,18 @@ XYTables ReadXYTables(const XYSources& sources, const std::string& command);
 // A name in neither is a usage error.
 void SplitLogVariables(const XYTables& data, const std::vector<std::string>& names, std::vector<std::string>& x,
                        std::vector<std::string>& y);
+
+// How a regression was set up, as the first line of its report:
+// "<model> of <tables>: <sizes> (<responses>); X ..., Y ..., <groups>".
+struct XYSetup {
+    const char* model;
+    bool bundled;
+    NCScale::Scaling xScale;
+    NCScale::Scaling yScale;
+    std::size_t logVariables;
+    int cvGroups;
+};
+void PrintXYHeading(std::ostream& out, const XYTables& data, const XYSetup& setup);
 
 // DATA, --y NAME and --responses YDATA, bound to `sources`.
 void AddXYArguments(CLI::App& command, XYSources& sources);
