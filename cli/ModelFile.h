@@ -14,6 +14,17 @@ namespace veltan_cli {
 
 // What the tool's model files (one stream record each) have in common.
 
+// The X and Y blocks of a regression's model file: the variables' names,
+// their transforms and their scaling.
+struct RegressionBlocks {
+    std::vector<std::string> variables;      // X
+    std::unique_ptr<NCTransform> transform;  // X; null: none transformed
+    NCScale scale;                           // X
+    std::vector<std::string> responses;      // Y
+    std::unique_ptr<NCTransform> yTransform; // Y; null: none transformed
+    NCScale yScale;                          // Y
+};
+
 // The record plumbing of a model file: its header (magic and the one
 // version it reads), the guard that streams it once per pass, and the base
 // part, around the directory the class itself writes and reads.

@@ -188,14 +188,8 @@ OplsFit PreparedFit(const XYTables& data, const OplsOptions& options)
     CheckPredictiveCount(options.predictive, data, options.scale != NCScale::ScaleNone);
     fit.fixed = options.orthogonal >= 0;
     fit.model = std::make_unique<OplsModelFile>();
-    OplsModelFile& file = *fit.model;
-    file.variables = xt.variables;
-    file.responses = yt.variables;
-    file.observations = n;
-    std::vector<std::string> xLog, yLog;
-    SplitLogVariables(data, options.logVariables, xLog, yLog);
-    fit.x = FitPreprocessing(xt, xLog, options.scale, file.transform, file.scale);
-    fit.y = FitPreprocessing(yt, yLog, options.yScale, file.yTransform, file.yScale, "--y-scale");
+    fit.model->observations = n;
+    FitXYPreprocessing(data, options.logVariables, options.scale, options.yScale, *fit.model, fit.x, fit.y);
     // A response left all zeros (constant, centred and not scaled) has no
     // covariance with X; the model's basis would be undefined.
     for (int j = 1; j <= m; ++j)

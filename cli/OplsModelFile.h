@@ -26,18 +26,12 @@ namespace veltan_cli {
 // The stages are exactly those kept: one more than the orthogonal
 // components, so that a prediction replays every filter and then predicts
 // with the last stage's predictive part.
-class OplsModelFile : public ModelFileRecord {
+class OplsModelFile : public ModelFileRecord, public RegressionBlocks {
 public:
     using MatrixList = std::vector<NCDataMatrix<float>>;
 
     OplsModelFile();
 
-    std::vector<std::string> variables;      // X
-    std::unique_ptr<NCTransform> transform;  // X; null: none transformed
-    NCScale scale;                           // X
-    std::vector<std::string> responses;      // Y
-    std::unique_ptr<NCTransform> yTransform; // Y; null: none transformed
-    NCScale yScale;                          // Y
     MatrixList wList, pList, cList;          // one entry per stage
     NCDataMatrix<float> woprim, poprim, coprim;
 

@@ -114,7 +114,6 @@ void KeepModel(PlsFit& fit, const NCPLS& pls, const NCDataMatrix<float>& cvResid
 PlsFit FitPls(const XYTables& data, const PlsOptions& options, NCProgress& progress)
 {
     const DataTable& xt = data.x;
-    const DataTable& yt = data.y;
     const int n = xt.Observations(), k = xt.Variables();
     if (n < 2)
         throw ToolError(xt.source + ": " + Plural(n, "observation") + "; a PLS model needs at least 2");
@@ -125,14 +124,8 @@ PlsFit FitPls(const XYTables& data, const PlsOptions& options, NCProgress& progr
     fit.fixed = options.components > 0;
     fit.cvGroups = groups;
     fit.model = std::make_unique<PlsModelFile>();
-    PlsModelFile& model = *fit.model;
-    model.variables = xt.variables;
-    model.responses = yt.variables;
-    model.observations = n;
-    std::vector<std::string> xLog, yLog;
-    SplitLogVariables(data, options.logVariables, xLog, yLog);
-    fit.x = FitPreprocessing(xt, xLog, options.scale, model.transform, model.scale);
-    fit.y = FitPreprocessing(yt, yLog, options.yScale, model.yTransform, model.yScale, "--y-scale");
+    fit.model->observations = n;
+    FitXYPreprocessing(data, options.logVariables, options.scale, options.yScale, *fit.model, fit.x, fit.y);
 
     PLS_CrossValidated pls(fit.x, fit.y, groups, nullptr);
     pls.KeepEveryComponent(fit.fixed);

@@ -24,16 +24,10 @@ namespace veltan_cli {
 //   6 the model as an "NCPLS" record holding exactly the kept components,
 //   7 the number of components kept (int32),
 //   8 the number of observations the model was fitted on (int32).
-class PlsModelFile : public ModelFileRecord {
+class PlsModelFile : public ModelFileRecord, public RegressionBlocks {
 public:
     PlsModelFile();
 
-    std::vector<std::string> variables;      // X
-    std::unique_ptr<NCTransform> transform;  // X; null: none transformed
-    NCScale scale;                           // X
-    std::vector<std::string> responses;      // Y
-    std::unique_ptr<NCTransform> yTransform; // Y; null: none transformed
-    NCScale yScale;                          // Y
     NCPLS pls;
 
     static QvStreamableData MyStreamableData; // "VeltanPLSModel", 1

@@ -1,6 +1,7 @@
 #include "cli/XYTables.h"
 
 #include "cli/CommonOptions.h"
+#include "cli/Preprocess.h"
 #include "cli/Report.h"
 #include "cli/ToolError.h"
 
@@ -112,6 +113,18 @@ void AddXYArguments(CLI::App& command, XYSources& sources)
         ->allow_extra_args(false);
     command.add_option("--responses", sources.responsesData, "CSV table of the responses, row for row with DATA")
         ->type_name("YDATA");
+}
+
+void FitXYPreprocessing(const XYTables& data, const std::vector<std::string>& logVariables, NCScale::Scaling xScale,
+                        NCScale::Scaling yScale, RegressionBlocks& blocks, NCDataMatrix<float>& x,
+                        NCDataMatrix<float>& y)
+{
+    blocks.variables = data.x.variables;
+    blocks.responses = data.y.variables;
+    std::vector<std::string> xLog, yLog;
+    SplitLogVariables(data, logVariables, xLog, yLog);
+    x = FitPreprocessing(data.x, xLog, xScale, blocks.transform, blocks.scale);
+    y = FitPreprocessing(data.y, yLog, yScale, blocks.yTransform, blocks.yScale, "--y-scale");
 }
 
 void PrintXYHeading(std::ostream& out, const XYTables& data, const XYSetup& setup)

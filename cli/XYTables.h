@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cli/CsvTable.h"
+#include "cli/ModelFile.h"
 
 #include "veltancmat/preprocess/NCScale.h"
 
@@ -40,6 +41,13 @@ XYTables ReadXYTables(const XYSources& sources, const std::string& command);
 // A name in neither is a usage error.
 void SplitLogVariables(const XYTables& data, const std::vector<std::string>& names, std::vector<std::string>& x,
                        std::vector<std::string>& y);
+
+// Preprocesses both blocks (log10 of the listed variables of either, then
+// the scaling of each) into x and y, recording names, transforms and scaling
+// in `blocks`. Throws ToolError as FitPreprocessing does.
+void FitXYPreprocessing(const XYTables& data, const std::vector<std::string>& logVariables, NCScale::Scaling xScale,
+                        NCScale::Scaling yScale, RegressionBlocks& blocks, NCDataMatrix<float>& x,
+                        NCDataMatrix<float>& y);
 
 // How a regression was set up, as the first line of its report:
 // "<model> of <tables>: <sizes> (<responses>); X ..., Y ..., <groups>".
