@@ -157,6 +157,18 @@ Json PermutationsJson(const PermutationTest* test)
             {"rows", rows}};
 }
 
+// The tables and preprocessing of a regression (pls, opls).
+void RegressionSettings(Json& doc, const XYTables& data, NCScale::Scaling xScale, NCScale::Scaling yScale)
+{
+    doc["data"] = data.x.source;
+    doc["responses_data"] = data.y.source;
+    doc["observations"] = data.x.Observations();
+    doc["x_variables"] = data.x.Variables();
+    doc["responses"] = data.y.variables;
+    doc["scaling"] = ScaleOptionName(xScale);
+    doc["y_scaling"] = ScaleOptionName(yScale);
+}
+
 } // namespace
 
 std::string PlsJson(const XYTables& data, const PlsOptions& options, const PlsFit& fit, const PermutationTest* test,
@@ -164,13 +176,7 @@ std::string PlsJson(const XYTables& data, const PlsOptions& options, const PlsFi
 {
     Json doc;
     doc["command"] = "pls";
-    doc["data"] = data.x.source;
-    doc["responses_data"] = data.y.source;
-    doc["observations"] = data.x.Observations();
-    doc["x_variables"] = data.x.Variables();
-    doc["responses"] = data.y.variables;
-    doc["scaling"] = ScaleOptionName(options.scale);
-    doc["y_scaling"] = ScaleOptionName(options.yScale);
+    RegressionSettings(doc, data, options.scale, options.yScale);
     FitSettings(doc, options.logVariables, fit.cvGroups, fit.fixed);
     Json components = Json::array();
     for (std::size_t r = 0; r < fit.records.size(); ++r) {
@@ -216,13 +222,7 @@ std::string OplsJson(const XYTables& data, const OplsOptions& options, const Opl
 {
     Json doc;
     doc["command"] = "opls";
-    doc["data"] = data.x.source;
-    doc["responses_data"] = data.y.source;
-    doc["observations"] = data.x.Observations();
-    doc["x_variables"] = data.x.Variables();
-    doc["responses"] = data.y.variables;
-    doc["scaling"] = ScaleOptionName(options.scale);
-    doc["y_scaling"] = ScaleOptionName(options.yScale);
+    RegressionSettings(doc, data, options.scale, options.yScale);
     FitSettings(doc, options.logVariables, fit.cvGroups, fit.fixed);
     doc["predictive"] = fit.predictive;
     doc["predictive_fixed"] = options.predictive > 0;

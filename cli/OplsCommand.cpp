@@ -434,12 +434,7 @@ class OplsCommand final : public TableCommand<OplsOptions> {
             ->type_name("N")
             ->check(CLI::NonNegativeNumber);
         AddCvGroupsOption(command, m_options.cvGroups);
-        AddScaleOption(command, m_scale,
-                       "Scaling of the X columns, and of the responses unless --y-scale is given: uv (unit variance), "
-                       "pareto, center, none");
-        AddYScaleOption(command, m_yScale, "Scaling of the responses (default: as --scale)");
-        AddLogOption(command, m_options.logVariables,
-                     "Take log10 of variable VAR, X or response, before scaling (repeat for more)");
+        AddXYPreprocessingOptions(command, m_scale, m_yScale, m_options.logVariables);
         AddNamesOption(command, m_names);
         AddOutputOption(command, "--fitted", m_options.fittedPath, "Write the fitted responses as CSV");
         AddOutputOption(command, "--cv-predictions", m_options.cvPredictionsPath,

@@ -361,12 +361,7 @@ class PlsCommand final : public TableCommand<PlsOptions> {
         AddXYArguments(command, m_options);
         AddComponentsOption(command, m_options.components);
         AddCvGroupsOption(command, m_options.cvGroups);
-        AddScaleOption(command, m_scale,
-                       "Scaling of the X columns, and of the responses unless --y-scale is given: uv (unit variance), "
-                       "pareto, center, none");
-        AddYScaleOption(command, m_yScale, "Scaling of the responses (default: as --scale)");
-        AddLogOption(command, m_options.logVariables,
-                     "Take log10 of variable VAR, X or response, before scaling (repeat for more)");
+        AddXYPreprocessingOptions(command, m_scale, m_yScale, m_options.logVariables);
         AddNamesOption(command, m_names);
         RegisterOutputs(command);
         AddFitRunFlags(command, m_options.json, m_options.progress);

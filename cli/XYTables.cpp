@@ -152,4 +152,14 @@ void PrintXYHeading(std::ostream& out, const XYTables& data, const XYSetup& setu
     out << ", " << setup.cvGroups << " cross-validation groups\n\n";
 }
 
+void AddXYPreprocessingOptions(CLI::App& command, std::string& scale, std::string& yScale,
+                               std::vector<std::string>& logVariables)
+{
+    AddScaleOption(command, scale,
+                   "Scaling of the X columns, and of the responses unless --y-scale is given: uv (unit variance), "
+                   "pareto, center, none");
+    AddYScaleOption(command, yScale, "Scaling of the responses (default: as --scale)");
+    AddLogOption(command, logVariables, "Take log10 of variable VAR, X or response, before scaling (repeat for more)");
+}
+
 } // namespace veltan_cli

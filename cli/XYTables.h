@@ -64,4 +64,8 @@ void PrintXYHeading(std::ostream& out, const XYTables& data, const XYSetup& setu
 // DATA, --y NAME and --responses YDATA, bound to `sources`.
 void AddXYArguments(CLI::App& command, XYSources& sources);
 
+// --scale, --y-scale (the option's texts) and --log VAR of either block.
+void AddXYPreprocessingOptions(CLI::App& command, std::string& scale, std::string& yScale,
+                               std::vector<std::string>& logVariables);
+
 } // namespace veltan_cli
