@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cmath>
 #include <cstdlib>
 #include <initializer_list>
 #include <utility>
@@ -23,6 +24,15 @@ Json Number(float v)
     if (IsMisVal(v))
         return nullptr;
     return std::strtod(FormatValue(v).c_str(), nullptr);
+}
+
+// The library's limits are doubles; they are shown at the float precision
+// of the data they come from.
+Json Number(double v)
+{
+    if (IsMisVal(v) || !std::isfinite(v))
+        return nullptr;
+    return Number(static_cast<float>(v));
 }
 
 Json Numbers(const NCDataVector<float>& values)
@@ -266,6 +276,96 @@ std::string OplsPredictJson(const PredictOptions& options, const DataTable& tabl
         rows[static_cast<std::size_t>(i - 1)]["to"] = std::move(to);
     }
     doc["predictions"] = std::move(rows);
+    return Finish(doc, files);
+}
+
+namespace {
+
+Json LimitsJson(const ChartLimits& l)
+{
+    return {{"centre", Number(l.centre)}, {"lcl", Number(l.lcl)}, {"ucl", Number(l.ucl)}};
+}
+
+// One object per subgroup, with the statistics its chart type has.
+Json ChartPoints(const ChartResult& r)
+{
+    Json points = Json::array();
+    for (std::size_t i = 0; i < r.means.size(); ++i) {
+        Json p;
+        p["point"] = i;
+        if (r.byTime) {
+            p["time"] = Number(r.times[i]);
+            p["size"] = r.sizes[i];
+        }
+        p["mean"] = Number(r.means[i]);
+        if (r.type == ControlChartEnum::MeanRange)
+            p["range"] = Number(r.spread[i]);
+        if (r.type == ControlChartEnum::MeanStdDev)
+            p["sd"] = Number(r.spread[i]);
+        if (r.type == ControlChartEnum::CuSum) {
+            p["upper_cusum"] = Number(r.upper[i]);
+            p["lower_cusum"] = Number(r.lower[i]);
+        }
+        if (!r.ewma.empty())
+            p["ewma"] = Number(r.ewma[i]);
+        points.push_back(std::move(p));
+    }
+    return points;
+}
+
+} // namespace
+
+std::string ChartJson(const ChartResult& r, const ChartOptions& options, const std::vector<WrittenFile>& files)
+{
+    Json doc;
+    doc["command"] = "chart";
+    doc["data"] = r.source;
+    doc["column"] = r.column;
+    doc["type"] = ChartTypeName(r.type);
+    doc["rows"] = r.rows;
+    doc["present"] = r.present;
+    doc["time"] = r.byTime ? Json(options.timeColumn) : Json(nullptr);
+    doc["interval"] = r.byTime ? Json(options.interval) : Json(nullptr);
+    doc["subgroup_size"] = r.subgroupSize;
+    doc["subgroups"] = r.Subgroups();
+    doc["limits_from"] = r.limitsFrom.empty() ? Json(nullptr) : Json(r.limitsFrom);
+    doc["target"] = Number(r.mean.centre);
+    doc["sigma"] = Number(r.sigma);
+    doc["sigma_source"] = r.sigmaSource;
+    Json limits = Json::object();
+    switch (r.type) {
+    case ControlChartEnum::CuSum:
+        limits["cusum"] = {{"k", Number(r.k)}, {"h", Number(r.h)}};
+        break;
+    case ControlChartEnum::EWMA:
+    case ControlChartEnum::EWMAOverallSigma:
+        limits["ewma"] = LimitsJson(r.ewmaLimits);
+        break;
+    default:
+        limits["mean"] = LimitsJson(r.mean);
+        if (r.type == ControlChartEnum::MeanRange)
+            limits["range"] = LimitsJson(r.second);
+        if (r.type == ControlChartEnum::MeanStdDev)
+            limits["sd"] = LimitsJson(r.second);
+        break;
+    }
+    doc["limits"] = std::move(limits);
+    if (!r.ewma.empty()) {
+        doc["lambda"] = Number(r.lambda);
+        doc["lambda_estimated"] = r.lambdaEstimated;
+        doc["ewma_type"] = options.ewma == ControlChartEnum::Predictive ? "predictive" : "filter";
+    }
+    doc["rules"] = r.ruleSet.empty() ? Json(nullptr) : Json(r.ruleSet);
+    doc["rule_descriptions"] = r.ruleDescriptions;
+    Json flagged = Json::array();
+    for (const auto& [point, rules] : r.flagged) {
+        Json descriptions = Json::array();
+        for (const std::size_t k : rules)
+            descriptions.push_back(r.ruleDescriptions[k]);
+        flagged.push_back({{"point", point}, {"rules", rules}, {"descriptions", descriptions}});
+    }
+    doc["flagged"] = std::move(flagged);
+    doc["points"] = ChartPoints(r);
     return Finish(doc, files);
 }
 

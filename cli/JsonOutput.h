@@ -1,5 +1,6 @@
 #pragma once
 
+#include "cli/ChartCommand.h"
 #include "cli/CsvTable.h"
 #include "cli/OplsCommand.h"
 #include "cli/PcaCommand.h"
@@ -34,5 +35,7 @@ std::string OplsPredictJson(const PredictOptions& options, const DataTable& tabl
                             const std::vector<std::string>& responses, const NCDataMatrix<float>& predictions,
                             const NCDataMatrix<float>& scores, const NCDataMatrix<float>& orthogonalScores,
                             const std::vector<WrittenFile>& files);
+
+std::string ChartJson(const ChartResult& result, const ChartOptions& options, const std::vector<WrittenFile>& files);
 
 } // namespace veltan_cli

@@ -19,6 +19,16 @@ std::string Cell(float v, int width)
     return buffer;
 }
 
+std::string Significant(double v, int width)
+{
+    char buffer[48];
+    if (IsMisVal(v) || !std::isfinite(v))
+        std::snprintf(buffer, sizeof buffer, "%*s", width, "-");
+    else
+        std::snprintf(buffer, sizeof buffer, "%*.6g", width, v);
+    return buffer;
+}
+
 double PlotCoordinate(float v) { return IsMisVal(v) ? std::nan("") : static_cast<double>(v); }
 
 std::vector<std::string> Numbered(const char* prefix, int n)

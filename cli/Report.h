@@ -17,6 +17,10 @@ std::string Plural(int n, const char* word);
 // has no value (-99).
 std::string Cell(float v, int width);
 
+// A right-aligned cell of six significant digits, for values of any scale
+// (a series' own units); "-" where there is none (-99, or not finite).
+std::string Significant(double v, int width);
+
 // A value as a plot coordinate: NaN, which a plot leaves out, where the
 // library has none.
 double PlotCoordinate(float v);

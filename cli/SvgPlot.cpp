@@ -9,16 +9,17 @@ namespace veltan_cli {
 
 namespace {
 
-// Figure geometry in SVG user units (pixels at 100 %).
-constexpr double PanelWidth = 560.0, PanelHeight = 460.0;
+// Figure geometry in SVG user units (pixels at 100 %); a panel's size is
+// the figure's.
 constexpr double MarginLeft = 74.0, MarginRight = 22.0, MarginTop = 38.0, MarginBottom = 58.0;
 constexpr double FigureTitleHeight = 40.0;
-constexpr int PanelsPerRow = 2;
 // Text is measured by an average glyph width, in ems: good enough to keep
 // labels apart and titles inside the figure without a font engine.
 constexpr double GlyphWidth = 0.62;
 
 const char* const Palette[] = {"#1f5fa8", "#c2471b", "#2e8b57", "#7b4fa0", "#b8860b", "#555555"};
+// Flagged points stand out in a red no series of the palette uses.
+const char* const FlagColour = "#d7191c";
 
 // The round number nearest to x (rounded) or not below it (ceiling), of the
 // form 1, 2 or 5 (or 10) times a power of ten.
@@ -200,15 +201,43 @@ void PointBoxes(const PlotSeries& s, const Axis& x, const Axis& y, std::vector<B
         }
 }
 
-void Series(std::ostream& out, const PlotSeries& s, const char* colour, const Axis& x, const Axis& y)
+// One polyline per run of drawable points: a line across a missing value
+// would show a trend the data do not have.
+void Polylines(std::ostream& out, const PlotSeries& s, const std::string& colour, const Axis& x, const Axis& y)
+{
+    const std::size_t n = std::min(s.x.size(), s.y.size());
+    const std::string stroke = "fill=\"none\" stroke=\"" + colour + "\" stroke-width=\"" +
+                               (s.dashed ? "1.2\" stroke-dasharray=\"6 4\"" : "1.5\"");
+    for (std::size_t i = 0; i < n;) {
+        if (!std::isfinite(s.x[i]) || !std::isfinite(s.y[i])) {
+            ++i;
+            continue;
+        }
+        out << "<polyline class=\"line\" " << stroke << " points=\"";
+        for (; i < n && std::isfinite(s.x[i]) && std::isfinite(s.y[i]); ++i)
+            out << Fixed(x(s.x[i])) << "," << Fixed(y(s.y[i])) << " ";
+        out << "\"/>\n";
+    }
+}
+
+// The caption of a line, right-aligned above its last drawn point.
+void EndLabel(std::ostream& out, const PlotSeries& s, const std::string& colour, const Axis& x, const Axis& y)
+{
+    for (std::size_t i = std::min(s.x.size(), s.y.size()); i-- > 0;)
+        if (std::isfinite(s.x[i]) && std::isfinite(s.y[i])) {
+            Text(out, x(s.x[i]) - 3.0, y(s.y[i]) - 4.0, 10.0,
+                 "class=\"line-label\" text-anchor=\"end\" fill=\"" + colour + "\"", s.endLabel);
+            return;
+        }
+}
+
+void Series(std::ostream& out, const PlotSeries& s, const std::string& colour, const Axis& x, const Axis& y)
 {
     const std::size_t n = std::min(s.x.size(), s.y.size());
     if (s.kind == PlotSeries::Kind::Line) {
-        out << "<polyline class=\"line\" fill=\"none\" stroke=\"" << colour << "\" stroke-width=\"1.5\" points=\"";
-        for (std::size_t i = 0; i < n; ++i)
-            if (std::isfinite(s.x[i]) && std::isfinite(s.y[i]))
-                out << Fixed(x(s.x[i])) << "," << Fixed(y(s.y[i])) << " ";
-        out << "\"/>\n";
+        Polylines(out, s, colour, x, y);
+        if (!s.endLabel.empty())
+            EndLabel(out, s, colour, x, y);
         return;
     }
     const double half = s.kind == PlotSeries::Kind::Bars ? BarHalfWidth(s) : 0.0;
@@ -217,8 +246,14 @@ void Series(std::ostream& out, const PlotSeries& s, const char* colour, const Ax
         if (!std::isfinite(s.x[i]) || !std::isfinite(s.y[i]))
             continue;
         if (s.kind == PlotSeries::Kind::Points) {
+            const bool flagged = i < s.flagged.size() && s.flagged[i];
             out << "<circle class=\"point\" cx=\"" << Fixed(x(s.x[i])) << "\" cy=\"" << Fixed(y(s.y[i]))
-                << "\" r=\"" << Fixed(radius) << "\" fill=\"" << colour << "\" fill-opacity=\"0.75\"/>\n";
+                << "\" r=\"" << Fixed(radius) << "\" fill=\"" << (flagged ? FlagColour : colour)
+                << "\" fill-opacity=\"0.75\"/>\n";
+            if (flagged)
+                out << "<circle class=\"flagged\" cx=\"" << Fixed(x(s.x[i])) << "\" cy=\"" << Fixed(y(s.y[i]))
+                    << "\" r=\"" << Fixed(radius + 3.5) << "\" fill=\"none\" stroke=\"" << FlagColour
+                    << "\" stroke-width=\"1.5\"/>\n";
             continue;
         }
         const double left = x(s.x[i] - half), right = x(s.x[i] + half);
@@ -253,6 +288,11 @@ void ZeroLines(std::ostream& out, const Axis& x, const Axis& y, const Box& area)
         Line(out, area.left, y(0.0), area.right, y(0.0), dashed);
 }
 
+std::string SeriesColour(const PlotSeries& s, std::size_t place)
+{
+    return s.colour.empty() ? Palette[place % std::size(Palette)] : s.colour;
+}
+
 void Legend(std::ostream& out, const PlotPanel& panel, const Box& area)
 {
     std::vector<std::size_t> named;
@@ -271,10 +311,10 @@ void Legend(std::ostream& out, const PlotPanel& panel, const Box& area)
         << "\" fill=\"white\" fill-opacity=\"0.85\" stroke=\"#aaaaaa\"/>\n";
     for (std::size_t e = 0; e < named.size(); ++e) {
         const PlotSeries& s = panel.series[named[e]];
-        const char* colour = Palette[named[e] % std::size(Palette)];
+        const std::string colour = SeriesColour(s, named[e]);
         const double row = top + 12.0 + 16.0 * static_cast<double>(e);
         if (s.kind == PlotSeries::Kind::Line)
-            Line(out, left + 6.0, row, left + 24.0, row, std::string("stroke=\"") + colour + "\" stroke-width=\"1.5\"");
+            Line(out, left + 6.0, row, left + 24.0, row, "stroke=\"" + colour + "\" stroke-width=\"1.5\"");
         else if (s.kind == PlotSeries::Kind::Points)
             out << "<circle cx=\"" << Fixed(left + 15.0) << "\" cy=\"" << Fixed(row) << "\" r=\"3.5\" fill=\""
                 << colour << "\"/>\n";
@@ -286,10 +326,10 @@ void Legend(std::ostream& out, const PlotPanel& panel, const Box& area)
     out << "</g>\n";
 }
 
-void Panel(std::ostream& out, const PlotPanel& panel, double originX, double originY)
+void Panel(std::ostream& out, const PlotPanel& panel, double originX, double originY, double width, double height)
 {
-    const Box area{originX + MarginLeft, originY + MarginTop, originX + PanelWidth - MarginRight,
-                   originY + PanelHeight - MarginBottom};
+    const Box area{originX + MarginLeft, originY + MarginTop, originX + width - MarginRight,
+                   originY + height - MarginBottom};
     Range xr, yr;
     DataRanges(panel, xr, yr);
     const Axis x = MakeAxis(xr, area.left, area.right);
@@ -297,7 +337,7 @@ void Panel(std::ostream& out, const PlotPanel& panel, double originX, double ori
 
     out << "<g class=\"panel\">\n";
     const double middle = (area.left + area.right) / 2.0;
-    Text(out, middle, originY + 24.0, FittingSize(panel.title, PanelWidth - 20.0, 13.0),
+    Text(out, middle, originY + 24.0, FittingSize(panel.title, width - 20.0, 13.0),
          "class=\"panel-title\" text-anchor=\"middle\" font-weight=\"bold\"", panel.title);
     Ticks(out, x, y, area);
     if (panel.zeroLines)
@@ -313,7 +353,7 @@ void Panel(std::ostream& out, const PlotPanel& panel, double originX, double ori
          panel.yTitle);
     std::vector<Box> taken;
     for (std::size_t s = 0; s < panel.series.size(); ++s) {
-        Series(out, panel.series[s], Palette[s % std::size(Palette)], x, y);
+        Series(out, panel.series[s], SeriesColour(panel.series[s], s), x, y);
         if (panel.series[s].kind == PlotSeries::Kind::Points)
             PointBoxes(panel.series[s], x, y, taken);
     }
@@ -388,10 +428,11 @@ std::string XmlEscape(std::string_view text)
 void WriteSvg(std::ostream& out, const PlotFigure& figure)
 {
     const int panels = std::max(1, static_cast<int>(figure.panels.size()));
-    const int columns = std::min(panels, PanelsPerRow);
+    const int columns = std::min(panels, std::max(1, figure.panelsPerRow));
     const int rows = (panels + columns - 1) / columns;
     const double top = figure.title.empty() ? 0.0 : FigureTitleHeight;
-    const double width = PanelWidth * columns, height = top + PanelHeight * rows;
+    const double panelWidth = figure.panelWidth, panelHeight = figure.panelHeight;
+    const double width = panelWidth * columns, height = top + panelHeight * rows;
     out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
         << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << Fixed(width) << "\" height=\"" << Fixed(height)
         << "\" viewBox=\"0 0 " << Fixed(width) << " " << Fixed(height) << "\" font-family=\"sans-serif\">\n"
@@ -402,7 +443,7 @@ void WriteSvg(std::ostream& out, const PlotFigure& figure)
              "class=\"title\" text-anchor=\"middle\" font-weight=\"bold\"", figure.title);
     for (std::size_t p = 0; p < figure.panels.size(); ++p) {
         const int row = static_cast<int>(p) / columns, column = static_cast<int>(p) % columns;
-        Panel(out, figure.panels[p], PanelWidth * column, top + PanelHeight * row);
+        Panel(out, figure.panels[p], panelWidth * column, top + panelHeight * row, panelWidth, panelHeight);
     }
     out << "</svg>\n";
 }

@@ -37,6 +37,14 @@ struct PlotSeries {
     std::string name;                // its legend entry; "" for none
     std::vector<double> x, y;        // bars rise from 0 to y at x
     std::vector<std::string> labels; // points: one per point, or none at all
+    // Points: true for the points to single out (a control chart's
+    // signals); each gets a ring, <circle class="flagged">, over its mark.
+    std::vector<bool> flagged{};
+    std::string colour{}; // "" takes the palette's colour of the series' place
+    bool dashed = false;  // lines: dashed (control limits)
+    // Lines: a caption at the right end, above the line ("UCL 10.51"); a
+    // missing value breaks a line into pieces instead of joining across it.
+    std::string endLabel{};
 };
 
 struct PlotPanel {
@@ -48,11 +56,15 @@ struct PlotPanel {
 
 struct PlotFigure {
     std::string title;
-    std::vector<PlotPanel> panels; // laid out in rows of up to two
+    std::vector<PlotPanel> panels; // laid out in rows of up to panelsPerRow
+    int panelsPerRow = 2;
+    // A series along an index reads better in a wide, low panel.
+    double panelWidth = 560.0, panelHeight = 460.0;
 };
 
 // Each point is a <circle class="point">, each bar a <rect class="bar">,
-// each point label a <text class="label">: one element per mark.
+// each point label a <text class="label">: one element per mark. A line is
+// one <polyline class="line"> per unbroken piece.
 void WriteSvg(std::ostream& out, const PlotFigure& figure);
 
 } // namespace veltan_cli
