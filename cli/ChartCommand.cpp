@@ -315,6 +315,18 @@ std::string ChartTypeName(ControlType type)
     return "individual";
 }
 
+std::string ChartTitle(ControlType type)
+{
+    switch (type) {
+    case ControlChartEnum::Individual: return "Individuals chart";
+    case ControlChartEnum::MeanRange: return "Mean and range chart";
+    case ControlChartEnum::MeanStdDev: return "Mean and standard deviation chart";
+    case ControlChartEnum::CuSum: return "CuSum chart";
+    case ControlChartEnum::EWMA: return "EWMA chart";
+    default: return "EWMA chart (overall sigma)";
+    }
+}
+
 double MovingRangeSigma(const NCDataVector<float>& values)
 {
     double sum = 0.0;
@@ -379,18 +391,6 @@ ChartResult ComputeChart(const ChartOptions& options)
 
 namespace {
 
-std::string ChartTitle(ControlType type)
-{
-    switch (type) {
-    case ControlChartEnum::Individual: return "Individuals chart";
-    case ControlChartEnum::MeanRange: return "Mean and range chart";
-    case ControlChartEnum::MeanStdDev: return "Mean and standard deviation chart";
-    case ControlChartEnum::CuSum: return "CuSum chart";
-    case ControlChartEnum::EWMA: return "EWMA chart";
-    default: return "EWMA chart (overall sigma)";
-    }
-}
-
 // "20 subgroups of 5 values", "40 values", "12 intervals of 2 along "t" (about 5 values each)".
 std::string Grouping(const ChartResult& r, const ChartOptions& o)
 {
@@ -434,12 +434,13 @@ void PrintReport(std::ostream& out, const ChartResult& r, const ChartOptions& o)
         LimitRow(out, "Target", {r.mean.centre, -99.0, -99.0});
         LimitRow(out, "Upper CuSum", {0.0, -99.0, r.h});
         LimitRow(out, "Lower CuSum", {0.0, -99.0, r.h});
-        out << "\nReference value K " << Shown(r.k) << ", decision interval H " << Shown(r.h) << "\n";
+        out << "\nReference value K " << Significant(r.k, 0) << ", decision interval H " << Significant(r.h, 0)
+            << "\n";
         break;
     case ControlChartEnum::EWMA:
     case ControlChartEnum::EWMAOverallSigma:
         LimitRow(out, "EWMA", r.ewmaLimits);
-        out << "\nLambda " << Shown(r.lambda) << (r.lambdaEstimated ? " (estimated)" : "") << ", "
+        out << "\nLambda " << Significant(r.lambda, 0) << (r.lambdaEstimated ? " (estimated)" : "") << ", "
             << (o.ewma == ControlChartEnum::Predictive ? "predictive" : "filter") << " EWMA\n";
         break;
     default:
@@ -451,7 +452,7 @@ void PrintReport(std::ostream& out, const ChartResult& r, const ChartOptions& o)
         out << "\n";
         break;
     }
-    out << "Sigma " << Shown(r.sigma) << " (" << r.sigmaSource
+    out << "Sigma " << Significant(r.sigma, 0) << " (" << r.sigmaSource
         << (r.limitsFrom.empty() ? "" : ", of the reference period") << ")\n";
 
     if (r.ruleSet.empty()) {
@@ -459,7 +460,8 @@ void PrintReport(std::ostream& out, const ChartResult& r, const ChartOptions& o)
         return;
     }
     out << (r.ruleSet == "we" ? "Run rules: the classic four; " : "Limit crossings: ")
-        << Plural(static_cast<int>(r.flagged.size()), "subgroup") << " flagged\n";
+        << Plural(static_cast<int>(r.flagged.size()), r.subgroupSize == 1 && !r.byTime ? "point" : "subgroup")
+        << " flagged\n";
     if (r.flagged.empty())
         return;
     out << "\n  Point" << (r.byTime ? "        Time" : "") << "  Rules  Description\n";

@@ -38,6 +38,8 @@ struct ChartOptions {
 
 // The option texts of the chart types: individual, mean-range, ...
 std::string ChartTypeName(ControlChartEnum::ControlType type);
+// Their titles: "Individuals chart", "Mean and range chart", ...
+std::string ChartTitle(ControlChartEnum::ControlType type);
 
 // A centre line and its two limits; -99 where there is none.
 struct ChartLimits {

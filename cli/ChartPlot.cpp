@@ -34,26 +34,20 @@ std::vector<double> Coordinates(const std::vector<float>& values, double sign = 
     return out;
 }
 
-// A horizontal line across the chart at `level`, captioned at its right end.
-PlotSeries Level(const std::vector<double>& x, double level, const std::string& caption, bool limit)
+// A horizontal line across the chart at `level`, captioned in the margin.
+PlotSeries Level(double level, const std::string& caption, bool limit)
 {
     PlotSeries line;
-    line.kind = PlotSeries::Kind::Line;
-    double first = std::nan(""), last = std::nan("");
-    for (const double v : x)
-        if (std::isfinite(v)) {
-            first = std::isfinite(first) ? first : v;
-            last = v;
-        }
-    line.x = {first, last};
-    line.y = {level, level};
+    line.kind = PlotSeries::Kind::Level;
+    line.y = {level};
     line.colour = limit ? LimitColour : CentreColour;
     line.dashed = limit;
-    line.endLabel = caption + " " + Short(level);
+    line.name = caption.empty() ? "" : caption + " " + Short(level);
     return line;
 }
 
-// The statistic as points joined by a thin line; `flagged` marks points.
+// The statistic as points joined by a thin line of a paler shade;
+// `flagged` marks points.
 void Statistic(PlotPanel& panel, const std::vector<double>& x, std::vector<double> y, const char* colour,
                std::vector<bool> flagged)
 {
@@ -61,7 +55,7 @@ void Statistic(PlotPanel& panel, const std::vector<double>& x, std::vector<doubl
     join.kind = PlotSeries::Kind::Line;
     join.x = x;
     join.y = y;
-    join.colour = "#9db3cf";
+    join.colour = colour == StatisticColour ? "#9db3cf" : "#e2a68f";
     panel.series.push_back(std::move(join));
     PlotSeries points;
     points.x = x;
@@ -80,11 +74,11 @@ std::vector<bool> FlaggedBy(const ChartResult& r, std::size_t rule, bool anyRule
     return flagged;
 }
 
-void Limits(PlotPanel& panel, const std::vector<double>& x, const ChartLimits& l)
+void Limits(PlotPanel& panel, const ChartLimits& l)
 {
-    panel.series.push_back(Level(x, l.ucl, "UCL", true));
-    panel.series.push_back(Level(x, l.centre, "CL", false));
-    panel.series.push_back(Level(x, l.lcl, "LCL", true));
+    panel.series.push_back(Level(l.ucl, "UCL", true));
+    panel.series.push_back(Level(l.centre, "CL", false));
+    panel.series.push_back(Level(l.lcl, "LCL", true));
 }
 
 } // namespace
@@ -106,16 +100,16 @@ PlotFigure ChartFigure(const ChartResult& r, const ChartOptions& o)
     figure.panelHeight = 380.0;
     PlotPanel main;
     main.xTitle = xTitle;
+    main.tightX = true;
     switch (r.type) {
     case ControlChartEnum::CuSum: {
         main.title = "Upper (above 0) and lower (below 0) CuSum, K " + Short(r.k) + ", H " + Short(r.h);
         main.yTitle = "CuSum of " + r.column;
         Statistic(main, x, Coordinates(r.upper), StatisticColour, FlaggedBy(r, 0, false));
         Statistic(main, x, Coordinates(r.lower, -1.0), SecondColour, FlaggedBy(r, 1, false));
-        main.series.push_back(Level(x, r.h, "H", true));
-        main.series.push_back(Level(x, 0.0, "", false));
-        main.series.back().endLabel.clear();
-        main.series.push_back(Level(x, -r.h, "-H", true));
+        main.series.push_back(Level(r.h, "H", true));
+        main.series.push_back(Level(0.0, "", false));
+        main.series.push_back(Level(-r.h, "-H", true));
         break;
     }
     case ControlChartEnum::EWMA:
@@ -131,14 +125,14 @@ PlotFigure ChartFigure(const ChartResult& r, const ChartOptions& o)
         raw.colour = "#c8c8c8";
         main.series.push_back(std::move(raw));
         Statistic(main, x, Coordinates(r.ewma), StatisticColour, FlaggedBy(r, 0, true));
-        Limits(main, x, r.ewmaLimits);
+        Limits(main, r.ewmaLimits);
         break;
     }
     default:
         main.title = unit + (r.ruleSet == "we" ? ", classic run rules" : "");
         main.yTitle = unit + " of " + r.column;
         Statistic(main, x, Coordinates(r.means), StatisticColour, FlaggedBy(r, 0, true));
-        Limits(main, x, r.mean);
+        Limits(main, r.mean);
         break;
     }
     figure.panels.push_back(std::move(main));
@@ -148,12 +142,13 @@ PlotFigure ChartFigure(const ChartResult& r, const ChartOptions& o)
         PlotPanel second;
         second.title = range ? "Range" : "Standard deviation";
         second.xTitle = xTitle;
+        second.tightX = true;
         second.yTitle = (range ? "Range of " : "SD of ") + r.column;
         Statistic(second, x, Coordinates(r.spread), SecondColour, {});
-        Limits(second, x, r.second);
+        Limits(second, r.second);
         figure.panels.push_back(std::move(second));
     }
-    figure.title = ChartTypeName(r.type) + " chart of " + r.column + " in " + name + ", " +
+    figure.title = ChartTitle(r.type) + " of " + r.column + " in " + name + ", " +
                    (r.byTime ? Plural(r.Subgroups(), "interval")
                              : r.subgroupSize == 1 ? Plural(r.Subgroups(), "value")
                                                    : Plural(r.Subgroups(), "subgroup") + " of " +

@@ -16,10 +16,16 @@ constexpr double FigureTitleHeight = 40.0;
 // Text is measured by an average glyph width, in ems: good enough to keep
 // labels apart and titles inside the figure without a font engine.
 constexpr double GlyphWidth = 0.62;
+constexpr double LevelLabelSize = 10.5;
 
 const char* const Palette[] = {"#1f5fa8", "#c2471b", "#2e8b57", "#7b4fa0", "#b8860b", "#555555"};
 // Flagged points stand out in a red no series of the palette uses.
 const char* const FlagColour = "#d7191c";
+
+std::string SeriesColour(const PlotSeries& s, std::size_t place)
+{
+    return s.colour.empty() ? Palette[place % std::size(Palette)] : s.colour;
+}
 
 // The round number nearest to x (rounded) or not below it (ceiling), of the
 // form 1, 2 or 5 (or 10) times a power of ten.
@@ -103,6 +109,11 @@ double BarHalfWidth(const PlotSeries& s)
 void DataRanges(const PlotPanel& panel, Range& x, Range& y)
 {
     for (const PlotSeries& s : panel.series) {
+        if (s.kind == PlotSeries::Kind::Level) {
+            if (!s.y.empty())
+                y.Add(s.y[0]);
+            continue;
+        }
         const bool bars = s.kind == PlotSeries::Kind::Bars;
         const double half = bars ? BarHalfWidth(s) : 0.0;
         for (std::size_t i = 0; i < s.x.size() && i < s.y.size(); ++i) {
@@ -128,7 +139,7 @@ struct Axis {
     double operator()(double v) const { return from + (v - ticks.low) / (ticks.high - ticks.low) * (to - from); }
 };
 
-Axis MakeAxis(const Range& range, double from, double to)
+Axis MakeAxis(const Range& range, double from, double to, bool tight = false)
 {
     Axis axis;
     Range r = range;
@@ -141,6 +152,13 @@ Axis MakeAxis(const Range& range, double from, double to)
     const double pad = (r.high - r.low) * 0.04;
     axis.ticks = NiceTicks(r.low >= 0.0 ? std::max(0.0, r.low - pad) : r.low - pad,
                            r.high <= 0.0 ? std::min(0.0, r.high + pad) : r.high + pad);
+    if (tight && r.high > r.low) {
+        // The padded data range, with the round ticks that fall inside it.
+        AxisTicks& t = axis.ticks;
+        t.low = r.low - pad;
+        t.high = r.high + pad;
+        std::erase_if(t.values, [&](double v) { return v < t.low || v > t.high; });
+    }
     axis.from = from;
     axis.to = to;
     return axis;
@@ -220,26 +238,15 @@ void Polylines(std::ostream& out, const PlotSeries& s, const std::string& colour
     }
 }
 
-// The caption of a line, right-aligned above its last drawn point.
-void EndLabel(std::ostream& out, const PlotSeries& s, const std::string& colour, const Axis& x, const Axis& y)
-{
-    for (std::size_t i = std::min(s.x.size(), s.y.size()); i-- > 0;)
-        if (std::isfinite(s.x[i]) && std::isfinite(s.y[i])) {
-            Text(out, x(s.x[i]) - 3.0, y(s.y[i]) - 4.0, 10.0,
-                 "class=\"line-label\" text-anchor=\"end\" fill=\"" + colour + "\"", s.endLabel);
-            return;
-        }
-}
-
 void Series(std::ostream& out, const PlotSeries& s, const std::string& colour, const Axis& x, const Axis& y)
 {
     const std::size_t n = std::min(s.x.size(), s.y.size());
     if (s.kind == PlotSeries::Kind::Line) {
         Polylines(out, s, colour, x, y);
-        if (!s.endLabel.empty())
-            EndLabel(out, s, colour, x, y);
         return;
     }
+    if (s.kind == PlotSeries::Kind::Level)
+        return; // drawn by Levels, beneath everything else
     const double half = s.kind == PlotSeries::Kind::Bars ? BarHalfWidth(s) : 0.0;
     const double radius = n > 100 ? 2.5 : 3.5;
     for (std::size_t i = 0; i < n; ++i) {
@@ -288,17 +295,12 @@ void ZeroLines(std::ostream& out, const Axis& x, const Axis& y, const Box& area)
         Line(out, area.left, y(0.0), area.right, y(0.0), dashed);
 }
 
-std::string SeriesColour(const PlotSeries& s, std::size_t place)
-{
-    return s.colour.empty() ? Palette[place % std::size(Palette)] : s.colour;
-}
-
 void Legend(std::ostream& out, const PlotPanel& panel, const Box& area)
 {
     std::vector<std::size_t> named;
     double width = 0.0;
     for (std::size_t s = 0; s < panel.series.size(); ++s)
-        if (!panel.series[s].name.empty()) {
+        if (!panel.series[s].name.empty() && panel.series[s].kind != PlotSeries::Kind::Level) {
             named.push_back(s);
             width = std::max(width, TextWidth(panel.series[s].name, 11.0));
         }
@@ -326,13 +328,50 @@ void Legend(std::ostream& out, const PlotPanel& panel, const Box& area)
     out << "</g>\n";
 }
 
+// Room right of the plot for the captions of its levels.
+double RightMargin(const PlotPanel& panel)
+{
+    double margin = MarginRight;
+    for (const PlotSeries& s : panel.series)
+        if (s.kind == PlotSeries::Kind::Level)
+            margin = std::max(margin, TextWidth(s.name, LevelLabelSize) + 12.0);
+    return margin;
+}
+
+// The levels, beneath the data; each caption sits in the right margin at
+// its line's height, moved down or up just enough not to overlap the one
+// above it (limits close to the centre line).
+void Levels(std::ostream& out, const PlotPanel& panel, const Axis& y, const Box& area)
+{
+    std::vector<std::pair<double, std::size_t>> order;
+    for (std::size_t i = 0; i < panel.series.size(); ++i) {
+        const PlotSeries& s = panel.series[i];
+        if (s.kind == PlotSeries::Kind::Level && !s.y.empty() && std::isfinite(s.y[0]))
+            order.emplace_back(y(s.y[0]), i);
+    }
+    std::sort(order.begin(), order.end());
+    double previous = -std::numeric_limits<double>::infinity();
+    for (const auto& [py, i] : order) {
+        const PlotSeries& s = panel.series[i];
+        const std::string colour = SeriesColour(s, i);
+        Line(out, area.left, py, area.right, py,
+             "class=\"level\" stroke=\"" + colour + "\" stroke-width=\"1.2\"" +
+                 (s.dashed ? " stroke-dasharray=\"6 4\"" : ""));
+        const double baseline = std::max(py + LevelLabelSize * 0.35, previous + LevelLabelSize + 1.0);
+        previous = baseline;
+        if (!s.name.empty())
+            Text(out, area.right + 6.0, baseline, LevelLabelSize, "class=\"level-label\" fill=\"" + colour + "\"",
+                 s.name);
+    }
+}
+
 void Panel(std::ostream& out, const PlotPanel& panel, double originX, double originY, double width, double height)
 {
-    const Box area{originX + MarginLeft, originY + MarginTop, originX + width - MarginRight,
+    const Box area{originX + MarginLeft, originY + MarginTop, originX + width - RightMargin(panel),
                    originY + height - MarginBottom};
     Range xr, yr;
     DataRanges(panel, xr, yr);
-    const Axis x = MakeAxis(xr, area.left, area.right);
+    const Axis x = MakeAxis(xr, area.left, area.right, panel.tightX);
     const Axis y = MakeAxis(yr, area.bottom, area.top);
 
     out << "<g class=\"panel\">\n";
@@ -351,6 +390,7 @@ void Panel(std::ostream& out, const PlotPanel& panel, double originX, double ori
          "class=\"axis-title\" text-anchor=\"middle\" transform=\"rotate(-90 " + Fixed(yTitleX) + " " +
              Fixed(yMiddle) + ")\"",
          panel.yTitle);
+    Levels(out, panel, y, area);
     std::vector<Box> taken;
     for (std::size_t s = 0; s < panel.series.size(); ++s) {
         Series(out, panel.series[s], SeriesColour(panel.series[s], s), x, y);

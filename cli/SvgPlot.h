@@ -32,7 +32,9 @@ std::string FormatTick(double value, double step);
 std::string XmlEscape(std::string_view text);
 
 struct PlotSeries {
-    enum class Kind { Points, Line, Bars };
+    // Level: a horizontal line across the whole panel at y[0] (a control
+    // limit), captioned by `name` in the panel's right margin.
+    enum class Kind { Points, Line, Bars, Level };
     Kind kind = Kind::Points;
     std::string name;                // its legend entry; "" for none
     std::vector<double> x, y;        // bars rise from 0 to y at x
@@ -41,10 +43,7 @@ struct PlotSeries {
     // signals); each gets a ring, <circle class="flagged">, over its mark.
     std::vector<bool> flagged{};
     std::string colour{}; // "" takes the palette's colour of the series' place
-    bool dashed = false;  // lines: dashed (control limits)
-    // Lines: a caption at the right end, above the line ("UCL 10.51"); a
-    // missing value breaks a line into pieces instead of joining across it.
-    std::string endLabel{};
+    bool dashed = false;  // lines and levels
 };
 
 struct PlotPanel {
@@ -52,6 +51,9 @@ struct PlotPanel {
     std::vector<PlotSeries> series;
     bool sameScales = false; // one range for both axes (observed against predicted)
     bool zeroLines = false;  // dashed lines through the origin (scores, loadings)
+    // The x axis ends at the data (padded a little) rather than at the next
+    // round tick: an index axis of 0 to 41 should not run on to 50.
+    bool tightX = false;
 };
 
 struct PlotFigure {
@@ -64,7 +66,8 @@ struct PlotFigure {
 
 // Each point is a <circle class="point">, each bar a <rect class="bar">,
 // each point label a <text class="label">: one element per mark. A line is
-// one <polyline class="line"> per unbroken piece.
+// one <polyline class="line"> per unbroken piece (a missing value breaks
+// it), a level one <line class="level"> with a <text class="level-label">.
 void WriteSvg(std::ostream& out, const PlotFigure& figure);
 
 } // namespace veltan_cli
