@@ -162,6 +162,66 @@ TEST(SvgPlot, CrowdedLabelsAreThinnedNotOverlapped)
     EXPECT_LT(labels, 200u);
 }
 
+// The control-chart parts: a line breaks at a missing value instead of
+// bridging it, flagged points get a ring at their own place, levels span the
+// plot and count in its range, and a tight axis ends near the data.
+TEST(SvgPlot, BrokenLinesRingsAndLevels)
+{
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    PlotSeries line;
+    line.kind = PlotSeries::Kind::Line;
+    line.x = {0, 1, 2, 3, 4, 5, 6};
+    line.y = {1, 2, nan, 2, 1, nan, 3};
+    PlotSeries points;
+    points.x = {0, 1, 2, 41};
+    points.y = {1, 2, 1.5, 2};
+    points.flagged = {false, true, false, true};
+    PlotSeries ucl;
+    ucl.kind = PlotSeries::Kind::Level;
+    ucl.y = {9.0};
+    ucl.name = "UCL 9";
+    ucl.dashed = true;
+    PlotPanel panel{"chart", "i", "v", {line, points, ucl}, false, false};
+    panel.tightX = true;
+    PlotFigure figure{"", {panel}};
+    figure.panelsPerRow = 1;
+    figure.panelWidth = 900.0;
+    figure.panelHeight = 300.0;
+    const std::string svg = Svg(figure);
+    const XmlDocument doc = ParseXml(svg);
+    ASSERT_EQ(doc.fault, "") << svg;
+    EXPECT_EQ(doc.elements[0].attributes.at("width"), "900.00");
+    EXPECT_EQ(ElementsOfClass(doc, "polyline", "line").size(), 3u);
+    const std::vector<XmlElement> marks = ElementsOfClass(doc, "circle", "point");
+    const std::vector<XmlElement> rings = ElementsOfClass(doc, "circle", "flagged");
+    ASSERT_EQ(marks.size(), 4u);
+    ASSERT_EQ(rings.size(), 2u);
+    EXPECT_EQ(rings[0].attributes.at("cx"), marks[1].attributes.at("cx"));
+    EXPECT_EQ(rings[1].attributes.at("cy"), marks[3].attributes.at("cy"));
+    // The level is inside the y range (ticks reach 9 or beyond), across the
+    // whole frame, captioned right of it, and not in a legend.
+    const std::vector<XmlElement> levels = ElementsOfClass(doc, "line", "level");
+    ASSERT_EQ(levels.size(), 1u);
+    EXPECT_THAT(levels[0].attributes.at("stroke-dasharray"), testing::Not(testing::IsEmpty()));
+    const std::vector<XmlElement> captions = ElementsOfClass(doc, "text", "level-label");
+    ASSERT_EQ(captions.size(), 1u);
+    EXPECT_EQ(captions[0].text, "UCL 9");
+    EXPECT_GT(std::stod(captions[0].attributes.at("x")), std::stod(levels[0].attributes.at("x2")));
+    EXPECT_EQ(ElementsOfClass(doc, "g", "legend").size(), 0u);
+    std::vector<double> xTicks;
+    bool nine = false;
+    for (const XmlElement& tick : ElementsOfClass(doc, "text", "tick")) {
+        if (tick.attributes.at("text-anchor") == "middle")
+            xTicks.push_back(std::stod(tick.text));
+        else
+            nine = nine || std::stod(tick.text) >= 9.0;
+    }
+    EXPECT_TRUE(nine);
+    // Data 0 to 41: a loose axis would run to 50.
+    ASSERT_FALSE(xTicks.empty());
+    EXPECT_LE(xTicks.back(), 41.0 * 1.05);
+}
+
 TEST(VeltanPlot, PcaScoreAndLoadingPlotsMarkEveryObservationAndVariable)
 {
     TempDir dir;
