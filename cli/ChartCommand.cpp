@@ -349,8 +349,15 @@ ChartResult ComputeChart(const ChartOptions& options)
     if (!options.limitsFrom.empty()) {
         const Series reference = ReadSeries(options.limitsFrom, options, true);
         ControlChart limits = MakeChart(reference, options, sigma);
-        // Imported before anything lazy is computed, so that the CuSum and
-        // EWMA rest on the reference period's sigma, target and lambda.
+        // The import copies what the reference has computed so far; what it
+        // would compute on request (its MSSD, lambda, EWMA limits, CuSum
+        // interval) is asked for first, or this chart would fill it in from
+        // its own data.
+        limits.GetMSSD();
+        if (IsEwma(options.type))
+            limits.GetEWMAUCL();
+        if (options.type == ControlChartEnum::CuSum)
+            limits.GetActionLimit();
         chart.ImportLimits(limits);
     }
 

@@ -293,6 +293,22 @@ TEST(VeltanChart, LimitsFromAReferencePeriod)
     doc = RunJson(dir, {"chart", dir.File("new.csv"), "--column", "x", "--type", "individual", "--limits-from",
                         dir.File("ref.csv"), "--json"});
     EXPECT_EQ(doc["limits"], ref["limits"]);
+    // The CuSum and EWMA charts take the reference's sigma, lambda and
+    // limits, also those the reference computes only on request. The later
+    // period varies twice as much, so its own would differ.
+    std::vector<double> wide = Flat(Groups);
+    for (double& v : wide)
+        v = 2.0 * v - 11.0;
+    WriteFile(dir.File("new.csv"), Table(wide));
+    for (const char* type : {"cusum", "ewma", "ewma-overall"}) {
+        const nlohmann::json own = RunJson(dir, {"chart", dir.File("ref.csv"), "--column", "x", "--type", type,
+                                                 "--subgroup", "2", "--json"});
+        doc = RunJson(dir, {"chart", dir.File("new.csv"), "--column", "x", "--type", type, "--subgroup", "2",
+                            "--limits-from", dir.File("ref.csv"), "--json"});
+        EXPECT_EQ(doc["limits"], own["limits"]) << type;
+        EXPECT_EQ(doc["sigma"], own["sigma"]) << type;
+        EXPECT_EQ(doc.value("lambda", nlohmann::json()), own.value("lambda", nlohmann::json())) << type;
+    }
     const RunResult r = Veltan(dir, {"chart", dir.File("new.csv"), "--column", "x", "--type", "individual",
                                      "--limits-from", dir.File("ref.csv")});
     EXPECT_THAT(r.out, HasSubstr("\nCentre line and limits from the reference period in " + dir.File("ref.csv")));
