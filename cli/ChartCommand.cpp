@@ -267,6 +267,9 @@ void Limits(ChartResult& r, const ControlChart& chart, const ChartOptions& o, do
 // rules' are.
 void Signals(ChartResult& r, const ChartOptions& o)
 {
+    for (std::size_t i = 0; i < r.spread.size(); ++i)
+        if (!IsMisVal(r.spread[i]) && (r.spread[i] > r.second.ucl || r.spread[i] < r.second.lcl))
+            r.spreadBeyond.push_back(static_cast<int>(i));
     if (IsShewhart(o.type)) {
         if (o.rules != "we")
             return;
@@ -462,6 +465,17 @@ void PrintReport(std::ostream& out, const ChartResult& r, const ChartOptions& o)
     out << "Sigma " << Significant(r.sigma, 0) << " (" << r.sigmaSource
         << (r.limitsFrom.empty() ? "" : ", of the reference period") << ")\n";
 
+    if (HasSpreadChart(r.type)) {
+        const std::string what = r.type == ControlChartEnum::MeanRange ? "Ranges" : "Standard deviations";
+        if (r.spreadBeyond.empty()) {
+            out << what << " within their limits\n";
+        } else {
+            out << what << " beyond their limits: " << (r.spreadBeyond.size() == 1 ? "subgroup" : "subgroups");
+            for (std::size_t i = 0; i < r.spreadBeyond.size(); ++i)
+                out << (i == 0 ? " " : ", ") << r.spreadBeyond[i];
+            out << "\n";
+        }
+    }
     if (r.ruleSet.empty()) {
         out << "Run rules not applied (--rules we applies the classic four)\n";
         return;

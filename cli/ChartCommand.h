@@ -79,6 +79,9 @@ struct ChartResult {
     std::string ruleSet;
     std::vector<std::string> ruleDescriptions;
     std::map<int, std::set<std::size_t>> flagged;
+    // The subgroups whose range or standard deviation lies beyond its own
+    // limits; the run rules judge the means only.
+    std::vector<int> spreadBeyond;
 
     int Subgroups() const { return static_cast<int>(means.size()); }
 };

@@ -55,7 +55,7 @@ void Statistic(PlotPanel& panel, const std::vector<double>& x, std::vector<doubl
     join.kind = PlotSeries::Kind::Line;
     join.x = x;
     join.y = y;
-    join.colour = colour == StatisticColour ? "#9db3cf" : "#e2a68f";
+    join.colour = std::string(colour) == StatisticColour ? "#9db3cf" : "#e2a68f";
     panel.series.push_back(std::move(join));
     PlotSeries points;
     points.x = x;
@@ -144,7 +144,10 @@ PlotFigure ChartFigure(const ChartResult& r, const ChartOptions& o)
         second.xTitle = xTitle;
         second.tightX = true;
         second.yTitle = (range ? "Range of " : "SD of ") + r.column;
-        Statistic(second, x, Coordinates(r.spread), SecondColour, {});
+        std::vector<bool> beyond(r.spread.size(), false);
+        for (const int i : r.spreadBeyond)
+            beyond[static_cast<std::size_t>(i)] = true;
+        Statistic(second, x, Coordinates(r.spread), SecondColour, std::move(beyond));
         Limits(second, r.second);
         figure.panels.push_back(std::move(second));
     }

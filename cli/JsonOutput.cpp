@@ -365,6 +365,8 @@ std::string ChartJson(const ChartResult& r, const ChartOptions& options, const s
         flagged.push_back({{"point", point}, {"rules", rules}, {"descriptions", descriptions}});
     }
     doc["flagged"] = std::move(flagged);
+    if (r.type == ControlChartEnum::MeanRange || r.type == ControlChartEnum::MeanStdDev)
+        doc["spread_beyond_limits"] = r.spreadBeyond;
     doc["points"] = ChartPoints(r);
     return Finish(doc, files);
 }

@@ -123,7 +123,23 @@ TEST(VeltanChart, ShewhartLimitsOfSubgroupsOfFiveFollowTheTextbookFactors)
                                            ": 4 subgroups of 5 values\n"));
     EXPECT_THAT(r.out, HasSubstr("\nMean                          11       9.269      12.731\n"));
     EXPECT_THAT(r.out, HasSubstr("\nRange                          3           0       6.342\n"));
-    EXPECT_THAT(r.out, HasSubstr("\nRun rules not applied"));
+    EXPECT_THAT(r.out, HasSubstr("\nRanges within their limits\nRun rules not applied"));
+    EXPECT_EQ(doc["spread_beyond_limits"], nlohmann::json::array());
+
+    // A fifth subgroup of range 12 lifts the mean range to 4.8 and lies
+    // beyond the range UCL of 2.114 * 4.8 = 10.15: flagged, and ringed in the
+    // range panel, though no run rule looks at ranges.
+    std::vector<std::vector<double>> wide = Groups;
+    wide.push_back({5, 17, 11, 11, 11});
+    WriteFile(dir.File("w.csv"), Table(Flat(wide)));
+    doc = RunJson(dir, {"chart", dir.File("w.csv"), "--column", "x", "--type", "mean-range", "--subgroup", "5",
+                        "--json", "--plot", dir.File("w.svg")});
+    ExpectLimits(doc["limits"]["range"], 4.8, 0.0, 2.114 * 4.8);
+    EXPECT_EQ(doc["spread_beyond_limits"], nlohmann::json({4}));
+    EXPECT_EQ(ElementsOfClass(ParseXml(ReadFile(dir.File("w.svg"))), "circle", "flagged").size(), 1u);
+    EXPECT_THAT(Veltan(dir, {"chart", dir.File("w.csv"), "--column", "x", "--type", "mean-range", "--subgroup", "5"})
+                    .out,
+                HasSubstr("\nRanges beyond their limits: subgroup 4\n"));
 }
 
 // Individual values: sigma is the mean moving range over 1.128, or --sigma;
