@@ -1,9 +1,9 @@
 """Writes data/fill-weights.csv, the synthetic series the `veltan chart`
 examples use: 125 fill weights (grams) of a filling line, five bottles
 sampled every 15 minutes. The process runs at 500 g with a standard
-deviation of 2 g; from sample 90 to 104 (subgroups 18 to 20 in fives) the
-line overfills by 3.5 g, which the charts should flag. One weight is
-missing.
+deviation of 2 g; for samples s091 to s105 (subgroups 18 to 20 in fives,
+counted from 0) the line overfills by 3.5 g, which the charts should flag.
+The weight of s038 is missing.
 
     python3 scripts/fill_weights.py > data/fill-weights.csv
 
