@@ -6,10 +6,13 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <csignal>
 #include <map>
 #include <numeric>
 #include <set>
+#include <thread>
 
 using namespace cli_test;
 using testing::HasSubstr;
@@ -517,4 +520,26 @@ TEST(VeltanChart, BadInputIsOneLineAndLeavesNoFile)
         EXPECT_EQ(r.exitCode, 2) << args.back();
         EXPECT_THAT(r.err, HasSubstr("--help"));
     }
+}
+
+// Ctrl-C while a long series is read and charted: exit 130, the cancel
+// message, and none of the requested files.
+TEST(VeltanChart, InterruptLeavesNoFile)
+{
+    TempDir dir;
+    {
+        std::ofstream big(dir.File("big.csv"));
+        big << "t,x\n";
+        for (int i = 0; i < 2000000; ++i)
+            big << i << "," << 10 + (i % 101) / 50.0 << "\n";
+    }
+    const pid_t pid = StartTool(dir, {"chart", dir.File("big.csv"), "--column", "x", "--type", "mean-range",
+                                      "--subgroup", "5", "--out", dir.File("o.csv"), "--plot", dir.File("p.svg")});
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    kill(pid, SIGINT);
+    const RunResult r = WaitTool(dir, pid);
+    EXPECT_EQ(r.exitCode, 130) << r.err;
+    EXPECT_EQ(r.err, "veltan: Operation cancelled.\n");
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(dir.Entries(), std::set<std::string>{"big.csv"});
 }
