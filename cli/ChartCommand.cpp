@@ -147,8 +147,9 @@ int SubgroupSize(const ChartOptions& o) { return o.subgroup > 0 ? o.subgroup : 1
 // or the moving-range estimate, returned in `sigma`.
 ControlChart MakeChart(const Series& s, const ChartOptions& o, double& sigma)
 {
-    ControlChart chart = o.byTime ? ControlChart(o.type, s.values, s.times, static_cast<float>(o.interval), o.ewma)
-                                  : ControlChart(o.type, s.values, SubgroupSize(o), o.ewma);
+    const ControlChartEnum::EWMAType ewma = IsEwma(o.type) ? o.ewma : ControlChartEnum::EWMANone;
+    ControlChart chart = o.byTime ? ControlChart(o.type, s.values, s.times, static_cast<float>(o.interval), ewma)
+                                  : ControlChart(o.type, s.values, SubgroupSize(o), ewma);
     const std::string where = s.table.Where(0, s.column);
     const NCDataVector<float>& means = *chart.GetMeanVector();
     if (means.GetNumValidValues() < 2)
@@ -557,13 +558,6 @@ void WriteChartFiles(RunOutputs& files, const ChartResult& r, const ChartOptions
               WrittenTo("Chart", o.plotPath));
 }
 
-// An option that is absent unless given, as text so that CLI11 shows no default.
-void AddNumberOption(CLI::App& command, const std::string& name, std::optional<double>& value,
-                     const std::string& help, const std::string& typeName)
-{
-    command.add_option(name, value, help)->type_name(typeName);
-}
-
 class ChartCommand final : public TableCommand<ChartOptions> {
     std::string m_type;
     std::string m_ewma;
@@ -582,8 +576,7 @@ class ChartCommand final : public TableCommand<ChartOptions> {
         command.add_option("--column", m_options.column, "The column to chart")->type_name("NAME")->required();
         command
             .add_option("--type", m_type,
-                        "individual, mean-range, mean-sd, cusum, ewma (sigma from successive differences) or "
-                        "ewma-overall (sigma of all values)")
+                        "individual, mean-range, mean-sd, cusum, ewma or ewma-overall (see docs/cli.md)")
             ->check(CLI::IsMember({"individual", "mean-range", "mean-sd", "cusum", "ewma", "ewma-overall"}))
             ->required();
         command.add_option("--subgroup", m_subgroup, "Consecutive subgroups of N values (default 1)")
@@ -593,13 +586,17 @@ class ChartCommand final : public TableCommand<ChartOptions> {
         command.add_option("--interval", m_interval,
                            "The width of a time group (negative for descending times); with --time")
             ->type_name("X");
-        AddNumberOption(command, "--target", m_options.target,
-                        "Centre line (default: the mean of the subgroup means)", "X");
-        AddNumberOption(command, "--sigma", m_options.sigma,
-                        "Known process standard deviation of single values (default: estimated, see docs/cli.md)",
-                        "S");
-        AddNumberOption(command, "--lambda", m_options.lambda,
-                        "EWMA weight in (0, 1] (default: estimated from the one-step-ahead errors)", "L");
+        // Optional values: absent unless given, so --help shows no default.
+        command.add_option("--target", m_options.target, "Centre line (default: the mean of the subgroup means)")
+            ->type_name("X");
+        command
+            .add_option("--sigma", m_options.sigma,
+                        "Known process standard deviation of single values (default: estimated, see docs/cli.md)")
+            ->type_name("S");
+        command
+            .add_option("--lambda", m_options.lambda,
+                        "EWMA weight in (0, 1] (default: estimated from the one-step-ahead errors)")
+            ->type_name("L");
         command.add_option("--ewma", m_ewma, "EWMA type: filter (smooths each mean) or predictive (predicts it)")
             ->check(CLI::IsMember({"filter", "predictive"}));
         command.add_option("--rules", m_options.rules, "Run rules on the plotted means: we (the classic four)")
