@@ -152,7 +152,7 @@ PlotFigure ChartFigure(const ChartResult& r, const ChartOptions& o)
         figure.panels.push_back(std::move(second));
     }
     figure.title = ChartTitle(r.type) + " of " + r.column + " in " + name + ", " +
-                   (r.byTime ? Plural(r.Subgroups(), "interval")
+                   (r.byTime ? Plural(r.Subgroups(), "interval") + " of " + Short(o.interval) + " in " + o.timeColumn
                              : r.subgroupSize == 1 ? Plural(r.Subgroups(), "value")
                                                    : Plural(r.Subgroups(), "subgroup") + " of " +
                                                          std::to_string(r.subgroupSize));
