@@ -5,6 +5,7 @@
 
 #include <cmath>
 #include <map>
+#include <random>
 #include <set>
 #include <vector>
 
@@ -147,4 +148,101 @@ TEST(WesternElectricRules, LongSeries)
     ASSERT_EQ(broken.size(), 13u);
     EXPECT_EQ(broken.begin()->first, 49999);
     EXPECT_EQ(broken.rbegin()->first, 50011);
+}
+
+namespace {
+
+// The rules judged the plain way, window by window: for every end point,
+// walk down over m present points (missing ones widen the window) and
+// count the conditions met; a qualifying window flags every point that met
+// one. A check of the faster judging on random series.
+Broken Plainly(const std::vector<float>& x, const std::vector<WesternElectricRules::Rule>& rules, double centre,
+               double sigma)
+{
+    auto limit = [&](int multiple) { return static_cast<float>(multiple == 0 ? centre : centre + multiple * sigma); };
+    auto meets = [&](int type, int multiple, float v) {
+        const float l = limit(multiple), c = static_cast<float>(centre);
+        switch (type) {
+        case 2:
+            return v > l;
+        case 3:
+            return v < l;
+        case 4:
+            return multiple > 0 ? (c < v && v < l) : multiple < 0 && (l < v && v < c);
+        default:
+            return false;
+        }
+    };
+    Broken broken;
+    const int n = static_cast<int>(x.size());
+    for (int i = 1; i <= n; ++i)
+        for (std::size_t r = 0; r < rules.size(); ++r) {
+            const auto& rule = rules[r];
+            std::vector<std::pair<std::vector<int>, std::vector<int>>> sides;
+            if (rule.conditionTypes[0] == 1) {
+                const int a = rule.limits[0], b = rule.limits[1];
+                sides.push_back({{2}, {std::max(a, b)}});
+                sides.push_back({{3}, {std::min(a, b)}});
+            } else {
+                sides.push_back({rule.conditionTypes, rule.limits});
+            }
+            if (x[static_cast<std::size_t>(i - 1)] == M)
+                continue;
+            for (const auto& [types, limits] : sides) {
+                int count = 0, lowest = i - rule.window;
+                std::vector<int> points;
+                for (int p = i; p >= 1 && p > lowest; --p) {
+                    const float v = x[static_cast<std::size_t>(p - 1)];
+                    if (v == M) {
+                        --lowest;
+                        continue;
+                    }
+                    for (std::size_t c = 0; c < types.size(); ++c)
+                        if (meets(types[c], limits[c], v)) {
+                            ++count;
+                            points.push_back(p - 1);
+                        }
+                }
+                if (count >= rule.count)
+                    for (int p : points)
+                        broken[p].insert(r);
+            }
+        }
+    return broken;
+}
+
+} // namespace
+
+TEST(WesternElectricRules, AgreesWithPlainJudgingOnRandomSeries)
+{
+    std::mt19937 rng(8);
+    std::normal_distribution<float> normal;
+    std::bernoulli_distribution missing(0.15);
+    for (int run = 0; run < 20; ++run) {
+        std::vector<float> x(300);
+        float level = 0.0f;
+        for (float& v : x) {
+            level = 0.7f * level + normal(rng);
+            v = missing(rng) ? M : level;
+        }
+        NCDataVector<float> series;
+        series.CopyZeroBasedVector(x.data(), static_cast<int>(x.size()));
+        WesternElectricRules rules(series);
+        rules.SetCustomStDev(0.1, 1.0);
+        rules.InitOriginalWERules();
+        rules.AddRule({{4, 4}, {2, -1}, 3, 4, "between"});
+        rules.AddRule({{2, 3}, {1, -1}, 2, 2, "either"});
+        // The classic rules and the two custom ones, written out.
+        const std::vector<WesternElectricRules::Rule> list{
+            {{2, 3}, {3, -3}, 1, 1, ""},      {{1, 1}, {2, -2}, 2, 3, ""}, {{1, 1}, {1, -1}, 4, 5, ""},
+            {{1, 1}, {0, 0}, 9, 9, ""},       {{4, 4}, {2, -1}, 3, 4, ""}, {{2, 3}, {1, -1}, 2, 2, ""}};
+        const Broken expected = Plainly(x, list, 0.1, 1.0);
+        EXPECT_EQ(rules.GetAllBroken(), expected) << "run " << run;
+        const std::vector<int> first = rules.GetFirstBrokens();
+        for (int p = 0; p < 300; ++p) {
+            const auto found = expected.find(p);
+            EXPECT_EQ(first[static_cast<std::size_t>(p)], found == expected.end() ? -1 : static_cast<int>(*found->second.begin()))
+                << "run " << run << ", point " << p;
+        }
+    }
 }
