@@ -374,3 +374,43 @@ TEST(ControlChart, EstimatedLambdaAgainstHoltWintersAndAGrid)
     chart.SetEWMALambda(0.3);
     EXPECT_EQ(chart.GetEWMALambda(), 0.3);
 }
+
+// A long series takes the chunked evaluation of the errors; its estimate
+// still lands within the search's last step of a brute-force grid minimum
+// of the plain recursion.
+TEST(ControlChart, EstimatedLambdaOnALongSeries)
+{
+    std::mt19937 rng(3);
+    std::normal_distribution<double> normal;
+    const int n = 20000;
+    NCDataVector<float> x(n);
+    double level = 0.0;
+    for (int i = 1; i <= n; ++i) {
+        level = 0.6 * level + normal(rng);
+        x(i, i % 97 == 0 ? -99.0f : static_cast<float>(level + 5.0));
+    }
+    auto sse = [&](double lambda) {
+        double z = 0.0, total = 0.0;
+        bool started = false;
+        for (int i = 1; i <= n; ++i) {
+            if (x[i] == -99.0f)
+                continue;
+            if (!started) {
+                z = x[i];
+                started = true;
+            }
+            total += (x[i] - z) * (x[i] - z);
+            z += lambda * (x[i] - z);
+        }
+        return total;
+    };
+    double best = 0.0005, bestError = sse(best);
+    for (double lambda = 0.001; lambda <= 1.0; lambda += 0.0005) {
+        const double e = sse(lambda);
+        if (e < bestError) {
+            best = lambda;
+            bestError = e;
+        }
+    }
+    EXPECT_NEAR(EstimatedLambda(x, true), best, 0.001);
+}

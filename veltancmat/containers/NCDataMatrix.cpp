@@ -236,10 +236,12 @@ void NCDataMatrix<T>::AddRowToCounts(const Vector& row, int sign)
         return;
     // Subsets and row edits call this for every row: the count has to
     // vectorise, which the compiler does only when it knows the counts and
-    // the cells never overlap.
+    // the cells never overlap, and at -O2 only when asked to (its cheapest
+    // cost model leaves a loop of unknown length scalar).
     int* __restrict counts = ColumnCounts() + 1;
     const T* __restrict p = row.GetVector() + 1;
     const int cols = m_cols;
+#pragma omp simd
     for (int j = 0; j < cols; ++j)
         counts[j] += p[j] == MisVal ? sign : 0;
     m_numMis += sign * missing;

@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
+#include <map>
+#include <omp.h>
 
 namespace {
 
@@ -199,22 +201,32 @@ ControlChart::ControlChart(ControlType type, const NCDataVector<float>& data, in
     : m_type(type), m_n(subgroupSize), m_ewmaType(ewmaType)
 {
     const int count = subgroupSize > 0 ? data.Size() / subgroupSize : 0;
-    std::vector<Moments> groups(Size(count));
-    for (int g = 0; g < count; ++g)
-        for (int i = g * subgroupSize + 1; i <= (g + 1) * subgroupSize; ++i)
-            if (!IsMisVal(data[i]))
-                groups[Size(g)].Add(data[i]);
-    auto fill = [&](NCDataVector<float>& out, float (Moments::*statistic)() const) {
+    const bool ranges = type == ControlChartEnum::MeanRange;
+    const bool stdDevs = type == ControlChartEnum::MeanStdDev || type == ControlChartEnum::CuSum;
+    auto output = [&](NCDataVector<float>& out, bool wanted) -> float* {
+        if (!wanted)
+            return nullptr;
         if (out.Size() < count)
             out.Resize(count, Missing);
-        for (int g = 0; g < count; ++g)
-            out(g + 1, (groups[Size(g)].*statistic)());
+        return out.GetVectorForWriting();
     };
-    fill(m_means, &Moments::Mean);
-    if (type == ControlChartEnum::MeanRange)
-        fill(m_ranges, &Moments::Range);
-    if (type == ControlChartEnum::MeanStdDev || type == ControlChartEnum::CuSum)
-        fill(m_stdDevs, &Moments::StdDev);
+    float* const means = output(m_means, true);
+    float* const rangeOut = output(m_ranges, ranges);
+    float* const stdDevOut = output(m_stdDevs, stdDevs);
+    const float* const x = data.GetVector();
+    for (int g = 0; g < count; ++g) {
+        Moments group;
+        for (int i = g * subgroupSize + 1; i <= (g + 1) * subgroupSize; ++i)
+            if (!IsMisVal(x[i]))
+                group.Add(x[i]);
+        means[g + 1] = group.Mean();
+        if (rangeOut)
+            rangeOut[g + 1] = group.Range();
+        if (stdDevOut)
+            stdDevOut[g + 1] = group.StdDev();
+    }
+    for (NCDataVector<float>* out : {&m_means, &m_ranges, &m_stdDevs})
+        out->RecountMissing();
     m_stdDevIndividual = data.GetStdDev();
     FinishConstruction(true);
 }
@@ -601,31 +613,134 @@ double ControlChart::GetEWMAStdDev() const
 
 // The predictive EWMA from the start the chart would use: z before a present
 // value is the prediction of it, and a missing value leaves z as it is, so
-// the recursion only needs the present values from the start on.
-double ControlChart::PredictionError(double lambda) const
+// the recursion only needs the present values from the start on. The search
+// asks for some weights more than once; each is computed once.
+//
+// The recursion z' = (1 - l) z + l x is linear in its start, so a long
+// series is cut into chunks that run side by side from a start of 0: with
+// a_j = (1 - l)^j and r_j the chunk's own errors, a start s adds to the
+// chunk's sum sum (r_j - a_j s)^2 = sum r_j^2 - 2 s sum a_j r_j + s^2 sum
+// a_j^2, and the chunk ends at a_n s + z_n. The values are taken relative to
+// the first start, which leaves the errors as they are and keeps the three
+// sums small. Weights outside [0, 2] would make a_j grow; they, and short
+// series, run the recursion as it is.
+class ControlChart::PredictionErrors {
+public:
+    PredictionErrors(const NCDataVector<float>& x, int start, double z0)
+    {
+        for (int i = start; i <= x.Size(); ++i)
+            if (!IsMisVal(x[i]))
+                m_values.push_back(static_cast<double>(x[i]) - z0);
+    }
+
+    double operator()(double lambda)
+    {
+        const auto known = m_known.find(lambda);
+        if (known != m_known.end())
+            return known->second;
+        const bool chunked = m_values.size() >= MinChunked && lambda >= 0.0 && lambda <= 2.0;
+        const double error = chunked ? Chunked(lambda) : Serial(lambda);
+        m_known.emplace(lambda, error);
+        return error;
+    }
+
+private:
+    static constexpr std::size_t MinChunked = 1 << 14;
+
+    struct Sums {
+        double squares = 0.0, cross = 0.0, weights = 0.0, end = 0.0, decay = 1.0;
+    };
+
+    // The recursion from `start` over values [begin, end): its sum of squares.
+    double Serial(double lambda, std::size_t begin = 0, double start = 0.0) const
+    {
+        double z = start, error = 0.0;
+        for (std::size_t i = begin; i < m_values.size(); ++i) {
+            const double e = m_values[i] - z;
+            error += e * e;
+            z += lambda * e;
+        }
+        return error;
+    }
+
+    // Four chunks of `length` values from `first` on, side by side from a
+    // start of 0: four independent chains keep the processor busy where
+    // one would wait for each step.
+    void FourChunks(double lambda, const double* first, std::size_t length, Sums* out) const
+    {
+        const double keep = 1.0 - lambda;
+        const double* p0 = first;
+        const double* p1 = first + length;
+        const double* p2 = first + 2 * length;
+        const double* p3 = first + 3 * length;
+        double z0 = 0, z1 = 0, z2 = 0, z3 = 0, a0 = 1, a1 = 1, a2 = 1, a3 = 1;
+        double s0 = 0, s1 = 0, s2 = 0, s3 = 0, c0 = 0, c1 = 0, c2 = 0, c3 = 0, w0 = 0, w1 = 0, w2 = 0, w3 = 0;
+        for (std::size_t j = 0; j < length; ++j) {
+            const double r0 = p0[j] - z0, r1 = p1[j] - z1, r2 = p2[j] - z2, r3 = p3[j] - z3;
+            s0 += r0 * r0;
+            s1 += r1 * r1;
+            s2 += r2 * r2;
+            s3 += r3 * r3;
+            c0 += a0 * r0;
+            c1 += a1 * r1;
+            c2 += a2 * r2;
+            c3 += a3 * r3;
+            w0 += a0 * a0;
+            w1 += a1 * a1;
+            w2 += a2 * a2;
+            w3 += a3 * a3;
+            z0 += lambda * r0;
+            z1 += lambda * r1;
+            z2 += lambda * r2;
+            z3 += lambda * r3;
+            a0 *= keep;
+            a1 *= keep;
+            a2 *= keep;
+            a3 *= keep;
+        }
+        out[0] = {s0, c0, w0, z0, a0};
+        out[1] = {s1, c1, w1, z1, a1};
+        out[2] = {s2, c2, w2, z2, a2};
+        out[3] = {s3, c3, w3, z3, a3};
+    }
+
+    double Chunked(double lambda) const
+    {
+        const std::size_t count = m_values.size();
+        const int threads = std::max(1, omp_get_max_threads());
+        const std::size_t groups = 2 * static_cast<std::size_t>(threads);
+        const std::size_t length = count / (4 * groups);
+        std::vector<Sums> sums(4 * groups);
+#pragma omp parallel for schedule(static) num_threads(threads)
+        for (std::size_t g = 0; g < groups; ++g)
+            FourChunks(lambda, m_values.data() + 4 * g * length, length, sums.data() + 4 * g);
+        double error = 0.0, s = 0.0;
+        for (const Sums& c : sums) {
+            error += c.squares - 2.0 * s * c.cross + s * s * c.weights;
+            s = c.decay * s + c.end;
+        }
+        // The few values past the last whole chunk.
+        return error + Serial(lambda, 4 * groups * length, s);
+    }
+
+    std::vector<double> m_values;
+    std::map<double, double> m_known;
+};
+
+ControlChart::PredictionErrors ControlChart::MakePredictionErrors() const
 {
     const int count = m_means.Size();
-    const float* x = m_means.GetVector();
     int start = 1;
-    while (start <= count && IsMisVal(x[start]))
+    while (start <= count && IsMisVal(m_means[start]))
         ++start;
     if (start > count)
-        return 0.0;
-    double z = x[start];
+        return PredictionErrors(m_means, count + 1, 0.0);
+    double z = m_means[start];
     if (!m_firstValueAsTarget && !(IsUnset(m_previousEWMA) && IsUnset(m_target))) {
         z = IsUnset(m_previousEWMA) ? m_target : m_previousEWMA;
         start = 1;
     }
-    double error = 0.0;
-    for (int i = start; i <= count; ++i) {
-        const float v = x[i];
-        if (IsMisVal(v))
-            continue;
-        const double e = v - z;
-        error += e * e;
-        z += lambda * e;
-    }
-    return error;
+    return PredictionErrors(m_means, start, z);
 }
 
 namespace {
@@ -644,15 +759,15 @@ double Tolerance(double x, double r)
 // `best`: only a second improvement in the same direction does, and the
 // final comparison takes a last improvement. The estimated lambda depends
 // on exactly these steps, so they are kept as they are.
-double ControlChart::EstimateLambda(double start, double step) const
+double ControlChart::EstimateLambda(double start, double step, PredictionErrors& errorOf)
 {
     double best = start;
-    double bestError = PredictionError(best);
+    double bestError = errorOf(best);
     double candidate = best;
     double error = bestError;
     while (std::abs(step) >= 0.0005) {
         candidate = best + step;
-        error = PredictionError(candidate);
+        error = errorOf(candidate);
         if (!(error < bestError)) {
             step /= 2.0;
             continue;
@@ -660,7 +775,7 @@ double ControlChart::EstimateLambda(double start, double step) const
         if (candidate < 1.0) {
             while (candidate - 0.0 > Tolerance(candidate, 0.0)) {
                 const double next = candidate + step;
-                const double nextError = PredictionError(next);
+                const double nextError = errorOf(next);
                 if (!(nextError < error)) {
                     step /= 2.0;
                     break;
@@ -685,9 +800,10 @@ double ControlChart::GetEWMALambda() const
 {
     if (!IsUnset(m_ewmaLambda))
         return m_ewmaLambda;
-    const double up = EstimateLambda(0.1, 0.1);
-    const double down = EstimateLambda(1.0, -0.1);
-    double lambda = PredictionError(up) > PredictionError(down) ? down : up;
+    PredictionErrors errorOf = MakePredictionErrors();
+    const double up = EstimateLambda(0.1, 0.1, errorOf);
+    const double down = EstimateLambda(1.0, -0.1, errorOf);
+    double lambda = errorOf(up) > errorOf(down) ? down : up;
     if (lambda < 1e-05)
         lambda = 0.2;
     if (lambda >= 1.0)

@@ -115,9 +115,11 @@ private:
     void CalculateCuSum() const;
     void CalculateEWMA(NCDataVector<float>& out, double lambda, EWMAType type) const;
     void CalculateEWMALimits() const;
-    // The sum of squared one-step-ahead errors of the predictive EWMA.
-    double PredictionError(double lambda) const;
-    double EstimateLambda(double start, double step) const;
+    // The sums of squared one-step-ahead errors of the predictive EWMA,
+    // by weight.
+    class PredictionErrors;
+    PredictionErrors MakePredictionErrors() const;
+    static double EstimateLambda(double start, double step, PredictionErrors& error);
 
     ControlType m_type;
     int m_n;

@@ -4,6 +4,7 @@
 #include "veltancmat/platform/Exception.h"
 
 #include <algorithm>
+#include <cstddef>
 
 namespace {
 
@@ -91,61 +92,95 @@ std::vector<std::vector<WesternElectricRules::Side>> WesternElectricRules::Sides
     return all;
 }
 
-void WesternElectricRules::Validate(const Side& side, int i, std::vector<int>& flagged) const
+// How many of a side's conditions each point meets (0 for a missing one).
+std::vector<int> WesternElectricRules::Hits(const Side& side) const
 {
     const float* x = m_series.GetVector();
-    if (IsMisVal(x[i]))
-        return;
     const float centre = static_cast<float>(m_centre);
-    const std::size_t first = flagged.size();
-    int count = 0;
-    // The window holds `window` present points: each missing one met on the
-    // way down moves its lower end one further.
-    int lowest = i - side.window;
-    for (int p = i; p >= 1 && p > lowest; --p) {
+    std::vector<int> hits(static_cast<std::size_t>(m_series.Size()) + 1, 0);
+    for (int p = 1; p <= m_series.Size(); ++p) {
         const float v = x[p];
-        if (IsMisVal(v)) {
-            --lowest;
+        if (IsMisVal(v))
             continue;
-        }
+        int met = 0;
         for (const Side::Test& test : side.tests) {
-            bool met = false;
             switch (test.type) {
             case Above:
-                met = v > test.limit;
+                met += v > test.limit ? 1 : 0;
                 break;
             case Below:
-                met = v < test.limit;
+                met += v < test.limit ? 1 : 0;
                 break;
             case Between:
-                met = test.multiple > 0 ? (centre < v && v < test.limit)
-                                        : test.multiple < 0 && (test.limit < v && v < centre);
+                met += (test.multiple > 0 ? (centre < v && v < test.limit)
+                                          : test.multiple < 0 && (test.limit < v && v < centre))
+                           ? 1
+                           : 0;
                 break;
             default:
                 break;
             }
-            if (met) {
-                ++count;
-                flagged.push_back(p - 1);
-            }
         }
+        hits[static_cast<std::size_t>(p)] = met;
     }
-    if (count < side.count)
-        flagged.resize(first);
+    return hits;
+}
+
+// The window ending at a present point i holds the `window` present points
+// up to i (missing ones do not use it up), or as many as the series has.
+// With the present points numbered 1, 2, ... and the hits summed along them,
+// a window's count is one difference, so judging every end point is linear
+// in the series; only a window that qualifies is walked, to flag its points.
+//
+// The queries want each (point, rule) pair once, so a window's points that
+// an earlier window of the same side flagged already (`done`, a rank) are
+// not walked again; every point is then walked at most once per side.
+void WesternElectricRules::Validate(const Side& side, const std::vector<int>& hits, const Presence& present, int i,
+                                    int& done, std::vector<int>& flagged) const
+{
+    const int k = present.rank[static_cast<std::size_t>(i)];
+    if (k == 0 || present.position[static_cast<std::size_t>(k)] != i)
+        return; // the end point is missing
+    const int lowest = std::max(0, k - side.window);
+    if (present.hits[static_cast<std::size_t>(k)] - present.hits[static_cast<std::size_t>(lowest)] < side.count)
+        return;
+    for (int q = std::max(lowest, done) + 1; q <= k; ++q) {
+        const int p = present.position[static_cast<std::size_t>(q)];
+        if (hits[static_cast<std::size_t>(p)] > 0)
+            flagged.push_back(p - 1);
+    }
+    done = k;
 }
 
 template <class Visit>
 void WesternElectricRules::ForEachFlag(Visit visit) const
 {
     const std::vector<std::vector<Side>> sides = Sides();
+    const int n = m_series.Size();
+    Presence present;
+    present.rank.assign(static_cast<std::size_t>(n) + 1, 0);
+    present.position.assign(1, 0);
+    for (int p = 1, k = 0; p <= n; ++p) {
+        if (!IsMisVal(m_series[p])) {
+            ++k;
+            present.position.push_back(p);
+        }
+        present.rank[static_cast<std::size_t>(p)] = k;
+    }
     std::vector<int> flagged;
-    for (int i = 1; i <= m_series.Size(); ++i)
-        for (std::size_t r = 0; r < sides.size(); ++r) {
-            flagged.clear();
-            for (const Side& side : sides[r])
-                Validate(side, i, flagged);
-            for (const int p : flagged)
-                visit(p, r);
+    for (std::size_t r = 0; r < sides.size(); ++r)
+        for (const Side& side : sides[r]) {
+            const std::vector<int> hits = Hits(side);
+            present.hits.assign(present.position.size(), 0);
+            for (std::size_t q = 1; q < present.position.size(); ++q)
+                present.hits[q] = present.hits[q - 1] + hits[static_cast<std::size_t>(present.position[q])];
+            int done = 0;
+            for (int i = 1; i <= n; ++i) {
+                flagged.clear();
+                Validate(side, hits, present, i, done, flagged);
+                for (const int p : flagged)
+                    visit(p, r);
+            }
         }
 }
 

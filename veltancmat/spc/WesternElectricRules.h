@@ -64,11 +64,20 @@ public:
 
 private:
     struct Side;
+    // The present points numbered along the series: rank[p] present points
+    // up to p, position[k] the k-th of them, hits[k] the conditions met by
+    // the first k (for one side).
+    struct Presence {
+        std::vector<int> rank, position, hits;
+    };
     // Every rule as the sides it is judged by, with their limits.
     std::vector<std::vector<Side>> Sides() const;
+    std::vector<int> Hits(const Side& side) const;
     // The points that rule side `side` flags in the window ending at point
-    // i (1-based), appended to `flagged` (0-based); nothing when too few.
-    void Validate(const Side& side, int i, std::vector<int>& flagged) const;
+    // i (1-based), appended to `flagged` (0-based) unless a window ending
+    // earlier flagged them (present ranks up to `done`); nothing when too few.
+    void Validate(const Side& side, const std::vector<int>& hits, const Presence& present, int i, int& done,
+                  std::vector<int>& flagged) const;
     template <class Visit>
     void ForEachFlag(Visit visit) const;
 
