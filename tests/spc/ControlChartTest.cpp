@@ -414,3 +414,30 @@ TEST(ControlChart, EstimatedLambdaOnALongSeries)
     }
     EXPECT_NEAR(EstimatedLambda(x, true), best, 0.001);
 }
+
+// Without a subgroup of two values there is no S-bar, and without a value
+// no R-bar (one value has a range of 0): no limit then.
+TEST(ControlChart, UnknownSpreadLeavesLimitsUnknown)
+{
+    for (Type type : {ControlChartEnum::MeanRange, ControlChartEnum::MeanStdDev}) {
+        ControlChart chart = Chart(type, type == ControlChartEnum::MeanRange ? Vec({M, M, M, M}) : Vec({4, M, 4, M}), 2);
+        EXPECT_EQ(type == ControlChartEnum::MeanRange ? chart.GetRangeMean() : chart.GetStdDevMean(), -99.0);
+        for (double limit : {chart.GetMeanUCL(), chart.GetMeanLCL(), chart.GetStdDevProcess()})
+            EXPECT_EQ(limit, -99.0) << type;
+        chart.SetTarget(5.0);
+        EXPECT_EQ(chart.GetMeanUCL(), -99.0) << type;
+        chart.SetStdDevSubgroup(1.0);
+        EXPECT_NE(chart.GetMeanUCL(), -99.0) << type;
+    }
+    // 20 times in steps of 5: groups of 5, but a subgroup size of 15/4.
+    NCDataVector<float> times(20), values(20);
+    for (int i = 1; i <= 20; ++i) {
+        times(i, static_cast<float>(i - 1));
+        values(i, static_cast<float>(i % 3));
+    }
+    double largest = 0.0;
+    EXPECT_DOUBLE_EQ(ControlChart::SubGroupRangeSize(times, 5.0f, largest), 15.0 / 4.0);
+    EXPECT_EQ(ControlChart(ControlChartEnum::MeanRange, values, times, 5.0f, ControlChartEnum::EWMANone)
+                  .GetSubGroupSize(),
+              4);
+}

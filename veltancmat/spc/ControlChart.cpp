@@ -294,10 +294,16 @@ void ControlChart::FinishConstruction(bool bySize)
 
 // ------------------------------------------------------------ limits
 
+// An unknown R-bar (or S-bar below), as when no subgroup has two values,
+// leaves every limit built on it unknown rather than computed from -99.
 void ControlChart::SetMeanRangeValues(double rangeMean)
 {
     const std::size_t n = Size(m_n);
     m_rangeMean = rangeMean;
+    if (IsUnset(rangeMean)) {
+        m_meanUCL = m_meanLCL = m_rangeUCL = m_rangeLCL = m_stdDevProcess = Unset;
+        return;
+    }
     m_meanUCL = m_target + TableA2(n) * rangeMean;
     m_meanLCL = m_target - TableA2(n) * rangeMean;
     m_rangeUCL = GetD4(n) * rangeMean;
@@ -309,6 +315,10 @@ void ControlChart::SetStdDevValues(double stdDevMean)
 {
     const std::size_t n = Size(m_n);
     m_stdDevMean = stdDevMean;
+    if (IsUnset(stdDevMean)) {
+        m_meanUCL = m_meanLCL = m_stdDevUCL = m_stdDevLCL = m_stdDevProcess = Unset;
+        return;
+    }
     m_stdDevUCL = TableB4(n) * stdDevMean;
     m_stdDevLCL = TableB3(n) * stdDevMean;
     m_meanUCL = m_target + TableA3(n) * stdDevMean;
@@ -331,12 +341,16 @@ void ControlChart::SetTarget(double target)
     const std::size_t n = Size(m_n);
     switch (m_type) {
     case ControlChartEnum::MeanRange:
-        m_meanUCL = target + TableA2(n) * m_rangeMean;
-        m_meanLCL = target - TableA2(n) * m_rangeMean;
+        if (!IsUnset(m_rangeMean)) {
+            m_meanUCL = target + TableA2(n) * m_rangeMean;
+            m_meanLCL = target - TableA2(n) * m_rangeMean;
+        }
         break;
     case ControlChartEnum::MeanStdDev:
-        m_meanUCL = target + TableA3(n) * m_stdDevMean;
-        m_meanLCL = target - TableA3(n) * m_stdDevMean;
+        if (!IsUnset(m_stdDevMean)) {
+            m_meanUCL = target + TableA3(n) * m_stdDevMean;
+            m_meanLCL = target - TableA3(n) * m_stdDevMean;
+        }
         break;
     case ControlChartEnum::CuSum:
         m_devFromTarget.Clear();

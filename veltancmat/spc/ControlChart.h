@@ -29,7 +29,7 @@ public:
     ControlChart(ControlType type, const NCDataVector<float>& data, int subgroupSize, EWMAType ewmaType);
     // Subgroups are intervals of `interval` along `times` (negative for a
     // descending axis), starting at the first present time; the subgroup
-    // size is the rounded average group size (see SubGroupRangeSize).
+    // size is SubGroupRangeSize rounded.
     ControlChart(ControlType type, const NCDataVector<float>& data, const NCDataVector<float>& times, float interval,
                  EWMAType ewmaType);
     ControlChart(const ControlChart& other);
@@ -103,8 +103,11 @@ public:
     static double GetD4(std::size_t n);
     static double GetA2(std::size_t n);
     static double GetA3(std::size_t n);
-    // The average number of present times per interval group, and in
-    // maxSize the largest (both 0 when there is none).
+    // The number of present times per interval group: the total over the
+    // groups closed before the walk's end divided by every non-empty group,
+    // the last one included (deliberately, so the average runs short), and
+    // in maxSize the largest of those closed before the end (both 0 when
+    // there is none).
     static double SubGroupRangeSize(const NCDataVector<float>& times, float interval, double& maxSize);
 
 private:
