@@ -55,8 +55,8 @@ SharedHistogram ShareBins(const DataTable& table, const std::vector<std::string>
     h.counts = FrequencyHistogram::MakeMultiHistogram(stacked.data(), static_cast<int>(longest) * k, k, h.centres,
                                                       h.start, h.width);
     if (h.counts.size() != series.size() || h.centres.empty())
-        throw ToolError(table.source + ": " + Plural(total, "value") + " in " + Plural(k, "column") +
-                        " are too few to choose bins (at least one per column is needed)");
+        throw ToolError(table.source + ": too few values to choose bins: " + std::to_string(total) + " in " +
+                        Plural(k, "column") + " (at least one per column is needed)");
     return h;
 }
 
