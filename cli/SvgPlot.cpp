@@ -102,6 +102,14 @@ double BarHalfWidth(const PlotSeries& s)
     return std::isfinite(gap) ? gap * 0.4 : 0.5;
 }
 
+// The fill opacity and outline of see-through bars; nothing for solid ones.
+std::string BarStyle(const PlotSeries& s, const std::string& colour)
+{
+    if (!(s.opacity < 1.0))
+        return "";
+    return " fill-opacity=\"" + Fixed(std::max(0.0, s.opacity)) + "\" stroke=\"" + colour + "\" stroke-width=\"1\"";
+}
+
 void DataRanges(const PlotPanel& panel, Range& x, Range& y)
 {
     for (const PlotSeries& s : panel.series) {
@@ -204,14 +212,6 @@ void PointBoxes(const PlotSeries& s, const Axis& x, const Axis& y, std::vector<B
             const double px = x(s.x[i]), py = y(s.y[i]);
             taken.push_back({px - 2.5, py - 2.5, px + 2.5, py + 2.5});
         }
-}
-
-// The fill opacity and outline of see-through bars; nothing for solid ones.
-std::string BarStyle(const PlotSeries& s, const std::string& colour)
-{
-    if (!(s.opacity < 1.0))
-        return "";
-    return " fill-opacity=\"" + Fixed(std::max(0.0, s.opacity)) + "\" stroke=\"" + colour + "\" stroke-width=\"1\"";
 }
 
 void Series(std::ostream& out, const PlotSeries& s, const char* colour, const Axis& x, const Axis& y)
