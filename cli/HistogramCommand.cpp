@@ -67,9 +67,12 @@ std::string Count(double v) { return Figure(v, 12, "0"); }
 void PrintReport(std::ostream& out, const SharedHistogram& h)
 {
     const std::size_t bins = h.centres.size();
-    out << "Histogram of " << h.source << ": " << (h.columns.size() == 1 ? "\"" + h.columns[0] + "\", " : "")
-        << Plural(static_cast<int>(h.columns.size()), "column") << (h.columns.size() == 1 ? " in " : " sharing ")
-        << Plural(static_cast<int>(bins), "bin") << " of width " << Figure(Clean(h.width), 8) << " from "
+    if (h.columns.size() == 1)
+        out << "Histogram of \"" << h.columns[0] << "\" in " << h.source << ": ";
+    else
+        out << "Histogram of " << h.source << ": " << Plural(static_cast<int>(h.columns.size()), "column")
+            << " sharing ";
+    out << Plural(static_cast<int>(bins), "bin") << " of width " << Figure(Clean(h.width), 8) << " from "
         << Figure(From(h, 0), 8) << "\n\n";
     std::vector<std::size_t> widths;
     out << " Bin      Centre        From          To";

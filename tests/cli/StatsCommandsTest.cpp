@@ -283,6 +283,12 @@ TEST(VeltanHistogram, SharedBinsForTwoColumns)
     const RunResult r = Veltan(dir, {"histogram", dir.File("d.csv"), "--column", "a", "--column", "b"});
     EXPECT_THAT(r.out, HasSubstr("2 columns sharing 3 bins of width 3.5 from 1\n"));
     EXPECT_THAT(r.out, HasSubstr("\n   2        6.25         4.5           8       2       0\n"));
+    // One column alone gets bins of its own: width 5 / sqrt(5) = 2.24, rounded
+    // down to 2, so [1, 3), [3, 5) and [5, 7) with two values each.
+    const RunResult alone = Veltan(dir, {"histogram", dir.File("d.csv"), "--column", "a"});
+    EXPECT_THAT(alone.out, testing::StartsWith("Histogram of \"a\" in " + dir.File("d.csv") +
+                                               ": 3 bins of width 2 from 1\n"));
+    EXPECT_THAT(alone.out, HasSubstr("\n   3           6           5           7       2\n"));
 }
 
 // The capability plot: bars of the bin width, the fitted normal curve in
