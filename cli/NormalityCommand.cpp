@@ -103,8 +103,8 @@ std::string WFigure(double w)
 
 void PrintReport(std::ostream& out, const DataTable& table, const std::vector<NormalityResult>& results)
 {
-    out << "Shapiro-Wilk test of normality: " << table.source << ", " << Plural(static_cast<int>(results.size()), "column")
-        << "\n\n";
+    out << "Shapiro-Wilk test of normality: " << table.source << ", "
+        << Plural(static_cast<int>(results.size()), "column") << "\n\n";
     std::size_t width = 6;
     for (const NormalityResult& r : results)
         width = std::max(width, r.column.size());
@@ -140,7 +140,8 @@ std::string NormalityJson(const DataTable& table, const std::vector<NormalityRes
         c["w"] = JsonFigure(r.w);
         c["p"] = JsonFigure(r.p);
         c["fault"] = r.fault < 0 ? StatsJson(nullptr) : StatsJson(r.fault);
-        c["note"] = r.message.empty() ? (r.note.empty() ? StatsJson(nullptr) : StatsJson(r.note)) : StatsJson(r.message);
+        const std::string& note = r.message.empty() ? r.note : r.message;
+        c["note"] = note.empty() ? StatsJson(nullptr) : StatsJson(note);
         columns.push_back(c);
     }
     doc["columns"] = columns;

@@ -53,7 +53,6 @@ ColumnValues ColumnOf(const DataTable& table, int variable)
         column.problem = table.Where(first->observation, variable) + ": " + first->problem;
         if (more > 0)
             column.problem += " (and " + Plural(more, "more cell") + " in this column)";
-        return column;
     }
     column.values.reserve(static_cast<std::size_t>(table.Observations()));
     for (int i = 1; i <= table.Observations(); ++i) {

@@ -34,8 +34,8 @@ bool TextColumn(const DataTable& table, int variable);
 struct ColumnValues {
     std::string name;
     int variable = 0;
-    std::vector<double> values;
-    std::string problem; // the one-line message ("" when usable): file, row, column and cell
+    std::vector<double> values; // the numbers, also of a column with a problem
+    std::string problem;        // the one-line message ("" when usable): file, row, column and cell
 };
 ColumnValues ColumnOf(const DataTable& table, int variable);
 

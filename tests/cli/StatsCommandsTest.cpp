@@ -105,6 +105,7 @@ TEST(VeltanNormality, FaultsInWords)
     EXPECT_EQ(doc["columns"][2]["fault"], 1);
     EXPECT_TRUE(doc["columns"][3]["fault"].is_null()); // never reached the test
     EXPECT_THAT(doc["columns"][3]["note"].get<std::string>(), HasSubstr("\"x3\" is not a number"));
+    EXPECT_EQ(doc["columns"][3]["n"], 4); // the numbers it does hold
 
     // Nothing testable: the one reason, or the first of several.
     ExpectRefusal(dir, {"normality", "{d}d.csv", "--column", "flat", "--out", "{d}o.csv"},
@@ -382,7 +383,8 @@ TEST(VeltanStats, TextCellsKeptWhereAsked)
     EXPECT_EQ(table.textCells[0].observation, 1);
     EXPECT_EQ(table.textCells[0].variable, 2);
     EXPECT_EQ(table.textCells[0].problem, "\"x\" is not a number");
-    EXPECT_EQ(table.Where(table.textCells[1].observation, table.textCells[1].variable), "t.csv: row 3, column 2 (\"a\")");
+    EXPECT_EQ(table.Where(table.textCells[1].observation, table.textCells[1].variable),
+              "t.csv: row 3, column 2 (\"a\")");
     EXPECT_EQ(table.values[2][1], -99.0f);
     EXPECT_EQ(table.values[3][2], 4.0f);
 }
