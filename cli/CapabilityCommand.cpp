@@ -142,8 +142,11 @@ std::vector<CapabilityFigure> CapabilityFigures(const CapabilityStudy& study)
         {"cpl", "Cpl", r.cpl, Why(r.cpl, LimitsReason(study, true, false))},
         {"cpm", "Cpm", r.cpm, Why(r.cpm, cpm)},
         {"ppm_observed", "PPM observed", r.observedPPM, Why(r.observedPPM, noLimit)},
-        {"ppm_expected", "PPM expected (normal)", r.expectedPPM,
-         Why(r.expectedPPM, limit ? LimitsReason(study, false, false) : noLimit)},
+        // The library's expected PPM without a limit is 0 (no tail is
+        // outside nothing); the observed one is not computed then, and the
+        // two are shown alike.
+        {"ppm_expected", "PPM expected (normal)", limit ? r.expectedPPM : -99.0,
+         limit ? Why(r.expectedPPM, LimitsReason(study, false, false)) : noLimit},
         {"w", "Shapiro-Wilk W", r.w, Why(r.w, w)},
         {"p", "Shapiro-Wilk p", r.normalityP, Why(r.normalityP, w)},
     };

@@ -203,6 +203,7 @@ TEST(VeltanCapability, OneLimitAndReversedLimits)
     const RunResult bare = Veltan(dir, {"capability", dir.File("d.csv"), "--column", "x"});
     EXPECT_EQ(LineOf(bare.out, "Cpk"), "Cpk                    not computed (needs --lsl or --usl)");
     EXPECT_EQ(LineOf(bare.out, "PPM observed"), "PPM observed           not computed (needs --lsl or --usl)");
+    EXPECT_EQ(LineOf(bare.out, "PPM expected"), "PPM expected (normal)  not computed (needs --lsl or --usl)");
     EXPECT_THAT(bare.out, Not(testing::ContainsRegex("nan|inf|-99")));
 
     doc = RunJson(dir, {"capability", dir.File("d.csv"), "--column", "x", "--lsl", "13", "--usl", "8.5", "--target",
