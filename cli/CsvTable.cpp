@@ -28,7 +28,10 @@ std::string Quoted(const std::string& name) { return "\"" + name + "\""; }
 // quoted field does not.
 class TableBuilder {
 public:
-    TableBuilder(const std::string& source, NamesColumn names) : m_names(names) { m_table.source = source; }
+    TableBuilder(const std::string& source, NamesColumn names, bool keepText) : m_names(names), m_keepText(keepText)
+    {
+        m_table.source = source;
+    }
 
     // Exceptions must not unwind through libcsv's C frames: the callbacks
     // keep the first error and ignore the rest of the input.
@@ -112,10 +115,18 @@ private:
         const std::size_t first = m_table.hasNames ? 1 : 0;
         for (std::size_t c = first; c < m_fields.size(); ++c) {
             float v = NCMisVal<float>;
+            std::string problem;
             if (!ParseCell(m_fields[c], v))
-                throw ToolError(CellMessage(c, "\"" + m_fields[c] + "\" is not a number"));
-            if (!IsMisVal(v) && std::fabs(v) > std::numeric_limits<float>::max())
-                throw ToolError(CellMessage(c, "\"" + m_fields[c] + "\" is beyond the range of a float"));
+                problem = "\"" + m_fields[c] + "\" is not a number";
+            else if (!IsMisVal(v) && std::fabs(v) > std::numeric_limits<float>::max())
+                problem = "\"" + m_fields[c] + "\" is beyond the range of a float";
+            if (!problem.empty() && !m_keepText)
+                throw ToolError(CellMessage(c, problem));
+            if (!problem.empty()) {
+                v = NCMisVal<float>;
+                m_table.textCells.push_back({static_cast<int>(m_table.observations.size()) + 1,
+                                             static_cast<int>(c - first) + 1, std::move(problem)});
+            }
             m_cells.push_back(v);
         }
         const int index = static_cast<int>(m_table.observations.size()) + 1;
@@ -156,6 +167,7 @@ private:
 
     DataTable m_table;
     NamesColumn m_names;
+    bool m_keepText;
     std::vector<std::string> m_header;
     std::vector<std::string> m_fields;
     std::vector<float> m_cells;
@@ -259,7 +271,7 @@ bool ParseCell(std::string_view cell, float& value)
     return true;
 }
 
-DataTable ParseCsvTable(std::string_view text, const std::string& source, NamesColumn names)
+DataTable ParseCsvTable(std::string_view text, const std::string& source, NamesColumn names, bool keepText)
 {
     if (text.size() >= 3 && std::memcmp(text.data(), "\xEF\xBB\xBF", 3) == 0)
         text.remove_prefix(3);
@@ -268,7 +280,7 @@ DataTable ParseCsvTable(std::string_view text, const std::string& source, NamesC
         delete parser.release();
         throw ToolError(source + ": out of memory");
     }
-    TableBuilder builder(source, names);
+    TableBuilder builder(source, names, keepText);
     auto fail = [&](const char* what) {
         if (!builder.Error().empty())
             throw ToolError(builder.Error());
@@ -287,7 +299,7 @@ DataTable ParseCsvTable(std::string_view text, const std::string& source, NamesC
     return builder.Finish();
 }
 
-DataTable ReadCsvTable(const std::string& path, NamesColumn names)
+DataTable ReadCsvTable(const std::string& path, NamesColumn names, bool keepText)
 {
     std::error_code ec;
     if (std::filesystem::is_directory(path, ec))
@@ -301,7 +313,7 @@ DataTable ReadCsvTable(const std::string& path, NamesColumn names)
     content << in.rdbuf();
     if (in.bad())
         throw ToolError(path + ": read error");
-    return ParseCsvTable(content.view(), path, names);
+    return ParseCsvTable(content.view(), path, names, keepText);
 }
 
 } // namespace veltan_cli

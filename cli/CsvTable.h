@@ -15,6 +15,14 @@ enum class NamesColumn {
     None,  // never: every column is a variable
 };
 
+// A cell that held no number where one belongs. Only a reading that keeps
+// text (see ParseCsvTable) collects them; the cell itself reads as missing.
+struct TextCell {
+    int observation = 0; // 1-based, as in DataTable
+    int variable = 0;    // 1-based
+    std::string problem; // "\"abc\" is not a number"
+};
+
 // A numeric table read from CSV: a header row of variable names, then one
 // row per observation. Rows and columns in messages are counted as a
 // spreadsheet shows the file: the header is row 1, the first cell column 1.
@@ -29,6 +37,7 @@ struct DataTable {
     // empty when the variables follow one another as in the file.
     std::vector<int> fileColumns;
     NCDataMatrix<float> values;            // N x K, missing cells -99
+    std::vector<TextCell> textCells;       // in file order; empty unless text was kept
 
     int Observations() const { return values.SizeRows(); }
     int Variables() const { return values.SizeColumns(); }
@@ -54,11 +63,15 @@ DataTable SelectVariables(const DataTable& table, const std::vector<int>& variab
 // ignored. Empty cells, "NA" and any value equal to -99 are missing. Throws
 // ToolError naming the source, row and column for a ragged row, a cell
 // that is not a number, a value beyond the float range or an empty table.
-DataTable ParseCsvTable(std::string_view text, const std::string& source, NamesColumn names = NamesColumn::Auto);
+// With keepText, a cell that is not a number (or beyond the float range)
+// is read as missing and listed in textCells instead: commands that look at
+// one column at a time decide per column what such a cell means.
+DataTable ParseCsvTable(std::string_view text, const std::string& source, NamesColumn names = NamesColumn::Auto,
+                        bool keepText = false);
 
 // Reads and parses a file; a file that cannot be opened or read throws
 // ToolError with the system's reason.
-DataTable ReadCsvTable(const std::string& path, NamesColumn names = NamesColumn::Auto);
+DataTable ReadCsvTable(const std::string& path, NamesColumn names = NamesColumn::Auto, bool keepText = false);
 
 // The value of one cell, or false when it is not a finite number; missing
 // markers give -99.

@@ -91,9 +91,12 @@ struct Range {
     bool Empty() const { return low > high; }
 };
 
-// Half the gap between neighbouring bars, or 0.5 for a single one.
+// Half the width the series asks for, else half the gap between
+// neighbouring bars, or 0.5 for a single one.
 double BarHalfWidth(const PlotSeries& s)
 {
+    if (s.barWidth > 0.0)
+        return s.barWidth / 2.0;
     std::vector<double> xs;
     for (const double x : s.x)
         if (std::isfinite(x))
@@ -104,6 +107,14 @@ double BarHalfWidth(const PlotSeries& s)
         if (xs[i] > xs[i - 1])
             gap = std::min(gap, xs[i] - xs[i - 1]);
     return std::isfinite(gap) ? gap * 0.4 : 0.5;
+}
+
+// The fill opacity and outline of see-through bars; nothing for solid ones.
+std::string BarStyle(const PlotSeries& s, const std::string& colour)
+{
+    if (!(s.opacity < 1.0))
+        return "";
+    return " fill-opacity=\"" + Fixed(std::max(0.0, s.opacity)) + "\" stroke=\"" + colour + "\" stroke-width=\"1\"";
 }
 
 void DataRanges(const PlotPanel& panel, Range& x, Range& y)
@@ -126,6 +137,9 @@ void DataRanges(const PlotPanel& panel, Range& x, Range& y)
                 y.Add(0.0);
         }
     }
+    for (const PlotSeries& s : panel.series)
+        if (s.guide && !s.x.empty())
+            x.Add(s.x[0]);
     if (panel.sameScales) {
         x.Add(y);
         y = x;
@@ -266,7 +280,8 @@ void Series(std::ostream& out, const PlotSeries& s, const std::string& colour, c
         const double left = x(s.x[i] - half), right = x(s.x[i] + half);
         const double top = std::min(y(s.y[i]), y(0.0)), bottom = std::max(y(s.y[i]), y(0.0));
         out << "<rect class=\"bar\" x=\"" << Fixed(left) << "\" y=\"" << Fixed(top) << "\" width=\""
-            << Fixed(right - left) << "\" height=\"" << Fixed(bottom - top) << "\" fill=\"" << colour << "\"/>\n";
+            << Fixed(right - left) << "\" height=\"" << Fixed(bottom - top) << "\" fill=\"" << colour << "\""
+            << BarStyle(s, colour) << "/>\n";
     }
 }
 
@@ -293,6 +308,29 @@ void ZeroLines(std::ostream& out, const Axis& x, const Axis& y, const Box& area)
         Line(out, x(0.0), area.top, x(0.0), area.bottom, dashed);
     if (y.ticks.low < 0.0 && y.ticks.high > 0.0)
         Line(out, area.left, y(0.0), area.right, y(0.0), dashed);
+}
+
+// The guides over the data, each captioned just above the panel; a caption
+// that would run into the one before it moves right.
+void Guides(std::ostream& out, const PlotPanel& panel, const Axis& x, const Box& area)
+{
+    std::vector<std::pair<double, std::string>> guides;
+    for (const PlotSeries& s : panel.series)
+        if (s.guide && !s.x.empty() && std::isfinite(s.x[0]))
+            guides.emplace_back(x(s.x[0]), s.labels.empty() ? std::string() : s.labels[0]);
+    std::sort(guides.begin(), guides.end());
+    constexpr double Size = 10.5;
+    double free = -std::numeric_limits<double>::infinity();
+    for (const auto& [px, caption] : guides) {
+        Line(out, px, area.top, px, area.bottom,
+             "class=\"guide\" stroke=\"#8b1a1a\" stroke-width=\"1.3\" stroke-dasharray=\"6 3\"");
+        if (caption.empty())
+            continue;
+        const double width = TextWidth(caption, Size);
+        const double left = std::max(px - width / 2.0, free + 4.0);
+        Text(out, left, area.top - 4.0, Size, "class=\"guide-label\" fill=\"#8b1a1a\"", caption);
+        free = left + width;
+    }
 }
 
 void Legend(std::ostream& out, const PlotPanel& panel, const Box& area)
@@ -400,6 +438,7 @@ void Panel(std::ostream& out, const PlotPanel& panel, double originX, double ori
     for (const PlotSeries& s : panel.series)
         if (s.kind == PlotSeries::Kind::Points)
             PointLabels(out, s, x, y, area, taken);
+    Guides(out, panel, x, area);
     Legend(out, panel, area);
     out << "</g>\n";
 }

@@ -44,6 +44,16 @@ struct PlotSeries {
     std::vector<bool> flagged{};
     std::string colour{}; // "" takes the palette's colour of the series' place
     bool dashed = false;  // lines and levels
+    // Bars: each one's width in data units (a histogram's bin width) or 0
+    // for 80 % of the gap between neighbours; and the opacity of their fill
+    // (below 1, overlaid histograms show through each other and each bar
+    // keeps an outline).
+    double barWidth = 0.0;
+    double opacity = 1.0;
+    // A guide: a dashed vertical line at x[0] across the whole panel, such
+    // as a specification limit, captioned above the panel by labels[0]; it
+    // has no y, no mark and no legend entry, and widens the x axis to show.
+    bool guide = false;
 };
 
 struct PlotPanel {

@@ -1,0 +1,111 @@
+#include "cli/StatsColumns.h"
+
+#include "cli/Report.h"
+#include "cli/ToolError.h"
+
+#include "veltancmat/containers/frame/MissingValue.h"
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+
+namespace veltan_cli {
+
+DataTable ReadStatsTable(const std::string& path, NamesColumn names) { return ReadCsvTable(path, names, true); }
+
+int ColumnNamed(const DataTable& table, const std::string& name, const std::string& option)
+{
+    const int j = table.Find(name);
+    if (j == 0)
+        throw ToolError(option + ": " + table.source + " has no column \"" + name + "\"", ExitUsage);
+    return j;
+}
+
+bool TextColumn(const DataTable& table, int variable)
+{
+    bool text = false;
+    for (const TextCell& cell : table.textCells)
+        text = text || cell.variable == variable;
+    if (!text)
+        return false;
+    for (int i = 1; i <= table.Observations(); ++i)
+        if (!IsMisVal(table.values[i][variable]))
+            return false;
+    return true;
+}
+
+ColumnValues ColumnOf(const DataTable& table, int variable)
+{
+    ColumnValues column;
+    column.variable = variable;
+    column.name = table.variables[static_cast<std::size_t>(variable - 1)];
+    const TextCell* first = nullptr;
+    int more = 0;
+    for (const TextCell& cell : table.textCells) {
+        if (cell.variable != variable)
+            continue;
+        if (first)
+            ++more;
+        else
+            first = &cell;
+    }
+    if (first) {
+        column.problem = table.Where(first->observation, variable) + ": " + first->problem;
+        if (more > 0)
+            column.problem += " (and " + Plural(more, "more cell") + " in this column)";
+    }
+    column.values.reserve(static_cast<std::size_t>(table.Observations()));
+    for (int i = 1; i <= table.Observations(); ++i) {
+        const float v = table.values[i][variable];
+        if (!IsMisVal(v))
+            column.values.push_back(v);
+    }
+    return column;
+}
+
+double OptionNumber(const std::string& option, const std::string& text)
+{
+    double value = 0.0;
+    const char* begin = text.data() + (text.size() > 1 && text[0] == '+' ? 1 : 0);
+    const char* end = text.data() + text.size();
+    const auto [ptr, ec] = std::from_chars(begin, end, value);
+    if (text.empty() || ptr != end || ec != std::errc() || !std::isfinite(value))
+        throw ToolError(option + ": \"" + text + "\" is not a number", ExitUsage);
+    if (IsMisVal(value))
+        throw ToolError(option + ": -99 marks a value as missing and cannot be given here", ExitUsage);
+    return value;
+}
+
+bool Computed(double v) { return std::isfinite(v) && !IsMisVal(v); }
+
+std::string Figure(double v, int digits, const std::string& absent)
+{
+    if (!Computed(v))
+        return absent;
+    char text[48];
+    std::snprintf(text, sizeof text, "%.*g", digits, v == 0.0 ? 0.0 : v); // no "-0"
+    return text;
+}
+
+StatsJson JsonFigure(double v) { return Computed(v) ? StatsJson(v) : StatsJson(nullptr); }
+
+std::string FinishStatsJson(StatsJson& doc, const std::vector<WrittenFile>& files)
+{
+    StatsJson list = StatsJson::object();
+    for (const WrittenFile& file : files)
+        list[file.key] = file.path;
+    doc["files"] = list;
+    return doc.dump(2, ' ', false, StatsJson::error_handler_t::replace);
+}
+
+std::string PadRight(const std::string& text, std::size_t width)
+{
+    return text.size() >= width ? text : text + std::string(width - text.size(), ' ');
+}
+
+std::string PadLeft(const std::string& text, std::size_t width)
+{
+    return text.size() >= width ? text : std::string(width - text.size(), ' ') + text;
+}
+
+} // namespace veltan_cli

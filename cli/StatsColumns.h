@@ -1,0 +1,64 @@
+#pragma once
+
+#include "cli/CsvTable.h"
+#include "cli/RunSkeleton.h"
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+#include <vector>
+
+namespace veltan_cli {
+
+// What the statistics commands (normality, capability, histogram) share:
+// they look at one column at a time, so a column of text or a stray word in
+// one column spoils that column only, and the library's -99 for "not
+// computed" must never reach the user as a number.
+
+using StatsJson = nlohmann::ordered_json;
+
+// A table read with its text cells kept as missing values (see
+// ParseCsvTable's keepText).
+DataTable ReadStatsTable(const std::string& path, NamesColumn names);
+
+// The variable number of `name` in `table`; a usage error naming `option`
+// when there is none.
+int ColumnNamed(const DataTable& table, const std::string& name, const std::string& option);
+
+// Whether column `variable` has text cells and no number at all (a column
+// of labels, which a command skips unless it is named).
+bool TextColumn(const DataTable& table, int variable);
+
+// The present values of one column in file order, or why the column cannot
+// be used: a cell that is not a number makes the whole column suspect.
+struct ColumnValues {
+    std::string name;
+    int variable = 0;
+    std::vector<double> values; // the numbers, also of a column with a problem
+    std::string problem;        // the one-line message ("" when usable): file, row, column and cell
+};
+ColumnValues ColumnOf(const DataTable& table, int variable);
+
+// A number typed after `option` (--lsl 9.5). A usage error for text, for a
+// value that is not finite, and for -99, which the library reads as "not
+// given".
+double OptionNumber(const std::string& option, const std::string& text);
+
+// Whether the library computed a result: not its -99 and a finite number.
+bool Computed(double v);
+
+// A result for a report: `digits` significant digits, or `absent` when it
+// was not computed; never "nan", "inf" or "-99".
+std::string Figure(double v, int digits = 6, const std::string& absent = "-");
+
+// A result for a JSON document: null when it was not computed.
+StatsJson JsonFigure(double v);
+
+// The document's "files" and its text.
+std::string FinishStatsJson(StatsJson& doc, const std::vector<WrittenFile>& files);
+
+// "Var" padded to `width` on the right.
+std::string PadRight(const std::string& text, std::size_t width);
+std::string PadLeft(const std::string& text, std::size_t width);
+
+} // namespace veltan_cli
