@@ -7,8 +7,9 @@
 // and target: the indices Cp, Cpk, Cpu, Cpl and Cpm, the parts per million
 // outside the limits (observed, and expected for a normal distribution with
 // the data's mean and standard deviation) and a Shapiro-Wilk check of the
-// data. Everything is computed by the constructor; a result whose inputs
-// are missing stays -99, as does a limit, target or reference not given.
+// data (only for fewer than 5000 elements, missing ones counted). Everything
+// is computed by the constructor; a result whose inputs are missing stays
+// -99, as does a limit, target or reference not given.
 class VELTANCMAT_API CapabilityAnalysis {
 public:
     // All -99 until computed, in this order.

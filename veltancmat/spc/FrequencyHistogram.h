@@ -31,7 +31,8 @@ public:
     // bin, so a maximum on a boundary opens no empty bin.
     static int bindex(double x, double start, double width, int maxIndex);
     // k series of n / k values each, one after another at data[1..n]; one
-    // count vector per series (none when a series has no value).
+    // count vector per series (all zero for a series without values), and
+    // none at all when there are fewer present values than series.
     static std::vector<std::vector<double>> MakeMultiHistogram(double* data, int n, int k,
                                                                std::vector<double>& centres, double& start,
                                                                double& width);
