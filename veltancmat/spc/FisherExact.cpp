@@ -34,7 +34,27 @@ constexpr double NoChiSquare = -9876.0;
 constexpr int PastPathMultiplier = 30;
 // Half of the longest path's stack (one half per level of rows).
 constexpr int HalfStack = 200;
+// Past path lengths this far below a node's longest have their exponential
+// scaled by the longest's without losing precision (e^-600 is a normal
+// double).
+constexpr double ScaledRange = 600.0;
 constexpr double LogTwoPi = 1.83787706640934548356065947281;
+
+// Neumaier's compensated sum. The p-value adds up to hundreds of millions
+// of terms, whose rounding a plain sum would let grow to about 1e-10.
+class CompensatedSum {
+public:
+    void Add(double x)
+    {
+        const double t = m_sum + x;
+        m_error += std::abs(m_sum) >= std::abs(x) ? (m_sum - t) + x : (x - t) + m_sum;
+        m_sum = t;
+    }
+    double Value() const { return m_sum + m_error; }
+
+private:
+    double m_sum = 0.0, m_error = 0.0;
+};
 
 [[noreturn]] void Fail(const ExceptionMessage& detail)
 {
@@ -381,7 +401,7 @@ double Network::Run()
         obs += fact[ico[j]] - dd;
     }
     const double dro = LogMultinomial(nro, ntot, &iro[1], fact);
-    double pre = 0.0;
+    CompensatedSum pre;
     const bool maybeChiSquare = m_expect > 0.0;
 
     // The store.
@@ -431,6 +451,8 @@ double Network::Run()
     m_last = ldkey + 1;
 
     std::vector<int> idif(nro + 1, 0), irn(nro + 1, 0);
+    std::vector<double> pastLength, pastWeight;
+    std::vector<int> pastFrequency;
     int k = nco;
     bool haveNode = true;
     while (k >= 2) {
@@ -471,7 +493,27 @@ double Network::Run()
         for (int i = kb + 1; i <= nco; ++i)
             ntot += ico[i];
 
-        const Stage& read = m_stages[m_read];
+        // The node's past path lengths, read once for all its daughters, in
+        // their list's order (which decides how Put merges them). Most
+        // daughters sum many of them at once, so each keeps its exponential
+        // relative to the largest: a daughter then needs one exp, not one
+        // per length. Lengths far below the largest would underflow and
+        // take the exponential of their own.
+        {
+            const Stage& read = m_stages[m_read];
+            pastLength.clear();
+            pastFrequency.clear();
+            for (int ipn = read.head[ipo - 1]; ipn > 0; ipn = read.next[ipn]) {
+                pastLength.push_back(read.length[ipn]);
+                pastFrequency.push_back(read.frequency[ipn]);
+            }
+        }
+        const std::size_t pastCount = pastLength.size();
+        const double longestPast = *std::max_element(pastLength.begin(), pastLength.end());
+        pastWeight.resize(pastCount);
+        for (std::size_t i = 0; i < pastCount; ++i)
+            pastWeight[i] = static_cast<double>(pastFrequency[i]) * std::exp(pastLength[i] - longestPast);
+
         do {
             for (int i = 1; i <= nro; ++i)
                 irn[i] = iro[i] - idif[i];
@@ -517,9 +559,6 @@ double Network::Run()
             }
 
             bool psh = true;
-            int ipn = read.head[ipo - 1];
-            double pastp = read.length[ipn];
-            int ifreq = read.frequency[ipn];
 
             // The longest and shortest remaining paths bound which past
             // lengths lead only to tables at most as probable as the
@@ -569,30 +608,34 @@ double Network::Run()
                 obs3 = obs2;
             }
 
-            // Every past length of the node, in its list.
-            for (;;) {
+            // Every past length of the node: summed when every completion
+            // is at most as probable as the observed table, dropped when
+            // none is, approximated or passed on to the next stage otherwise.
+            double scaled = 0.0;
+            for (std::size_t i = 0; i < pastCount; ++i) {
+                const double pastp = pastLength[i];
                 if (pastp <= obs3) {
-                    pre += static_cast<double>(ifreq) * std::exp(pastp + drn);
+                    if (pastp >= longestPast - ScaledRange)
+                        scaled += pastWeight[i];
+                    else
+                        pre.Add(static_cast<double>(pastFrequency[i]) * std::exp(pastp + drn));
                 } else if (pastp < obs2) {
                     if (chisq) {
                         const double df = static_cast<double>((nro2 - 1) * (k1 - 1));
                         const double x = std::max(0.0, tmp + (pastp + drn) * 2.0) / 2.0;
                         const double pv = boost::math::gamma_q(df / 2.0, x);
-                        pre += static_cast<double>(ifreq) * std::exp(pastp + drn) * pv;
+                        pre.Add(static_cast<double>(pastFrequency[i]) * std::exp(pastp + drn) * pv);
                     } else {
-                        Put(pastp + ddf, kval, ifreq, psh);
+                        Put(pastp + ddf, kval, pastFrequency[i], psh);
                         psh = false;
                     }
                 }
-                ipn = read.next[ipn];
-                if (ipn <= 0)
-                    break;
-                pastp = read.length[ipn];
-                ifreq = read.frequency[ipn];
             }
+            if (scaled > 0.0)
+                pre.Add(std::exp(longestPast + drn) * scaled);
         } while (NextDaughter(kmax, &iro[0], &idif[0], kd, ks));
     }
-    return pre;
+    return pre.Value();
 }
 
 void Network::Put(double pastp, int kval, int ifreq, bool psh)
@@ -897,13 +940,15 @@ double Network::LongestPath(int nrow, const int* irowIn, int ncol, const int* ic
             for (int i = 1; i <= nco; ++i)
                 it[i] = std::max(ico[i] - lb[i], 0);
             std::sort(it + 1, it + nco + 1);
-            // Integer arithmetic of the published code, overflow wrapping.
-            auto wrap = [](std::int64_t x) { return static_cast<std::int32_t>(static_cast<std::uint32_t>(x)); };
-            int key = wrap(static_cast<std::int64_t>(it[1]) * kyy + it[2]);
-            for (int i = 3; i <= nco; ++i)
-                key = wrap(static_cast<std::int64_t>(it[i]) + static_cast<std::int64_t>(key) * kyy);
-            if (key < 0)
+            // The published code builds the key in 32-bit integers; past
+            // INT_MAX it would wrap, to a negative key or worse to another
+            // node's, so any overflow is the broken key.
+            std::int64_t wide = static_cast<std::int64_t>(it[1]) * kyy + it[2];
+            for (int i = 3; i <= nco && wide <= INT_MAX; ++i)
+                wide = it[i] + wide * kyy;
+            if (wide > INT_MAX || wide < 0)
                 throw NCInternalError("fexact", ExceptionMessage::translate("Negative key generated."));
+            const int key = static_cast<int>(wide);
             const int ipn = key % HalfStack + 1;
             int slot = -1;
             bool stored = false;
