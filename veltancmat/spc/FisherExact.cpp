@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdint>
 #include <memory>
+#include <numeric>
 #include <utility>
 #include <vector>
 
@@ -221,6 +222,75 @@ bool NextDaughter(int nrow, const int* imax, int* idif, int& k, int& ks)
         return true;
     }
 }
+
+// The past path lengths of one node with their frequencies, read once for
+// all its daughters. Most daughters sum the probabilities of many of them,
+// those up to a limit: sorted, with running sums of their exponentials
+// relative to the longest length, that takes a search and one exp, where
+// the published code takes one exp per length. Lengths far below the
+// longest, which would underflow so scaled, take their own exp.
+class PastLengths {
+public:
+    void Load(const double* length, const int* frequency, const int* next, int head)
+    {
+        m_length.clear();
+        m_frequency.clear();
+        for (int ipn = head; ipn > 0; ipn = next[ipn]) {
+            m_length.push_back(length[ipn]);
+            m_frequency.push_back(frequency[ipn]);
+        }
+        const std::size_t n = m_length.size();
+        m_order.resize(n);
+        std::iota(m_order.begin(), m_order.end(), std::size_t{0});
+        std::sort(m_order.begin(), m_order.end(),
+                  [this](std::size_t a, std::size_t b) { return m_length[a] < m_length[b]; });
+        m_sorted.resize(n);
+        for (std::size_t j = 0; j < n; ++j)
+            m_sorted[j] = m_length[m_order[j]];
+        m_longest = n > 0 ? m_sorted[n - 1] : 0.0;
+        m_unscaled = static_cast<std::size_t>(
+            std::lower_bound(m_sorted.begin(), m_sorted.end(), m_longest - ScaledRange) - m_sorted.begin());
+        m_running.assign(n + 1, 0.0);
+        for (std::size_t j = 0; j < n; ++j) {
+            const std::size_t i = m_order[j];
+            const double weight = j < m_unscaled ? 0.0 : m_frequency[i] * std::exp(m_length[i] - m_longest);
+            m_running[j + 1] = m_running[j] + weight;
+        }
+    }
+
+    std::size_t Size() const { return m_length.size(); }
+    double Length(std::size_t i) const { return m_length[i]; }
+    int Frequency(std::size_t i) const { return m_frequency[i]; }
+
+    // The sum of frequency x exp(length + offset) over lengths <= limit.
+    double SumUpTo(double limit, double offset) const
+    {
+        const std::size_t m =
+            static_cast<std::size_t>(std::upper_bound(m_sorted.begin(), m_sorted.end(), limit) - m_sorted.begin());
+        double sum = 0.0;
+        for (std::size_t j = 0; j < std::min(m, m_unscaled); ++j)
+            sum += m_frequency[m_order[j]] * std::exp(m_sorted[j] + offset);
+        if (m > m_unscaled)
+            sum += std::exp(m_longest + offset) * m_running[m];
+        return sum;
+    }
+
+    // Whether some length lies strictly between low and high.
+    bool AnyBetween(double low, double high) const
+    {
+        const auto first = std::upper_bound(m_sorted.begin(), m_sorted.end(), low);
+        return first != m_sorted.end() && *first < high;
+    }
+
+private:
+    std::vector<double> m_length;
+    std::vector<int> m_frequency;
+    std::vector<std::size_t> m_order; // indices by ascending length
+    std::vector<double> m_sorted;     // the lengths in that order
+    std::vector<double> m_running;    // running sums of the scaled exponentials
+    std::size_t m_unscaled = 0;       // sorted lengths too short to scale
+    double m_longest = 0.0;
+};
 
 // The network algorithm for one table. Its working store is sized once from
 // the caller's workspace, as the published driver splits it.
@@ -451,8 +521,7 @@ double Network::Run()
     m_last = ldkey + 1;
 
     std::vector<int> idif(nro + 1, 0), irn(nro + 1, 0);
-    std::vector<double> pastLength, pastWeight;
-    std::vector<int> pastFrequency;
+    PastLengths past;
     int k = nco;
     bool haveNode = true;
     while (k >= 2) {
@@ -493,26 +562,10 @@ double Network::Run()
         for (int i = kb + 1; i <= nco; ++i)
             ntot += ico[i];
 
-        // The node's past path lengths, read once for all its daughters, in
-        // their list's order (which decides how Put merges them). Most
-        // daughters sum many of them at once, so each keeps its exponential
-        // relative to the largest: a daughter then needs one exp, not one
-        // per length. Lengths far below the largest would underflow and
-        // take the exponential of their own.
         {
             const Stage& read = m_stages[m_read];
-            pastLength.clear();
-            pastFrequency.clear();
-            for (int ipn = read.head[ipo - 1]; ipn > 0; ipn = read.next[ipn]) {
-                pastLength.push_back(read.length[ipn]);
-                pastFrequency.push_back(read.frequency[ipn]);
-            }
+            past.Load(read.length.get(), read.frequency.get(), read.next.get(), read.head[ipo - 1]);
         }
-        const std::size_t pastCount = pastLength.size();
-        const double longestPast = *std::max_element(pastLength.begin(), pastLength.end());
-        pastWeight.resize(pastCount);
-        for (std::size_t i = 0; i < pastCount; ++i)
-            pastWeight[i] = static_cast<double>(pastFrequency[i]) * std::exp(pastLength[i] - longestPast);
 
         do {
             for (int i = 1; i <= nro; ++i)
@@ -610,29 +663,25 @@ double Network::Run()
 
             // Every past length of the node: summed when every completion
             // is at most as probable as the observed table, dropped when
-            // none is, approximated or passed on to the next stage otherwise.
-            double scaled = 0.0;
-            for (std::size_t i = 0; i < pastCount; ++i) {
-                const double pastp = pastLength[i];
-                if (pastp <= obs3) {
-                    if (pastp >= longestPast - ScaledRange)
-                        scaled += pastWeight[i];
-                    else
-                        pre.Add(static_cast<double>(pastFrequency[i]) * std::exp(pastp + drn));
-                } else if (pastp < obs2) {
+            // none is, approximated or passed on to the next stage otherwise
+            // (in the list's order, which decides how Put merges lengths).
+            pre.Add(past.SumUpTo(obs3, drn));
+            if (past.AnyBetween(obs3, obs2)) {
+                for (std::size_t i = 0; i < past.Size(); ++i) {
+                    const double pastp = past.Length(i);
+                    if (!(pastp > obs3 && pastp < obs2))
+                        continue;
                     if (chisq) {
                         const double df = static_cast<double>((nro2 - 1) * (k1 - 1));
                         const double x = std::max(0.0, tmp + (pastp + drn) * 2.0) / 2.0;
                         const double pv = boost::math::gamma_q(df / 2.0, x);
-                        pre.Add(static_cast<double>(pastFrequency[i]) * std::exp(pastp + drn) * pv);
+                        pre.Add(static_cast<double>(past.Frequency(i)) * std::exp(pastp + drn) * pv);
                     } else {
-                        Put(pastp + ddf, kval, pastFrequency[i], psh);
+                        Put(pastp + ddf, kval, past.Frequency(i), psh);
                         psh = false;
                     }
                 }
             }
-            if (scaled > 0.0)
-                pre.Add(std::exp(longestPast + drn) * scaled);
         } while (NextDaughter(kmax, &iro[0], &idif[0], kd, ks));
     }
     return pre.Value();
