@@ -231,14 +231,15 @@ bool NextDaughter(int nrow, const int* imax, int* idif, int& k, int& ks)
 // longest, which would underflow so scaled, take their own exp.
 class PastLengths {
 public:
-    void Load(const double* length, const int* frequency, const int* next, int head)
+    void Append(double length, int frequency)
     {
-        m_length.clear();
-        m_frequency.clear();
-        for (int ipn = head; ipn > 0; ipn = next[ipn]) {
-            m_length.push_back(length[ipn]);
-            m_frequency.push_back(frequency[ipn]);
-        }
+        m_length.push_back(length);
+        m_frequency.push_back(frequency);
+    }
+
+    // Sorts the lengths appended since the last Clear and sums them.
+    void Prepare()
+    {
         const std::size_t n = m_length.size();
         m_order.resize(n);
         std::iota(m_order.begin(), m_order.end(), std::size_t{0});
@@ -258,6 +259,11 @@ public:
         }
     }
 
+    void Clear()
+    {
+        m_length.clear();
+        m_frequency.clear();
+    }
     std::size_t Size() const { return m_length.size(); }
     double Length(std::size_t i) const { return m_length[i]; }
     int Frequency(std::size_t i) const { return m_frequency[i]; }
@@ -307,13 +313,20 @@ private:
     double LongestPath(int nrow, const int* irow, int ncol, const int* icol, int ntot);
     double ShortestPath(int nrow, const int* irow, int ncol, const int* icol, double dspt);
 
-    // The nodes of one stage, hashed by key, each with its past path
-    // lengths in a tree (left/right links shared by both stages, as only
-    // the stage being filled needs them) and a list (next) for reading.
+    // A past path length of a node: in the node's tree by length (left,
+    // right) while its stage is filled, and in its list (next) for reading.
+    // One entry's fields share a cache line, which the tree walk of Put
+    // needs.
+    struct PathEntry {
+        double length;
+        int left, right;
+        int frequency;
+        int next;
+    };
+    // The nodes of one stage, hashed by key, each heading a list of entries.
     struct Stage {
         std::unique_ptr<int[]> key, head;
-        std::unique_ptr<double[]> length;
-        std::unique_ptr<int[]> frequency, next;
+        std::unique_ptr<PathEntry[]> entries;
     };
     void Put(double pastp, int kval, int ifreq, bool psh);
     bool Get(int* irow, int& ipn);
@@ -334,7 +347,6 @@ private:
 
     Stage m_stages[2];
     int m_read = 0;
-    std::unique_ptr<int[]> m_left, m_right;
     int m_top = 0;      // entries of the stage being filled
     int m_lastSlot = 0; // key slot of the last Put, for the daughter's further lengths
     int m_last = 0;     // key slot of the last Get
@@ -479,13 +491,9 @@ double Network::Run()
     for (Stage& s : m_stages) {
         s.key = std::make_unique_for_overwrite<int[]>(static_cast<std::size_t>(ldkey) + 1);
         s.head = std::make_unique_for_overwrite<int[]>(static_cast<std::size_t>(ldkey) + 1);
-        s.length = std::make_unique_for_overwrite<double[]>(static_cast<std::size_t>(ldstp) + 2);
-        s.frequency = std::make_unique_for_overwrite<int[]>(static_cast<std::size_t>(ldstp) + 2);
-        s.next = std::make_unique_for_overwrite<int[]>(static_cast<std::size_t>(ldstp) + 2);
+        s.entries = std::make_unique_for_overwrite<PathEntry[]>(static_cast<std::size_t>(ldstp) + 2);
         std::fill_n(s.key.get(), ldkey, NoKey);
     }
-    m_left = std::make_unique_for_overwrite<int[]>(static_cast<std::size_t>(ldstp) + 2);
-    m_right = std::make_unique_for_overwrite<int[]>(static_cast<std::size_t>(ldstp) + 2);
     const int hashSize = 2 * ldkey;
     m_key2 = std::make_unique_for_overwrite<int[]>(static_cast<std::size_t>(hashSize) + 1);
     m_longest = std::make_unique_for_overwrite<double[]>(static_cast<std::size_t>(hashSize) + 1);
@@ -512,9 +520,7 @@ double Network::Run()
     {
         Stage& root = m_stages[m_read];
         root.head[0] = 1;
-        root.length[1] = 0.0;
-        root.frequency[1] = 1;
-        root.next[1] = -1;
+        root.entries[1] = {0.0, -1, -1, 1, -1};
     }
     int ipo = 1;
     m_top = 0;
@@ -564,7 +570,10 @@ double Network::Run()
 
         {
             const Stage& read = m_stages[m_read];
-            past.Load(read.length.get(), read.frequency.get(), read.next.get(), read.head[ipo - 1]);
+            past.Clear();
+            for (int ipn = read.head[ipo - 1]; ipn > 0; ipn = read.entries[ipn].next)
+                past.Append(read.entries[ipn].length, read.entries[ipn].frequency);
+            past.Prepare();
         }
 
         do {
@@ -718,26 +727,30 @@ void Network::Put(double pastp, int kval, int ifreq, bool psh)
             s.head[itp] = m_top;
             if (m_top > m_ldstp)
                 FailPastPaths();
-            s.next[m_top] = -1;
-            m_right[m_top] = -1;
-            m_left[m_top] = -1;
-            s.length[m_top] = pastp;
-            s.frequency[m_top] = ifreq;
+            s.entries[m_top] = {pastp, -1, -1, ifreq, -1};
             return;
         }
     }
 
-    // Lengths within Tol of one another share an entry.
+    // Lengths within Tol of one another share an entry; a new one goes
+    // where the search ended, and into the list after its parent.
     const double test1 = pastp - Tol;
     const double test2 = pastp + Tol;
+    PathEntry* entries = s.entries.get();
     int ipn = s.head[m_lastSlot];
+    int parent = ipn;
+    bool onLeft = false;
     do {
-        if (s.length[ipn] < test1) {
-            ipn = m_left[ipn];
-        } else if (s.length[ipn] > test2) {
-            ipn = m_right[ipn];
+        PathEntry& e = entries[ipn];
+        parent = ipn;
+        if (e.length < test1) {
+            onLeft = true;
+            ipn = e.left;
+        } else if (e.length > test2) {
+            onLeft = false;
+            ipn = e.right;
         } else {
-            s.frequency[ipn] += ifreq;
+            e.frequency += ifreq;
             return;
         }
     } while (ipn > 0);
@@ -745,33 +758,9 @@ void Network::Put(double pastp, int kval, int ifreq, bool psh)
     ++m_top;
     if (m_top > m_ldstp)
         FailPastPaths();
-    ipn = s.head[m_lastSlot];
-    int parent = ipn;
-    for (;;) {
-        if (s.length[ipn] < test1) {
-            parent = ipn;
-            ipn = m_left[ipn];
-            if (ipn <= 0) {
-                m_left[parent] = m_top;
-                break;
-            }
-        } else if (s.length[ipn] > test2) {
-            parent = ipn;
-            ipn = m_right[ipn];
-            if (ipn <= 0) {
-                m_right[parent] = m_top;
-                break;
-            }
-        } else {
-            break;
-        }
-    }
-    s.next[m_top] = s.next[parent];
-    s.next[parent] = m_top;
-    s.length[m_top] = pastp;
-    s.frequency[m_top] = ifreq;
-    m_left[m_top] = -1;
-    m_right[m_top] = -1;
+    (onLeft ? entries[parent].left : entries[parent].right) = m_top;
+    entries[m_top] = {pastp, -1, -1, ifreq, entries[parent].next};
+    entries[parent].next = m_top;
 }
 
 bool Network::Get(int* irow, int& ipn)
