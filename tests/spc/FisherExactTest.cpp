@@ -245,6 +245,12 @@ TEST(FisherExact, LargerTablesIgnoreSidesAndOrder)
     EXPECT_NEAR(Fisher({1, 6, 2, 3, 0, 5}, 2, 3), p, 1e-13 * p);
     EXPECT_NEAR(Fisher({0, 3, 5, 6, 1, 2}, 2, 3), p, 1e-13 * p);
 
+    // A line or column of zeros adds no table: the 2 x 3 inside decides.
+    EXPECT_NEAR(Fisher({3, 0, 5, 0, 0, 0, 1, 6, 2}, 3, 3), p, 1e-13 * p);
+    EXPECT_NEAR(Fisher({3, 0, 0, 5, 1, 6, 0, 2}, 2, 4), p, 1e-13 * p);
+    // One value per line: the margins leave one table.
+    EXPECT_EQ(Fisher({3, 1, 4}, 3, 1), 1.0);
+
     const std::vector<int> y = {2, 7, 1, 0, 4, 3, 5, 1, 6, 2, 2, 3};
     const double q = Fisher(y, 3, 4);
     EXPECT_NEAR(Fisher(Transpose(y, 3, 4), 4, 3), q, 1e-12 * q);
