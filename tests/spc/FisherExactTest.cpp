@@ -193,12 +193,11 @@ TEST(FisherExact, TwoByTwoTailEnds)
     EXPECT_NEAR(TwoByTwo(0, 0, 0, 0, Sta::TwoSided), 1.0, 1e-15);
 }
 
-// A tie with a table R treats as equal within its tolerance is compared
-// exactly here: (1, 8; 9, 2) and (7, 2; 3, 8)-like pairs are not exact
-// mirrors, so only the exactly equal mirror tables join the two-sided sum.
+// With margins (5, 5; 5, 5) every table ties with its mirror (a <-> b): the
+// exact comparison must still count the mirror, so the two-sided p-value
+// is the binomial sum over both sides.
 TEST(FisherExact, TwoByTwoMirrorTablesTie)
 {
-    // Margins (5, 5; 5, 5): every table ties with its mirror a <-> b.
     for (int a = 0; a <= 5; ++a) {
         const double p0 = Sta::GetTableProbability(a, 5 - a, 5 - a, a);
         EXPECT_EQ(p0, Sta::GetTableProbability(5 - a, a, a, 5 - a));
@@ -208,6 +207,20 @@ TEST(FisherExact, TwoByTwoMirrorTablesTie)
                 expected += Sta::BinomialCoefficient(5, x) * Sta::BinomialCoefficient(5, 5 - x) / 252.0;
         EXPECT_NEAR(TwoByTwo(a, 5 - a, 5 - a, a, Sta::TwoSided), expected, 1e-14) << a;
     }
+}
+
+// Margins (3, 14; 6, 11): a = 0 and a = 2 are equally probable (3003 /
+// 12376), but the sums of log-factorials differ in the last bits, a = 0
+// coming out larger. From (2, 1; 4, 10) the exact comparison leaves a = 0
+// out: 3003 + 364 (a = 3) over 12376, where R, within its 1e-7, also takes
+// a = 0 and gives 6370 / 12376.
+TEST(FisherExact, TwoByTwoRoundingTieIsNotCounted)
+{
+    ASSERT_GT(Sta::GetTableProbability(0, 3, 6, 8), Sta::GetTableProbability(2, 1, 4, 10));
+    EXPECT_NEAR(Sta::GetTableProbability(0, 3, 6, 8), 3003.0 / 12376.0, 1e-15);
+    EXPECT_NEAR(TwoByTwo(2, 1, 4, 10, Sta::TwoSided), 3367.0 / 12376.0, 1e-13);
+    // From a = 0 the tie is below the observed value, and counts.
+    EXPECT_NEAR(TwoByTwo(0, 3, 6, 8, Sta::TwoSided), 6370.0 / 12376.0, 1e-13);
 }
 
 TEST(FisherExact, TableProbabilityAndBinomials)
