@@ -298,6 +298,40 @@ private:
     double m_longest = 0.0;
 };
 
+// The number of keys per stage that the workspace leaves. The published
+// driver carves its store, counted in 4-byte units, into the fixed arrays
+// (doubles aligned to 8 bytes) and gives the rest to the hash tables: per
+// key 6 ints (keys, list heads, daughter keys) and 6 doubles (path bounds),
+// and per past path entry, 30 of them per key, 2 doubles and 6 ints (both
+// stages' lengths, frequencies and links). Its sizes are kept so that a
+// workspace fails where R's does; one too small for the fixed arrays, R's
+// "Out of workspace", is too small for any key.
+int KeyTableSize(long long total, int nrow, int ncol, int workspace)
+{
+    const long long nco = std::max(nrow, ncol);
+    const long long nro = std::min(nrow, ncol);
+    long long used = 0;
+    auto take = [&used](long long count, bool isDouble) {
+        if (isDouble) {
+            used += used % 2;
+            used += 2 * count;
+        } else {
+            used += count;
+        }
+    };
+    const long long k = static_cast<long long>(nrow) + ncol + 1;
+    take(total + 1, true);
+    take(3 * nco, false);
+    take(2 * nro, false);
+    take(std::max(5 * k + 2 * k * nco, 7 * nco + 800), false);
+    take(std::max(nco + 401, k), true);
+    const long long available = 2 * (static_cast<long long>(workspace) / 2);
+    if (used > available)
+        FailKeys();
+    const long long units = 18 + 10LL * PastPathMultiplier;
+    return static_cast<int>(std::max(0LL, (available - used) / units - 1));
+}
+
 // The network algorithm for one table. Its working store is sized once from
 // the caller's workspace, as the published driver splits it.
 class Network {
@@ -311,6 +345,7 @@ private:
     int Cell(int i, int j) const { return m_table[(i - 1) + static_cast<std::ptrdiff_t>(j - 1) * m_ldtabl]; }
 
     double LongestPath(int nrow, const int* irow, int ncol, const int* icol, int ntot);
+    double ChiSquareOffset(int nrow, const int* irow, int ncol, const int* icol, int ntot, double observed) const;
     double ShortestPath(int nrow, const int* irow, int ncol, const int* icol, double dspt);
 
     // A past path length of a node: in the node's tree by length (left,
@@ -391,35 +426,8 @@ double Network::Run()
     m_nco = nco;
     m_nro = nro;
 
-    // The published driver carves its store, counted in 4-byte units, into
-    // the fixed arrays (doubles aligned to 8 bytes) and gives the rest to the
-    // hash tables: per key 2 keys, 2 pointers, 2 daughter keys and 2 x 3
-    // path values, and 30 past path entries of a length and 3 links each,
-    // per stage. Its sizes are kept so that a workspace fails where R's does.
-    {
-        long long used = 0;
-        auto take = [&used](long long count, bool isDouble) {
-            if (isDouble) {
-                used += used % 2;
-                used += 2 * count;
-            } else {
-                used += count;
-            }
-        };
-        const long long k = static_cast<long long>(m_nrow) + m_ncol + 1;
-        take(total + 1, true);
-        take(3LL * nco, false);
-        take(2LL * nro, false);
-        take(std::max(5 * k + 2 * k * nco, 7LL * nco + 800), false);
-        take(std::max(static_cast<long long>(nco) + 401, k), true);
-        const long long available = 2 * (static_cast<long long>(m_workspace) / 2);
-        if (used > available)
-            FailKeys();
-        const long long units = 18 + 10LL * PastPathMultiplier;
-        const long long ldkey = (available - used) / units - 1;
-        m_ldkey = static_cast<int>(std::max(0LL, ldkey));
-        m_ldstp = PastPathMultiplier * m_ldkey;
-    }
+    m_ldkey = KeyTableSize(total, m_nrow, m_ncol, m_workspace);
+    m_ldstp = PastPathMultiplier * m_ldkey;
     // The store holds fewer than INT_MAX / 2 log factorials.
     int ntot = static_cast<int>(total);
 
@@ -637,27 +645,8 @@ double Network::Run()
                     m_longest[itp] = std::min(0.0, LongestPath(nro2, &irn[nrb], k1, &ico[kb + 1], ntot));
                     m_shortest[itp] = std::min(0.0, ShortestPath(nro2, &irn[nrb], k1, &ico[kb + 1], dspt));
                     m_chiSquare[itp] = NoChiSquare;
-                    if (maybeChiSquare
-                        && static_cast<double>(irn[nrb]) * ico[kb + 1] > static_cast<double>(ntot) * m_emin) {
-                        int ncell = 0;
-                        for (int i = 0; i < nro2; ++i)
-                            for (int j = 1; j <= k1; ++j)
-                                if (static_cast<double>(irn[nrb + i]) * ico[kb + j]
-                                    >= static_cast<double>(ntot) * m_expect)
-                                    ++ncell;
-                        if (ncell * 100 >= k1 * nro2 * m_percnt) {
-                            double t = 0.0;
-                            for (int i = 0; i < nro2; ++i)
-                                t += fact[irn[nrb + i]] - fact[irn[nrb + i] - 1];
-                            t *= k1 - 1;
-                            for (int j = 1; j <= k1; ++j)
-                                t += (nro2 - 1) * (fact[ico[kb + j]] - fact[ico[kb + j] - 1]);
-                            const double df = static_cast<double>((nro2 - 1) * (k1 - 1));
-                            t += df * LogTwoPi;
-                            t -= (nro2 * k1 - 1) * (fact[ntot] - fact[ntot - 1]);
-                            m_chiSquare[itp] = (obs - dro) * -2.0 - t;
-                        }
-                    }
+                    if (maybeChiSquare)
+                        m_chiSquare[itp] = ChiSquareOffset(nro2, &irn[nrb], k1, &ico[kb + 1], ntot, obs - dro);
                 }
                 obs3 = obs2 - m_longest[itp];
                 obs2 -= m_shortest[itp];
@@ -694,6 +683,36 @@ double Network::Run()
         } while (NextDaughter(kmax, &iro[0], &idif[0], kd, ks));
     }
     return pre.Value();
+}
+
+// For the hybrid: when the subtable with these totals meets the conditions
+// (its smallest expected count above emin, percnt % of them at least
+// expect), the offset that turns a past path length into the statistic of
+// the chi-squared tail, -2 log of the probability ratio less the log of the
+// normal approximation's constant; NoChiSquare otherwise. observed is the
+// log-probability of the observed table.
+double Network::ChiSquareOffset(int nrow, const int* irow, int ncol, const int* icol, int ntot, double observed) const
+{
+    const double* fact = m_fact.data();
+    if (!(static_cast<double>(irow[0]) * icol[0] > static_cast<double>(ntot) * m_emin))
+        return NoChiSquare;
+    int ncell = 0;
+    for (int i = 0; i < nrow; ++i)
+        for (int j = 0; j < ncol; ++j)
+            if (static_cast<double>(irow[i]) * icol[j] >= static_cast<double>(ntot) * m_expect)
+                ++ncell;
+    if (!(ncell * 100 >= ncol * nrow * m_percnt))
+        return NoChiSquare;
+    double t = 0.0;
+    for (int i = 0; i < nrow; ++i)
+        t += fact[irow[i]] - fact[irow[i] - 1];
+    t *= ncol - 1;
+    for (int j = 0; j < ncol; ++j)
+        t += (nrow - 1) * (fact[icol[j]] - fact[icol[j] - 1]);
+    const double df = static_cast<double>((nrow - 1) * (ncol - 1));
+    t += df * LogTwoPi;
+    t -= (nrow * ncol - 1) * (fact[ntot] - fact[ntot - 1]);
+    return observed * -2.0 - t;
 }
 
 void Network::Put(double pastp, int kval, int ifreq, bool psh)
