@@ -350,8 +350,6 @@ private:
 
     // A past path length of a node: in the node's tree by length (left,
     // right) while its stage is filled, and in its list (next) for reading.
-    // One entry's fields share a cache line, which the tree walk of Put
-    // needs.
     struct PathEntry {
         double length;
         int left, right;
