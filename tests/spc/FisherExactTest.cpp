@@ -176,6 +176,8 @@ TEST(FisherExact, TwoByTwoTiesCountOnBothSides)
     EXPECT_NEAR(TwoByTwo(3, 1, 1, 3, Sta::LowerTail), 69.0 / 70.0, 1e-15);
     EXPECT_NEAR(TwoByTwo(3, 1, 1, 3, Sta::UpperTail), 17.0 / 70.0, 1e-15);
     EXPECT_NEAR(TwoByTwo(4, 0, 0, 4, Sta::UpperTail), 1.0 / 70.0, 1e-16);
+    // The hybrid and the workspace concern the network only.
+    EXPECT_EQ(Fisher({3, 1, 1, 3}, 2, 2, true, Sta::TwoSided, 0), TwoByTwo(3, 1, 1, 3, Sta::TwoSided));
 }
 
 // A table at the end of its range has nothing beyond it on that side.
