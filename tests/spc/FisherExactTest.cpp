@@ -295,6 +295,7 @@ TEST(FisherExact, TableErrors)
     const std::string prefix = "Error in fexact.\n";
     EXPECT_EQ(ErrorOf([] { Fisher({1, 2, -1, 4, 5, 6}, 2, 3); }),
               prefix + "All elements of TABLE may not be negative.");
+    EXPECT_EQ(ErrorOf([] { Fisher({1, 2, -1, 4}, 2, 2); }), prefix + "All elements of TABLE may not be negative.");
     EXPECT_EQ(ErrorOf([] { Fisher({0, 0, 0, 0, 0, 0}, 2, 3); }),
               prefix + "All elements of TABLE are zero.\nPRT and PRE are set to missing values.");
     EXPECT_EQ(ErrorOf([] { Fisher({0, 0, 0, 0, 0, 0, 0, 0, 0}, 3, 3, true); }),

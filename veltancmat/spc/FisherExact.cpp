@@ -1221,6 +1221,10 @@ double GetFisherExactProbability(const int* table, int n1, int n2, bool hybrid, 
 {
     if (n1 == 2 && n2 == 2) {
         int a = table[0], b = table[1], c = table[2], d = table[3];
+        // The walk over the tables with these margins has no meaning for a
+        // negative count; it is refused as the larger tables refuse it.
+        if (a < 0 || b < 0 || c < 0 || d < 0)
+            Fail(ExceptionMessage::translate("All elements of TABLE may not be negative."));
         const double p0 = GetTableProbability(a, b, c, d);
         double sum = 0.0;
         if (sides == LowerTail || sides == TwoSided) {
