@@ -930,7 +930,7 @@ void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>& rowTable, const Vector& p,
     result->SetSize(rows);
     T* out = result->GetVectorForWriting();
     int missing = 0;
-    const bool parallel = WorthParallel(rows, n);
+    [[maybe_unused]] const bool parallel = WorthParallel(rows, n);
     if (n < ShortRow) {
 #pragma omp parallel if (parallel) reduction(+ : missing)
         missing += ShortRowKernels<T>[static_cast<std::size_t>(n)](rowTable, pv.data(), p2.data(), present.data(), pp,

@@ -144,7 +144,7 @@ void IteratePls(const Projector& pass, std::span<PlsFit* const> fits, int respon
     std::vector<PlsFit*> active(fits.begin(), fits.end());
     const auto eachFit = [&](auto&& body) {
         const int count = static_cast<int>(active.size());
-        const bool parallel = count > 1 && pass.SizeRows() >= NCParallelWork::MinRoundElements;
+        [[maybe_unused]] const bool parallel = count > 1 && pass.SizeRows() >= NCParallelWork::MinRoundElements;
 #pragma omp parallel for schedule(static) if (parallel)
         for (int a = 0; a < count; ++a)
             body(*active[static_cast<std::size_t>(a)]);
