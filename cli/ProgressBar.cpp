@@ -78,10 +78,19 @@ void ProgressBar::Draw(const NCProgressSnapshot& snapshot)
         caption = caption.substr(0, CaptionWidth - 3) + "...";
     caption.resize(CaptionWidth, ' ');
 
-    const double fraction = std::clamp(snapshot.fraction, 0.0, 1.0);
-    const int filled = static_cast<int>(std::lround(fraction * BarWidth));
-    std::string line = "\r" + caption + " [" + std::string(filled, '#') + std::string(BarWidth - filled, '.') + "] ";
-    line += std::to_string(static_cast<int>(fraction * 100.0)) + "%";
+    std::string line = "\r" + caption;
+    if (snapshot.spinning) {
+        // A step of unknown length has no fraction to show: a turning mark
+        // and the seconds so far tell that it is still at work.
+        static constexpr char Marks[] = {'|', '/', '-', '\\'};
+        line += " [" + std::string(1, Marks[snapshot.spinCount % 4]) + "] ";
+        line += std::to_string(static_cast<long long>(snapshot.elapsedSeconds)) + " s";
+    } else {
+        const double fraction = std::clamp(snapshot.fraction, 0.0, 1.0);
+        const int filled = static_cast<int>(std::lround(fraction * BarWidth));
+        line += " [" + std::string(filled, '#') + std::string(BarWidth - filled, '.') + "] ";
+        line += std::to_string(static_cast<int>(fraction * 100.0)) + "%";
+    }
     if (snapshot.breakRequested)
         line += "  stopping...";
     const std::size_t visible = line.size() - 1;

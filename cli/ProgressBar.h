@@ -7,8 +7,9 @@
 namespace veltan_cli {
 
 // Draws the progress of a fit as one line on stderr, redrawn in place, once
-// the operation has run longer than NCProgress's show delay. Short fits
-// draw nothing. Not drawn at all when disabled (stderr not a terminal and
+// the operation has run longer than NCProgress's show delay: a bar, or while
+// a level spins (a step of unknown length) a turning mark and the seconds
+// so far. Short fits draw nothing. Not drawn at all when disabled (stderr not a terminal and
 // no --progress), so scripts and tests see clean output.
 class ProgressBar {
 public:
