@@ -1,0 +1,454 @@
+#include "veltancmat/cluster/ClusterDistances.h"
+
+#include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/containers/frame/ProgressScope.h"
+#include "veltancmat/containers/frame/ThreadingControl.h"
+#include "veltancmat/platform/ExceptionMessage.h"
+#include "veltancmat/platform/NCError.h"
+
+#include <boost/format.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <exception>
+#include <limits>
+#include <new>
+#include <system_error>
+#include <thread>
+
+namespace {
+
+const CancelText Aborted("Cluster analysis aborted.");
+
+// Rows whose distances are computed before a worker looks at the break flag
+// and publishes its count again.
+constexpr int RowsPerPoll = 16;
+
+// The first rows of the triangle that hold `pairs` pairs: the smaller root
+// of r^2 - (2n - 1) r + 2 pairs = 0, since rows 0..r-1 hold r n - r (r + 1) / 2.
+double RowsHoldingPairs(double n, double pairs)
+{
+    const double b = 2.0 * n - 1.0;
+    const double disc = std::max(0.0, b * b - 8.0 * pairs);
+    return (b - std::sqrt(disc)) / 2.0;
+}
+
+// Row boundaries giving each worker about the same number of pairs. Late
+// rows are short, so equal row counts would leave the first worker most of
+// the work. A boundary that rounds onto the previous one moves up a row.
+std::vector<int> BalancedRowRanges(int n, int workers)
+{
+    const double total = static_cast<double>(n) * (n - 1) / 2.0;
+    std::vector<int> bounds{0};
+    for (int t = 1; t < workers; ++t) {
+        int r = static_cast<int>(std::lround(RowsHoldingPairs(n, total * t / workers)));
+        if (r <= bounds.back())
+            r = bounds.back() + 1;
+        bounds.push_back(std::min(r, n));
+    }
+    bounds.push_back(n);
+    return bounds;
+}
+
+int WorkerCount(int n)
+{
+    int workers = 1;
+    if (NCMultiThreading::ThreadingControl::IsThreadingOn())
+        workers = std::max(1, NCMultiThreading::ThreadingControl::GetNumberOfProcessors());
+    // A thread for a few hundred pairs costs more than it saves.
+    return std::max(1, std::min(workers, n / 64));
+}
+
+[[noreturn]] void Refuse(const char* text)
+{
+    throw NCError(ExceptionMessage::translate(text), NCError::Error);
+}
+
+} // namespace
+
+NearestPairCalculator::~NearestPairCalculator() = default;
+
+void NearestPairCalculator::Prepare(const std::vector<float>&, int) {}
+
+void NearestPairCalculator::Merged(int, int) {}
+
+void NearestPairCalculator::Init(const NCDataMatrix<float>& data, NCProgress* progress)
+{
+    const int n = data.SizeRows();
+    const int columns = data.SizeColumns();
+    // The pair count must fit 32 bits.
+    if (n > 65535)
+        throw DendroGram::ClusterAllocationError(n);
+
+    for (int i = 1; i <= n; ++i)
+        if (2 * data[i].GetNumMisVal() > columns)
+            Refuse("Cluster analysis cannot be performed on data that has rows with more than 50 % missing values.");
+
+    ProgressText(progress, ExceptionMessage::translate("Allocating memory").str());
+    const std::size_t pairs = static_cast<std::size_t>(n) * static_cast<std::size_t>(std::max(n - 1, 0)) / 2;
+    std::vector<float> rows;
+    try {
+        m_triangle.clear();
+        m_triangle.shrink_to_fit();
+        m_triangle.resize(pairs);
+        rows.resize(static_cast<std::size_t>(n) * static_cast<std::size_t>(columns));
+    } catch (const std::bad_alloc&) {
+        m_triangle = {};
+        throw DendroGram::ClusterAllocationError(n);
+    } catch (const std::length_error&) {
+        m_triangle = {};
+        throw DendroGram::ClusterAllocationError(n);
+    }
+    for (int i = 0; i < n; ++i)
+        std::copy(data[i + 1].begin(), data[i + 1].end(), rows.begin() + static_cast<std::ptrdiff_t>(i) * columns);
+    m_slots = n;
+    Prepare(rows, columns);
+
+    ProgressText(progress, ProgressCaption(nullptr, "Calculating %1% distances", pairs));
+    ComputeTriangle(rows, columns, progress);
+
+    // Orders the candidates for the first merge: each row's nearest later row.
+    ProgressText(progress, ExceptionMessage::translate("Sorting").str());
+    ProgressRange(progress, 0.0f, static_cast<float>(std::max(n, 1)));
+    m_live.resize(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i)
+        m_live[static_cast<std::size_t>(i)] = i;
+    m_alive.assign(static_cast<std::size_t>(n), 1);
+    m_nearest.assign(static_cast<std::size_t>(n), -1);
+    m_nearestDistance.assign(static_cast<std::size_t>(n), std::numeric_limits<float>::infinity());
+    m_stale.assign(static_cast<std::size_t>(n), 0);
+    for (int i = 0; i < n; ++i) {
+        Rescan(i);
+        if (i % 256 == 0)
+            CheckedSetValue(progress, static_cast<float>(i), Aborted);
+    }
+}
+
+void NearestPairCalculator::ComputeTriangle(const std::vector<float>& rows, int columns, NCProgress* progress)
+{
+    const int n = m_slots;
+    std::vector<std::uint8_t> complete(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i) {
+        const float* x = rows.data() + static_cast<std::ptrdiff_t>(i) * columns;
+        complete[static_cast<std::size_t>(i)] = std::none_of(x, x + columns, [](float v) { return IsMisVal(v); });
+    }
+    // Fewer common present columns than this leave a pair undefined.
+    const double minCommon = std::sqrt(static_cast<double>(columns));
+
+    std::atomic<bool> stop{false};
+    std::atomic<bool> tooFewCommon{false};
+    std::atomic<long long> pairsDone{0};
+
+    const long long total = static_cast<long long>(n) * (n - 1) / 2;
+    ProgressRange(progress, 0.0f, static_cast<float>(std::max(total, 1LL)));
+    // Only the calling thread reports (`report`): the progress object is its own.
+    auto work = [&](int from, int to, bool report) {
+        int sincePoll = 0;
+        long long pending = 0;
+        for (int r = from; r < to; ++r) {
+            const float* x = rows.data() + static_cast<std::ptrdiff_t>(r) * columns;
+            float* out = m_triangle.data() + Index(r, r + 1);
+            for (int s = r + 1; s < n; ++s) {
+                const float* y = rows.data() + static_cast<std::ptrdiff_t>(s) * columns;
+                double sum = 0.0;
+                int common = columns;
+                if (complete[static_cast<std::size_t>(r)] && complete[static_cast<std::size_t>(s)]) {
+                    for (int j = 0; j < columns; ++j) {
+                        const double d = static_cast<double>(x[j]) - y[j];
+                        sum += d * d;
+                    }
+                } else {
+                    common = 0;
+                    for (int j = 0; j < columns; ++j) {
+                        if (IsMisVal(x[j]) || IsMisVal(y[j]))
+                            continue;
+                        const double d = static_cast<double>(x[j]) - y[j];
+                        sum += d * d;
+                        ++common;
+                    }
+                    if (common < minCommon) {
+                        tooFewCommon.store(true, std::memory_order_relaxed);
+                        stop.store(true, std::memory_order_relaxed);
+                        return;
+                    }
+                }
+                out[s - r - 1] = RowDistance(sum, common, columns);
+            }
+            pending += n - r - 1;
+            if (++sincePoll == RowsPerPoll) {
+                sincePoll = 0;
+                const long long done = pairsDone.fetch_add(pending, std::memory_order_relaxed) + pending;
+                pending = 0;
+                if (report)
+                    CheckedSetValue(progress, static_cast<float>(done), Aborted);
+                if (stop.load(std::memory_order_relaxed) || (progress && progress->IsBreakPressed())) {
+                    stop.store(true, std::memory_order_relaxed);
+                    return;
+                }
+            }
+        }
+        pairsDone.fetch_add(pending, std::memory_order_relaxed);
+    };
+
+    const std::vector<int> bounds = BalancedRowRanges(n, WorkerCount(n));
+    std::vector<std::thread> threads;
+    std::atomic<int> running{0};
+    std::exception_ptr failure;
+    try {
+        for (std::size_t t = 1; t + 1 < bounds.size(); ++t) {
+            running.fetch_add(1);
+            threads.emplace_back([&, from = bounds[t], to = bounds[t + 1]] {
+                work(from, to, false);
+                running.fetch_sub(1);
+            });
+        }
+    } catch (const std::system_error&) {
+        running.fetch_sub(1);
+    }
+    try {
+        // This thread takes the first range, and the ranges no thread could
+        // be started for.
+        work(bounds[0], bounds[1], true);
+        work(bounds[threads.size() + 1], n, true);
+        while (running.load() > 0 && !stop.load(std::memory_order_relaxed)) {
+            CheckedSetValue(progress, static_cast<float>(pairsDone.load(std::memory_order_relaxed)), Aborted);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    } catch (...) {
+        stop.store(true);
+        failure = std::current_exception();
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    if (failure)
+        std::rethrow_exception(failure);
+    if (tooFewCommon.load())
+        Refuse("Cluster analysis cannot be performed on data where two rows have less than the square root of the "
+               "number of columns common non-missing elements.");
+    if (stop.load())
+        Aborted.Throw();
+    CheckedSetValue(progress, static_cast<float>(total), Aborted);
+}
+
+void NearestPairCalculator::Rescan(int slot)
+{
+    int best = -1;
+    float bestDistance = std::numeric_limits<float>::infinity();
+    const auto after = std::upper_bound(m_live.begin(), m_live.end(), slot);
+    for (auto it = after; it != m_live.end(); ++it) {
+        const float d = Distance(slot, *it);
+        // Strictly smaller: among equal distances the first slot stays.
+        if (best < 0 || d < bestDistance) {
+            best = *it;
+            bestDistance = d;
+        }
+    }
+    m_nearest[static_cast<std::size_t>(slot)] = best;
+    m_nearestDistance[static_cast<std::size_t>(slot)] = bestDistance;
+    m_stale[static_cast<std::size_t>(slot)] = 0;
+}
+
+int NearestPairCalculator::DenseIndex(int slot) const
+{
+    return static_cast<int>(std::lower_bound(m_live.begin(), m_live.end(), slot) - m_live.begin());
+}
+
+float NearestPairCalculator::FindNearestAndMerge(int& a, int& b)
+{
+    if (m_live.size() < 2)
+        throw NCInternalError("NearestPairCalculator::FindNearestAndMerge");
+
+    // The smallest (distance, slot) among the bounds; when it is only a
+    // bound, make it exact and look again. Every other bound is at least as
+    // far, and so is the true distance behind it.
+    int first = -1;
+    for (;;) {
+        first = -1;
+        float smallest = 0.0f;
+        for (int slot : m_live) {
+            const auto s = static_cast<std::size_t>(slot);
+            if (m_nearest[s] < 0)
+                continue;
+            if (first < 0 || m_nearestDistance[s] < smallest) {
+                first = slot;
+                smallest = m_nearestDistance[s];
+            }
+        }
+        if (!m_stale[static_cast<std::size_t>(first)])
+            break;
+        Rescan(first);
+    }
+    const int second = m_nearest[static_cast<std::size_t>(first)];
+    const float distance = m_nearestDistance[static_cast<std::size_t>(first)];
+    a = DenseIndex(first);
+    b = DenseIndex(second);
+
+    Merged(first, second);
+    m_alive[static_cast<std::size_t>(second)] = 0;
+    m_live.erase(m_live.begin() + b);
+
+    for (int k : m_live) {
+        if (k == first)
+            continue;
+        const float d = MergedDistance(first, second, k);
+        m_triangle[Index(first, k)] = d;
+        if (k > first)
+            continue;
+        const auto s = static_cast<std::size_t>(k);
+        int& nearest = m_nearest[s];
+        float& bound = m_nearestDistance[s];
+        if (m_stale[s]) {
+            // A bound stays a bound; only a strictly nearer cluster is exact.
+            if (d < bound) {
+                nearest = first;
+                bound = d;
+                m_stale[s] = 0;
+            }
+        } else if (d < bound || (d == bound && first <= nearest)) {
+            // An exact neighbour has every earlier slot strictly further, so
+            // an equal distance at an earlier slot takes its place.
+            nearest = first;
+            bound = d;
+        } else if (nearest == first || nearest == second) {
+            m_stale[s] = 1;
+        }
+    }
+    // Clusters between the two lose the pair with the second one.
+    for (auto it = std::upper_bound(m_live.begin(), m_live.end(), first); it != m_live.end() && *it < second; ++it)
+        if (m_nearest[static_cast<std::size_t>(*it)] == second)
+            m_stale[static_cast<std::size_t>(*it)] = 1;
+    Rescan(first);
+    return distance;
+}
+
+// ---- Ward ---------------------------------------------------------------
+
+WardDistanceCalculator::WardDistanceCalculator(DistanceType type) : m_type(type) {}
+
+WardDistanceCalculator::~WardDistanceCalculator() = default;
+
+std::string WardDistanceCalculator::GetId() const
+{
+    return (boost::format("WardDistanceCalculator%1%") % static_cast<int>(m_type)).str();
+}
+
+float WardDistanceCalculator::Transform(double increase) const
+{
+    if (m_type == RootErrorSS)
+        return static_cast<float>(std::sqrt(std::max(increase, 0.0)));
+    return static_cast<float>(increase);
+}
+
+float WardDistanceCalculator::RowDistance(double sumOfSquares, int common, int columns) const
+{
+    double increase = 0.5 * sumOfSquares;
+    if (common < columns)
+        increase *= static_cast<double>(columns) / common;
+    return Transform(increase);
+}
+
+void WardDistanceCalculator::Prepare(const std::vector<float>& rows, int columns)
+{
+    m_columns = columns;
+    m_rows = rows;
+    const std::size_t n = columns > 0 ? rows.size() / static_cast<std::size_t>(columns) : 0;
+    m_sums.assign(rows.size(), ColumnSums{});
+    m_members.assign(n, 1);
+    for (std::size_t c = 0; c < rows.size(); ++c) {
+        const float v = rows[c];
+        if (IsMisVal(v))
+            continue;
+        m_sums[c] = ColumnSums{1, v, static_cast<double>(v) * v};
+    }
+}
+
+double WardDistanceCalculator::Increase(const ColumnSums* a, std::int64_t membersA, const ColumnSums* b,
+                                        std::int64_t membersB, int columns)
+{
+    // Sum of squares about the mean of one cluster's column, its absent
+    // members counted as if they were like the present ones.
+    auto ss = [](std::int64_t present, double sum, double squares, std::int64_t members) {
+        if (present == 0)
+            return 0.0;
+        double value = squares - sum * sum / static_cast<double>(present);
+        if (present < members)
+            value *= static_cast<double>(members) / static_cast<double>(present);
+        return value;
+    };
+    double increase = 0.0;
+    for (int j = 0; j < columns; ++j) {
+        const ColumnSums& x = a[j];
+        const ColumnSums& y = b[j];
+        increase += ss(std::int64_t{x.present} + y.present, x.sum + y.sum, x.squares + y.squares, membersA + membersB) -
+                    ss(x.present, x.sum, x.squares, membersA) - ss(y.present, y.sum, y.squares, membersB);
+    }
+    return increase;
+}
+
+float WardDistanceCalculator::GetErrorSS(const std::vector<int>& membersA, const std::vector<int>& membersB) const
+{
+    const auto columns = static_cast<std::size_t>(m_columns);
+    auto gather = [&](const std::vector<int>& members) {
+        std::vector<ColumnSums> sums(columns);
+        for (int row : members) {
+            const float* x = m_rows.data() + static_cast<std::size_t>(row) * columns;
+            for (std::size_t j = 0; j < columns; ++j) {
+                if (IsMisVal(x[j]))
+                    continue;
+                sums[j].present += 1;
+                sums[j].sum += x[j];
+                sums[j].squares += static_cast<double>(x[j]) * x[j];
+            }
+        }
+        return sums;
+    };
+    const std::vector<ColumnSums> a = gather(membersA);
+    const std::vector<ColumnSums> b = gather(membersB);
+    return static_cast<float>(Increase(a.data(), static_cast<std::int64_t>(membersA.size()), b.data(),
+                                      static_cast<std::int64_t>(membersB.size()), m_columns));
+}
+
+void WardDistanceCalculator::Merged(int a, int b)
+{
+    const auto columns = static_cast<std::size_t>(m_columns);
+    ColumnSums* x = m_sums.data() + static_cast<std::size_t>(a) * columns;
+    const ColumnSums* y = m_sums.data() + static_cast<std::size_t>(b) * columns;
+    for (std::size_t j = 0; j < columns; ++j) {
+        x[j].present += y[j].present;
+        x[j].sum += y[j].sum;
+        x[j].squares += y[j].squares;
+    }
+    m_members[static_cast<std::size_t>(a)] += m_members[static_cast<std::size_t>(b)];
+}
+
+float WardDistanceCalculator::MergedDistance(int a, int, int k) const
+{
+    const auto columns = static_cast<std::size_t>(m_columns);
+    return Transform(Increase(m_sums.data() + static_cast<std::size_t>(a) * columns,
+                             m_members[static_cast<std::size_t>(a)],
+                             m_sums.data() + static_cast<std::size_t>(k) * columns,
+                             m_members[static_cast<std::size_t>(k)], m_columns));
+}
+
+// ---- single linkage -----------------------------------------------------
+
+SingleLinkageDistanceCalculator::~SingleLinkageDistanceCalculator() = default;
+
+std::string SingleLinkageDistanceCalculator::GetId() const
+{
+    return "SingleLinkageDistanceCalculator";
+}
+
+float SingleLinkageDistanceCalculator::RowDistance(double sumOfSquares, int common, int columns) const
+{
+    if (common < columns)
+        sumOfSquares *= static_cast<double>(columns) / common;
+    return static_cast<float>(std::sqrt(sumOfSquares));
+}
+
+float SingleLinkageDistanceCalculator::MergedDistance(int a, int b, int k) const
+{
+    return std::min(Distance(a, k), Distance(b, k));
+}

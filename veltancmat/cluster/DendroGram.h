@@ -1,0 +1,95 @@
+#pragma once
+
+#include "veltancmat/containers/NCDataMatrix.h"
+#include "veltancmat/platform/Export.h"
+#include "veltancmat/platform/NCError.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+class NCProgress;
+// Where a dendrogram too large for memory will be kept; not used yet.
+class QvStreamSource;
+
+// Two clusters (0-based) and the distance between them.
+struct DistanceAndIndex {
+    float distance;
+    std::int32_t first;
+    std::int32_t second;
+};
+
+// Agglomerative hierarchical clustering of the rows of a data matrix: every
+// row starts as a cluster of its own, and the two nearest clusters merge
+// until one is left. The merges form a binary tree whose leaves are the rows
+// and whose inner nodes stand at the distance of their merge.
+//
+//   WardDistanceCalculator ward(WardDistanceCalculator::ErrorSS);
+//   std::unique_ptr<DendroGram::DendroGramNode> root(DendroGram::GetDendroGram(data, ward, progress, nullptr));
+namespace DendroGram {
+
+// One node of the tree: a leaf names a row (0-based), an inner node the
+// height of its merge and the two subtrees, which it owns.
+class VELTANCMAT_API DendroGramNode {
+public:
+    explicit DendroGramNode(int row);
+    // Takes ownership of both children.
+    DendroGramNode(float height, DendroGramNode* left, DendroGramNode* right);
+    // Frees the subtree without recursion: a tree of chained merges is as
+    // deep as the data has rows.
+    ~DendroGramNode();
+    DendroGramNode(const DendroGramNode&) = delete;
+    DendroGramNode& operator=(const DendroGramNode&) = delete;
+
+    bool IsLeaf() const { return !m_left; }
+    // The row of a leaf; -1 for an inner node.
+    int GetRow() const { return m_row; }
+    // The merge distance of an inner node; 0 for a leaf.
+    float GetHeight() const { return m_height; }
+    DendroGramNode* GetLeft() const { return m_left.get(); }
+    DendroGramNode* GetRight() const { return m_right.get(); }
+
+private:
+    float m_height = 0.0f;
+    int m_row = -1;
+    std::unique_ptr<DendroGramNode> m_left;
+    std::unique_ptr<DendroGramNode> m_right;
+};
+
+// Finds the merges, one at a time. Clusters are numbered 0..m-1 in the order
+// of their first rows; after a merge of a and b (a < b) the merged cluster
+// keeps number a, and the clusters above b move down by one.
+//
+// At every step the pair at the smallest distance merges. Among pairs at an
+// equal distance the one with the smallest first number wins, and then the
+// one with the smallest second number: the order of a list sorted by
+// (distance, first, second).
+class VELTANCMAT_API ClusterDistanceCalculator {
+public:
+    virtual ~ClusterDistanceCalculator();
+    // Computes the distances between the rows. Throws NCError (Error) for
+    // data the distances cannot be defined for, ClusterAllocationError when
+    // they do not fit in memory, CancelException on a break.
+    virtual void Init(const NCDataMatrix<float>& data, NCProgress* progress) = 0;
+    // Merges the nearest pair, sets a < b to its numbers and returns its distance.
+    virtual float FindNearestAndMerge(int& a, int& b) = 0;
+    virtual std::string GetId() const = 0;
+};
+
+// Too many rows, or no memory for the distances between them.
+class VELTANCMAT_API ClusterAllocationError : public NCError {
+public:
+    explicit ClusterAllocationError(long long rows);
+    ClusterAllocationError(const ClusterAllocationError&) = default;
+    ~ClusterAllocationError() override;
+};
+
+// The tree of the rows of `data`, merged as `calculator` decides. The caller
+// owns the root; null for data without rows. Throws what Init throws, and
+// CancelException "Cluster analysis aborted." on a break while merging, with
+// every node built so far freed. `source` is passed on to a later disk-based
+// variant and is not used.
+VELTANCMAT_API DendroGramNode* GetDendroGram(const NCDataMatrix<float>& data, ClusterDistanceCalculator& calculator,
+                                             NCProgress* progress, QvStreamSource* source);
+
+} // namespace DendroGram
