@@ -39,7 +39,8 @@ struct GreedyCase {
 
 TEST(ClusterMergeOrder, AgreesWithGreedyForEveryLinkage)
 {
-    const GreedyCase cases[] = {{30, 4, 0.0}, {45, 7, 0.0}, {30, 4, 0.15}, {45, 8, 0.2}, {25, 12, 0.25}};
+    const GreedyCase cases[] = {{30, 4, 0.0}, {45, 7, 0.0}, {30, 4, 0.15}, {45, 8, 0.2}, {25, 12, 0.25}, {160, 3, 0.0},
+                                {160, 4, 0.2}};
     unsigned seed = 11;
     for (const GreedyCase& c : cases) {
         const NCDataMatrix<float> data = RandomMatrix(c.rows, c.cols, ++seed, c.missing);
