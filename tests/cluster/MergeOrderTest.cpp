@@ -108,24 +108,6 @@ TEST(ClusterMergeOrder, ThreadCountDoesNotChangeTheMerges)
     }
 }
 
-// A copy continues from where the original stood, independently of it.
-TEST(ClusterMergeOrder, CopiesContinueIndependently)
-{
-    const NCDataMatrix<float> data = RandomMatrix(20, 3, 9, 0.1);
-    WardDistanceCalculator original(WardDistanceCalculator::ErrorSS);
-    original.Init(data, nullptr);
-    const std::vector<Merge> head = RunAll(original, 8);
-    WardDistanceCalculator copy = original;
-    const std::vector<Merge> rest = RunAll(original, 13);
-    EXPECT_EQ(original.GetClusterCount(), 1);
-    EXPECT_EQ(copy.GetClusterCount(), 20 - 7);
-    const std::vector<Merge> copied = RunAll(copy, 13);
-    std::vector<Merge> whole = head;
-    whole.insert(whole.end(), copied.begin(), copied.end());
-    ExpectSameMerges(whole, Greedy(data, Linkage::Ward0), "copy");
-    ExpectSameMerges(copied, rest, "original after the copy");
-}
-
 // ---- known answers -----------------------------------------------------
 
 TEST(ClusterMergeOrder, TwoRowsMergeOnceAtTheirDistance)
