@@ -194,6 +194,8 @@ void NearestPairCalculator::ComputeTriangle(const std::vector<float>& rows, int 
 
     const std::vector<int> bounds = BalancedRowRanges(n, WorkerCount(n));
     std::vector<std::thread> threads;
+    // Reserved first, so that only a thread that cannot start can fail below.
+    threads.reserve(bounds.size());
     std::atomic<int> running{0};
     std::exception_ptr failure;
     try {
