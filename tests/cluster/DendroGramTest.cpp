@@ -176,9 +176,19 @@ TEST(DendroGram, PairsWithTooFewCommonValuesAreRefused)
     const NCDataMatrix<float> data =
         MatrixOf({{1, 2, 3, 4, 5, 6}, {1, 2, 3, -99, -99, -99}, {-99, -99, 3, 4, 5, -99}});
     WardDistanceCalculator ward(WardDistanceCalculator::ErrorSS);
-    EXPECT_EQ(ErrorOf([&] { Tree(data, ward); }),
-              "Cluster analysis cannot be performed on data where two rows have less than the square root of the "
-              "number of columns common non-missing elements.");
+    const std::string tooFew = "Cluster analysis cannot be performed on data where two rows have less than the "
+                               "square root of the number of columns common non-missing elements.";
+    EXPECT_EQ(ErrorOf([&] { Tree(data, ward); }), tooFew);
+    // The same pair among the last rows, which other threads compute.
+    NCDataMatrix<float> tall = RandomMatrix(400, 6, 12);
+    for (int j = 4; j <= 6; ++j)
+        tall(390, j, -99.0f);
+    for (int j : {1, 2, 6})
+        tall(398, j, -99.0f);
+    NCMultiThreading::ThreadingControl::SetNumberOfProcessors(4);
+    NCMultiThreading::ThreadingControl::SetThreadingIsOn(true);
+    EXPECT_EQ(ErrorOf([&] { Tree(tall, ward); }), tooFew);
+    NCMultiThreading::ThreadingControl::Reset();
     SingleLinkageDistanceCalculator single;
     EXPECT_EQ(ErrorOf([&] { Tree(MatrixOf({{1, 2, 3, 4, 5, 6}, {1, 2, 3, -99, -99, -99}, {1, 2, 3, 4, -99, -99}}),
                                  single); }),
