@@ -213,7 +213,8 @@ void NearestPairCalculator::ComputeTriangle(const std::vector<float>& rows, int 
         // This thread takes the first range, and the ranges no thread could
         // be started for.
         work(bounds[0], bounds[1], true);
-        work(bounds[threads.size() + 1], n, true);
+        if (!stop.load(std::memory_order_relaxed))
+            work(bounds[threads.size() + 1], n, true);
         while (running.load() > 0 && !stop.load(std::memory_order_relaxed)) {
             CheckedSetValue(progress, static_cast<float>(pairsDone.load(std::memory_order_relaxed)), Aborted);
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
