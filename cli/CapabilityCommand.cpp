@@ -190,7 +190,7 @@ void PrintReport(std::ostream& out, const CapabilityStudy& s)
     out << "Capability of \"" << s.column << "\" in " << s.source << ": " << Plural(s.n, "value") << "; "
         << LimitsPhrase(s) << "\n";
     if (Given(s.lsl) && Given(s.usl) && s.lsl > s.usl)
-        out << "The limits are reversed (LSL above USL): every value counts as out of specification.\n";
+        out << "The limits are reversed (LSL above USL): every value counts as outside the limits.\n";
     out << "\n";
     const std::vector<CapabilityFigure> figures = CapabilityFigures(s);
     for (const CapabilityFigure& f : figures) {

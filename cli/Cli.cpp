@@ -46,7 +46,8 @@ int RunReported(Command& command, const std::string& bundledData, std::ostream& 
 int RunVeltan(int argc, const char* const* argv, const std::string& bundledData, std::ostream& out, std::ostream& err)
 {
     CLI::App app{"veltan: principal component analysis, PLS and OPLS regression of CSV tables with cross-validation, "
-                 "control charts, normality tests, capability and histograms of measured series",
+                 "control charts, normality tests, capability and histograms of measured series, and Fisher's "
+                 "exact test",
                  "veltan"};
     app.set_version_flag("--version", std::string("veltan ") + Version());
     app.require_subcommand(1);

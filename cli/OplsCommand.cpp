@@ -387,12 +387,7 @@ void WriteOplsFiles(RunOutputs& files, const XYTables& data, const OplsOptions& 
 {
     const std::string corner = ObservationHeader(data.x);
     const std::vector<std::string>& rows = data.x.observations;
-    files.Add("fitted", options.fittedPath,
-              [&](std::ostream& file) { WriteTableCsv(file, corner, rows, data.y.variables, fit.fitted); },
-              WrittenTo("Fitted values", options.fittedPath));
-    files.Add("cv_predictions", options.cvPredictionsPath,
-              [&](std::ostream& file) { WriteTableCsv(file, corner, rows, data.y.variables, fit.cvPredicted); },
-              WrittenTo("Cross-validated predictions", options.cvPredictionsPath));
+    AddResponseTables(files, data, options.fittedPath, fit.fitted, options.cvPredictionsPath, fit.cvPredicted);
     files.Add("scores", options.scoresPath,
               [&](std::ostream& file) {
                   WriteTransposedCsv(file, corner, rows, ComponentNames("t", "to", fit),

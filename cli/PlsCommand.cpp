@@ -292,12 +292,7 @@ void WritePlsFiles(RunOutputs& files, const XYTables& data, const PlsOptions& op
     files.Add("coefficients", options.coefficientsPath,
               [&](std::ostream& file) { WriteCoefficients(file, data, fit); },
               WrittenTo("Coefficients", options.coefficientsPath));
-    files.Add("fitted", options.fittedPath,
-              [&](std::ostream& file) { WriteTableCsv(file, corner, rows, data.y.variables, fit.fitted); },
-              WrittenTo("Fitted values", options.fittedPath));
-    files.Add("cv_predictions", options.cvPredictionsPath,
-              [&](std::ostream& file) { WriteTableCsv(file, corner, rows, data.y.variables, fit.cvPredicted); },
-              WrittenTo("Cross-validated predictions", options.cvPredictionsPath));
+    AddResponseTables(files, data, options.fittedPath, fit.fitted, options.cvPredictionsPath, fit.cvPredicted);
     files.Add("scores", options.scoresPath,
               [&](std::ostream& file) { WriteTransposedCsv(file, corner, rows, Numbered("t", fit.kept), fit.scores); },
               WrittenTo("Scores", options.scoresPath));

@@ -1,6 +1,7 @@
 #include "cli/XYTables.h"
 
 #include "cli/CommonOptions.h"
+#include "cli/CsvWriter.h"
 #include "cli/Preprocess.h"
 #include "cli/Report.h"
 #include "cli/ToolError.h"
@@ -125,6 +126,20 @@ void FitXYPreprocessing(const XYTables& data, const std::vector<std::string>& lo
     SplitLogVariables(data, logVariables, xLog, yLog);
     x = FitPreprocessing(data.x, xLog, xScale, blocks.transform, blocks.scale);
     y = FitPreprocessing(data.y, yLog, yScale, blocks.yTransform, blocks.yScale, "--y-scale");
+}
+
+void AddResponseTables(RunOutputs& files, const XYTables& data, const std::string& fittedPath,
+                       const NCDataMatrix<float>& fitted, const std::string& cvPath,
+                       const NCDataMatrix<float>& cvPredicted)
+{
+    const std::string corner = ObservationHeader(data.x);
+    const std::vector<std::string>& rows = data.x.observations;
+    files.Add("fitted", fittedPath,
+              [&](std::ostream& file) { WriteTableCsv(file, corner, rows, data.y.variables, fitted); },
+              WrittenTo("Fitted values", fittedPath));
+    files.Add("cv_predictions", cvPath,
+              [&](std::ostream& file) { WriteTableCsv(file, corner, rows, data.y.variables, cvPredicted); },
+              WrittenTo("Cross-validated predictions", cvPath));
 }
 
 void PrintXYHeading(std::ostream& out, const XYTables& data, const XYSetup& setup)

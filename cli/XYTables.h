@@ -2,6 +2,7 @@
 
 #include "cli/CsvTable.h"
 #include "cli/ModelFile.h"
+#include "cli/RunSkeleton.h"
 
 #include "veltancmat/preprocess/NCScale.h"
 
@@ -48,6 +49,12 @@ void SplitLogVariables(const XYTables& data, const std::vector<std::string>& nam
 void FitXYPreprocessing(const XYTables& data, const std::vector<std::string>& logVariables, NCScale::Scaling xScale,
                         NCScale::Scaling yScale, RegressionBlocks& blocks, NCDataMatrix<float>& x,
                         NCDataMatrix<float>& y);
+
+// The --fitted and --cv-predictions files of a regression: observations x
+// responses in the responses' own units.
+void AddResponseTables(RunOutputs& files, const XYTables& data, const std::string& fittedPath,
+                       const NCDataMatrix<float>& fitted, const std::string& cvPath,
+                       const NCDataMatrix<float>& cvPredicted);
 
 // How a regression was set up, as the first line of its report:
 // "<model> of <tables>: <sizes> (<responses>); X ..., Y ..., <groups>".

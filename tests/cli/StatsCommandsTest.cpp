@@ -184,7 +184,7 @@ TEST(VeltanCapability, HandCheckedIndices)
 }
 
 // One limit gives the one-sided indices; reversed limits put every value
-// out of specification; each missing index says what it needs.
+// outside the limits; each missing index says what it needs.
 TEST(VeltanCapability, OneLimitAndReversedLimits)
 {
     TempDir dir;

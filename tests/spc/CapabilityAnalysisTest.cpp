@@ -42,7 +42,8 @@ TEST(CapabilityAnalysis, IndicesByHand)
             sumT += (Ten[i] - 10.5) * (Ten[i] - 10.5);
     EXPECT_NEAR(v.cpm, 4.5 / (6 * std::sqrt(sumT / 9.0)), 1e-12);
     const boost::math::normal normal(mean, s);
-    const double expected = (boost::math::cdf(normal, 8.0) + boost::math::cdf(boost::math::complement(normal, 12.5))) * 1e6;
+    const double below = boost::math::cdf(normal, 8.0);
+    const double expected = (below + boost::math::cdf(boost::math::complement(normal, 12.5))) * 1e6;
     EXPECT_NEAR(v.expectedPPM, expected, 1e-6 * expected);
     EXPECT_EQ(v.observedPPM, 0.0);
     EXPECT_GT(v.w, 0.5);

@@ -420,7 +420,8 @@ TEST(ControlChart, EstimatedLambdaOnALongSeries)
 TEST(ControlChart, UnknownSpreadLeavesLimitsUnknown)
 {
     for (Type type : {ControlChartEnum::MeanRange, ControlChartEnum::MeanStdDev}) {
-        ControlChart chart = Chart(type, type == ControlChartEnum::MeanRange ? Vec({M, M, M, M}) : Vec({4, M, 4, M}), 2);
+        const NCDataVector<float> data = type == ControlChartEnum::MeanRange ? Vec({M, M, M, M}) : Vec({4, M, 4, M});
+        ControlChart chart = Chart(type, data, 2);
         EXPECT_EQ(type == ControlChartEnum::MeanRange ? chart.GetRangeMean() : chart.GetStdDevMean(), -99.0);
         for (double limit : {chart.GetMeanUCL(), chart.GetMeanLCL(), chart.GetStdDevProcess()})
             EXPECT_EQ(limit, -99.0) << type;

@@ -241,7 +241,8 @@ TEST(WesternElectricRules, AgreesWithPlainJudgingOnRandomSeries)
         const std::vector<int> first = rules.GetFirstBrokens();
         for (int p = 0; p < 300; ++p) {
             const auto found = expected.find(p);
-            EXPECT_EQ(first[static_cast<std::size_t>(p)], found == expected.end() ? -1 : static_cast<int>(*found->second.begin()))
+            const int lowest = found == expected.end() ? -1 : static_cast<int>(*found->second.begin());
+            EXPECT_EQ(first[static_cast<std::size_t>(p)], lowest)
                 << "run " << run << ", point " << p;
         }
     }

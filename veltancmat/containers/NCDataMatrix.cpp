@@ -266,9 +266,11 @@ void NCDataMatrix<T>::RecountMissing()
     if (!m_shared)
         return;
     UnlinkMe();
-    for (int i = 1; i <= m_rows; ++i)
-        if (m_rowArray[i].GetNumMisVal() != static_cast<int>(std::count(m_rowArray[i].begin(), m_rowArray[i].end(), MisVal)))
+    for (int i = 1; i <= m_rows; ++i) {
+        const Vector& row = m_rowArray[i];
+        if (row.GetNumMisVal() != static_cast<int>(std::count(row.begin(), row.end(), MisVal)))
             m_rowArray[i].RecountMissing();
+    }
     RecountColumns();
 }
 

@@ -434,8 +434,8 @@ void NCOPLS::PredictiveScores(const NCDataMatrix<float>& basis, NCDataMatrix<flo
     const NCDataMatrix<float>* y = &m_y;
     for (int i = 1; i <= a; ++i) {
         // The first score is the first basis score: the same projection of X.
-        const NCDataVector<float> t = i == 1 && m_basisScores.SizeRows() >= 1 ? m_basisScores[1]
-                                                                                : x->SpecialNipalsRegressRowsFix(basis[i]);
+        const NCDataVector<float> t =
+            i == 1 && m_basisScores.SizeRows() >= 1 ? m_basisScores[1] : x->SpecialNipalsRegressRowsFix(basis[i]);
         const NCDataVector<float> p = givenP ? (*givenP)[i] : x->SpecialNipalsRegressColumnsFix(t);
         const NCDataVector<float> c = givenC ? (*givenC)[i] : y->SpecialNipalsRegressColumnsFix(t);
         m_tprim.push_back(t);

@@ -180,7 +180,8 @@ void ms_shapiro_wilk::swilk(bool init, const Samples& samples, long n, long n1, 
             if (n > 5) {
                 first = 3;
                 const double a2 = -m[1] / ssumm2 + poly(C2, 6, rsn);
-                fac = std::sqrt((summ2 - 2.0 * m[0] * m[0] - 2.0 * m[1] * m[1]) / (1.0 - 2.0 * a1 * a1 - 2.0 * a2 * a2));
+                fac = std::sqrt((summ2 - 2.0 * m[0] * m[0] - 2.0 * m[1] * m[1]) /
+                                (1.0 - 2.0 * a1 * a1 - 2.0 * a2 * a2));
                 a[1] = a2;
             } else {
                 first = 2;
