@@ -3,7 +3,11 @@
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/platform/ExceptionMessage.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <atomic>
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -27,6 +31,28 @@ ExceptionMessage AllocationMessage(long long rows)
 constexpr int MergesPerUpdate = 64;
 
 } // namespace
+
+namespace {
+std::atomic<std::uint64_t> g_memoryLimit{0};
+} // namespace
+
+void SetMemoryLimit(std::uint64_t bytes)
+{
+    g_memoryLimit.store(bytes);
+}
+
+std::uint64_t GetMemoryLimit()
+{
+    if (const std::uint64_t set = g_memoryLimit.load())
+        return set;
+    // Three quarters of the physical memory: the rest is left to the data,
+    // the tree, the host and the system.
+    const long pages = sysconf(_SC_PHYS_PAGES);
+    const long pageSize = sysconf(_SC_PAGE_SIZE);
+    if (pages <= 0 || pageSize <= 0)
+        return std::uint64_t{1} << 31;
+    return static_cast<std::uint64_t>(pages) / 4 * 3 * static_cast<std::uint64_t>(pageSize);
+}
 
 ClusterAllocationError::ClusterAllocationError(long long rows) : NCError(AllocationMessage(rows), NCError::Error) {}
 

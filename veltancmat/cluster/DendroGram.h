@@ -57,6 +57,13 @@ public:
     ~ClusterAllocationError() override;
 };
 
+// The memory the distances between rows may take before the analysis moves
+// them to temporary files. 0 (the default) means what the machine can hold:
+// the physical memory less a reserve for everything else. Process-wide;
+// meant for the host's settings and for tests that force the disk path.
+VELTANCMAT_API void SetMemoryLimit(std::uint64_t bytes);
+VELTANCMAT_API std::uint64_t GetMemoryLimit();
+
 // The tree of the rows of `data`, merged as `calculator` decides. The caller
 // owns the root; null for data without rows. Throws what Init throws, and
 // CancelException "Cluster analysis aborted." on a break while merging, with
