@@ -59,7 +59,7 @@ inline NCDataMatrix<float> RandomMatrix(int rows, int cols, unsigned seed, doubl
     return m;
 }
 
-inline std::vector<Merge> RunAll(NearestPairCalculator& calculator, int rows)
+inline std::vector<Merge> RunAll(DendroGram::ClusterDistanceCalculator& calculator, int rows)
 {
     std::vector<Merge> merges;
     for (int k = 0; k + 1 < rows; ++k) {
@@ -70,7 +70,7 @@ inline std::vector<Merge> RunAll(NearestPairCalculator& calculator, int rows)
     return merges;
 }
 
-inline std::vector<Merge> Cluster(NearestPairCalculator& calculator, const NCDataMatrix<float>& data)
+inline std::vector<Merge> Cluster(DendroGram::ClusterDistanceCalculator& calculator, const NCDataMatrix<float>& data)
 {
     calculator.Init(data, nullptr);
     return RunAll(calculator, data.SizeRows());
@@ -160,6 +160,42 @@ inline std::vector<Merge> Greedy(const NCDataMatrix<float>& data, Linkage linkag
         const auto& gone = clusters[static_cast<std::size_t>(best.b)];
         kept.insert(kept.end(), gone.begin(), gone.end());
         clusters.erase(clusters.begin() + best.b);
+    }
+    return merges;
+}
+
+// Single linkage as a pass over the list of row pairs sorted by (distance
+// rounded to float, first row, second row): each pair whose rows are in two
+// clusters joins them, the clusters numbered by their first rows.
+inline std::vector<Merge> SortedPairs(const NCDataMatrix<float>& data)
+{
+    struct Pair {
+        float d;
+        int r;
+        int s;
+    };
+    const int n = data.SizeRows();
+    std::vector<Pair> pairs;
+    for (int r = 0; r < n; ++r)
+        for (int s = r + 1; s < n; ++s)
+            pairs.push_back({static_cast<float>(std::sqrt(ScaledSquares(data, r, s))), r, s});
+    std::sort(pairs.begin(), pairs.end(), [](const Pair& x, const Pair& y) {
+        return x.d != y.d ? x.d < y.d : (x.r != y.r ? x.r < y.r : x.s < y.s);
+    });
+    std::vector<int> cluster(static_cast<std::size_t>(n));
+    for (int r = 0; r < n; ++r)
+        cluster[static_cast<std::size_t>(r)] = r;
+    std::vector<Merge> merges;
+    for (const Pair& p : pairs) {
+        const int x = cluster[static_cast<std::size_t>(p.r)];
+        const int y = cluster[static_cast<std::size_t>(p.s)];
+        if (x == y)
+            continue;
+        const int a = std::min(x, y);
+        const int b = std::max(x, y);
+        for (int& c : cluster)
+            c = c == b ? a : (c > b ? c - 1 : c);
+        merges.push_back({p.d, a, b});
     }
     return merges;
 }

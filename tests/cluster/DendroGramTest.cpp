@@ -212,19 +212,29 @@ TEST(DendroGram, MoreThan65535RowsAreRefused)
 
 // ---- progress and breaks -------------------------------------------------
 
-TEST(DendroGram, ProgressShowsEachPhase)
+std::vector<std::string> PhasesOf(const NCDataMatrix<float>& data, DendroGram::ClusterDistanceCalculator& calculator)
 {
     RecordingProgress recorder;
-    WardDistanceCalculator ward(WardDistanceCalculator::ErrorSS);
-    Tree(RandomMatrix(4, 2, 1), ward, &recorder.progress);
-    const std::vector<std::string> expected = {"Allocating memory", "Calculating 6 distances", "Sorting",
-                                               "Merging clusters"};
+    Tree(data, calculator, &recorder.progress);
+    EXPECT_DOUBLE_EQ(recorder.progress.GetFraction(), 1.0);
     std::vector<std::string> seen;
     for (const std::string& c : recorder.captions)
-        if (!c.empty())
+        if (!c.empty() && (seen.empty() || seen.back() != c))
             seen.push_back(c);
-    EXPECT_EQ(seen, expected);
-    EXPECT_DOUBLE_EQ(recorder.progress.GetFraction(), 1.0);
+    return seen;
+}
+
+TEST(DendroGram, ProgressShowsEachPhase)
+{
+    NCDataMatrix<float> gaps = RandomMatrix(4, 4, 1);
+    gaps(1, 1, -99.0f);
+    WardDistanceCalculator ward(WardDistanceCalculator::ErrorSS);
+    EXPECT_EQ(PhasesOf(gaps, ward),
+              (std::vector<std::string>{"Allocating memory", "Calculating 6 distances", "Sorting", "Merging clusters"}));
+    // Complete rows go straight to the chains of nearest neighbours.
+    EXPECT_EQ(PhasesOf(RandomMatrix(4, 4, 1), ward), (std::vector<std::string>{"Merging clusters"}));
+    SingleLinkageDistanceCalculator single;
+    EXPECT_EQ(PhasesOf(gaps, single), (std::vector<std::string>{"Calculating 6 distances", "Merging clusters"}));
 }
 
 // Requests a break after a number of merges, from inside the calculator.
@@ -268,14 +278,28 @@ TEST(DendroGram, BreakWhileCalculatingDistancesThrows)
     for (bool threaded : {false, true}) {
         NCMultiThreading::ThreadingControl::SetNumberOfProcessors(threaded ? 3 : 1);
         NCMultiThreading::ThreadingControl::SetThreadingIsOn(threaded);
-        RecordingProgress recorder;
-        recorder.breakAt = "Calculating";
+        const NCDataMatrix<float> gaps = RandomMatrix(400, 4, 2, 0.1);
         WardDistanceCalculator ward(WardDistanceCalculator::ErrorSS);
-        EXPECT_THROW(Tree(RandomMatrix(400, 3, 2), ward, &recorder.progress), CancelException);
-        EXPECT_EQ(std::find(recorder.captions.begin(), recorder.captions.end(), "Sorting"),
-                  recorder.captions.end());
+        SingleLinkageDistanceCalculator single;
+        for (DendroGram::ClusterDistanceCalculator* calculator :
+             std::vector<DendroGram::ClusterDistanceCalculator*>{&ward, &single}) {
+            RecordingProgress recorder;
+            recorder.breakAt = "Calculating";
+            EXPECT_THROW(Tree(gaps, *calculator, &recorder.progress), CancelException);
+            EXPECT_EQ(std::find(recorder.captions.begin(), recorder.captions.end(), "Merging clusters"),
+                      recorder.captions.end());
+        }
     }
     NCMultiThreading::ThreadingControl::Reset();
+}
+
+// Complete rows merge by chains inside Init; a break there stops them.
+TEST(DendroGram, BreakWhileChainingThrows)
+{
+    RecordingProgress recorder;
+    recorder.breakAt = "Merging";
+    WardDistanceCalculator ward(WardDistanceCalculator::RootErrorSS);
+    EXPECT_THROW(Tree(RandomMatrix(300, 3, 4), ward, &recorder.progress), CancelException);
 }
 
 } // namespace

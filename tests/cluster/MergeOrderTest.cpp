@@ -55,8 +55,9 @@ TEST(ClusterMergeOrder, AgreesWithGreedyForEveryLinkage)
     }
 }
 
-// Integer cells on a coarse grid make many equal distances; the first pair
-// in (first, second) order must still win, as in the greedy scan.
+// Integer cells on a coarse grid make many equal distances. Ward takes the
+// first pair of clusters in (first, second) order, as the greedy scan;
+// single linkage the first pair of rows, as a pass over the sorted pairs.
 TEST(ClusterMergeOrder, TiesGoToTheFirstPair)
 {
     std::mt19937 gen(5);
@@ -67,8 +68,13 @@ TEST(ClusterMergeOrder, TiesGoToTheFirstPair)
             data(i, j, static_cast<float>(cell(gen)));
     SingleLinkageDistanceCalculator single;
     WardDistanceCalculator ward(WardDistanceCalculator::ErrorSS);
-    ExpectSameMerges(Cluster(single, data), Greedy(data, Linkage::Single), "single");
+    ExpectSameMerges(Cluster(single, data), SortedPairs(data), "single");
     ExpectSameMerges(Cluster(ward, data), Greedy(data, Linkage::Ward0), "Ward");
+    // The heights agree with the cluster-level scan whichever pair wins a tie.
+    const std::vector<Merge> single1 = Cluster(single, data);
+    const std::vector<Merge> greedy = Greedy(data, Linkage::Single);
+    for (std::size_t k = 0; k < greedy.size(); ++k)
+        EXPECT_EQ(single1[k].height, greedy[k].height);
 }
 
 // With gaps in the data a merged cluster can come nearer to a third than
@@ -117,7 +123,7 @@ TEST(ClusterMergeOrder, TwoRowsMergeOnceAtTheirDistance)
     WardDistanceCalculator ward0(WardDistanceCalculator::ErrorSS);
     WardDistanceCalculator ward1(WardDistanceCalculator::RootErrorSS);
     SingleLinkageDistanceCalculator single;
-    for (auto* calculator : std::vector<NearestPairCalculator*>{&ward0, &ward1, &single}) {
+    for (auto* calculator : std::vector<DendroGram::ClusterDistanceCalculator*>{&ward0, &ward1, &single}) {
         const std::vector<Merge> merges = Cluster(*calculator, data);
         ASSERT_EQ(merges.size(), 1u);
         EXPECT_EQ(merges[0].a, 0);
@@ -187,7 +193,7 @@ TEST(ClusterMergeOrder, SingleLinkageOnALineMergesTheGapsInOrder)
 
 // Replays the merges on row sets and compares every cluster formed (size,
 // smallest and largest row) and its height with scipy's linkage.
-void ExpectScipyMerges(const double* cells, int rows, int cols, NearestPairCalculator& calculator,
+void ExpectScipyMerges(const double* cells, int rows, int cols, DendroGram::ClusterDistanceCalculator& calculator,
                        const double* heights, const int* clusters, bool ward, const std::string& what)
 {
     const std::vector<Merge> merges = Cluster(calculator, MatrixOf(cells, rows, cols));

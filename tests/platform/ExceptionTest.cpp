@@ -70,6 +70,13 @@ TEST(ExceptionMessage, MalformedPlaceholdersStayLiteral)
     EXPECT_EQ(m.str(), "{0} {} {x} {1 A} {");
 }
 
+TEST(ExceptionMessage, PlaceholderOptionsAreDroppedWithTheirBraces)
+{
+    ExceptionMessage m = ExceptionMessage::translate("{1,num=fixed,precision=3} {2}bytes, {3,open {1,x");
+    m % "1.500" % "G" % "C";
+    EXPECT_EQ(m.str(), "1.500 Gbytes, {3,open {1,x");
+}
+
 TEST(ExceptionMessage, NullTextIsEmpty)
 {
     EXPECT_EQ(ExceptionMessage::translate(nullptr).str(), "");

@@ -1,5 +1,7 @@
 #include "veltancmat/cluster/ClusterDistances.h"
 
+#include "veltancmat/cluster/LinkageScans.h"
+
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/containers/frame/ThreadingControl.h"
@@ -68,7 +70,29 @@ int WorkerCount(int n)
 
 } // namespace
 
-NearestPairCalculator::~NearestPairCalculator() = default;
+void RefuseTooFewCommonValues()
+{
+    Refuse("Cluster analysis cannot be performed on data where two rows have less than the square root of the "
+           "number of columns common non-missing elements.");
+}
+
+void CheckedClusterRows(const NCDataMatrix<float>& data, std::vector<float>& rows, std::vector<std::uint8_t>& complete)
+{
+    const int n = data.SizeRows();
+    const int columns = data.SizeColumns();
+    // The pair count must fit 32 bits.
+    if (n > 65535)
+        throw DendroGram::ClusterAllocationError(n);
+    for (int i = 1; i <= n; ++i)
+        if (2 * data[i].GetNumMisVal() > columns)
+            Refuse("Cluster analysis cannot be performed on data that has rows with more than 50 % missing values.");
+    rows.resize(static_cast<std::size_t>(n) * static_cast<std::size_t>(columns));
+    complete.resize(static_cast<std::size_t>(n));
+    for (int i = 0; i < n; ++i) {
+        std::copy(data[i + 1].begin(), data[i + 1].end(), rows.begin() + static_cast<std::ptrdiff_t>(i) * columns);
+        complete[static_cast<std::size_t>(i)] = data[i + 1].GetNumMisVal() == 0;
+    }
+}
 
 void NearestPairCalculator::Prepare(const std::vector<float>&, int) {}
 
@@ -76,38 +100,34 @@ void NearestPairCalculator::Merged(int, int) {}
 
 void NearestPairCalculator::Init(const NCDataMatrix<float>& data, NCProgress* progress)
 {
+    DropDisk();
+    m_triangle = {};
+    std::vector<float> rows;
+    std::vector<std::uint8_t> complete;
+    CheckedClusterRows(data, rows, complete);
     const int n = data.SizeRows();
     const int columns = data.SizeColumns();
-    // The pair count must fit 32 bits.
-    if (n > 65535)
-        throw DendroGram::ClusterAllocationError(n);
-
-    for (int i = 1; i <= n; ++i)
-        if (2 * data[i].GetNumMisVal() > columns)
-            Refuse("Cluster analysis cannot be performed on data that has rows with more than 50 % missing values.");
-
-    ProgressText(progress, ExceptionMessage::translate("Allocating memory").str());
-    const std::size_t pairs = static_cast<std::size_t>(n) * static_cast<std::size_t>(std::max(n - 1, 0)) / 2;
-    std::vector<float> rows;
-    try {
-        m_triangle.clear();
-        m_triangle.shrink_to_fit();
-        m_triangle.resize(pairs);
-        rows.resize(static_cast<std::size_t>(n) * static_cast<std::size_t>(columns));
-    } catch (const std::bad_alloc&) {
-        m_triangle = {};
-        throw DendroGram::ClusterAllocationError(n);
-    } catch (const std::length_error&) {
-        m_triangle = {};
-        throw DendroGram::ClusterAllocationError(n);
-    }
-    for (int i = 0; i < n; ++i)
-        std::copy(data[i + 1].begin(), data[i + 1].end(), rows.begin() + static_cast<std::ptrdiff_t>(i) * columns);
     m_slots = n;
     Prepare(rows, columns);
 
+    ProgressText(progress, ExceptionMessage::translate("Allocating memory").str());
+    const std::size_t pairs = static_cast<std::size_t>(n) * static_cast<std::size_t>(std::max(n - 1, 0)) / 2;
+    bool fits = pairs * sizeof(float) <= DendroGram::GetMemoryLimit();
+    if (fits) {
+        try {
+            m_triangle.resize(pairs);
+        } catch (const std::bad_alloc&) {
+            m_triangle = {};
+            fits = false;
+        }
+    }
+    if (!fits) {
+        InitOnDisk(rows, complete, columns, progress);
+        return;
+    }
+
     ProgressText(progress, ProgressCaption(nullptr, "Calculating %1% distances", pairs));
-    ComputeTriangle(rows, columns, progress);
+    ComputeTriangle(rows, complete, columns, progress);
 
     // Orders the candidates for the first merge: each row's nearest later row.
     ProgressText(progress, ExceptionMessage::translate("Sorting").str());
@@ -126,14 +146,10 @@ void NearestPairCalculator::Init(const NCDataMatrix<float>& data, NCProgress* pr
     }
 }
 
-void NearestPairCalculator::ComputeTriangle(const std::vector<float>& rows, int columns, NCProgress* progress)
+void NearestPairCalculator::ComputeTriangle(const std::vector<float>& rows, const std::vector<std::uint8_t>& complete,
+                                            int columns, NCProgress* progress)
 {
     const int n = m_slots;
-    std::vector<std::uint8_t> complete(static_cast<std::size_t>(n));
-    for (int i = 0; i < n; ++i) {
-        const float* x = rows.data() + static_cast<std::ptrdiff_t>(i) * columns;
-        complete[static_cast<std::size_t>(i)] = std::none_of(x, x + columns, [](float v) { return IsMisVal(v); });
-    }
     // Fewer common present columns than this leave a pair undefined.
     const double minCommon = std::sqrt(static_cast<double>(columns));
 
@@ -228,8 +244,7 @@ void NearestPairCalculator::ComputeTriangle(const std::vector<float>& rows, int 
     if (failure)
         std::rethrow_exception(failure);
     if (tooFewCommon.load())
-        Refuse("Cluster analysis cannot be performed on data where two rows have less than the square root of the "
-               "number of columns common non-missing elements.");
+        RefuseTooFewCommonValues();
     if (stop.load())
         Aborted.Throw();
     CheckedSetValue(progress, static_cast<float>(total), Aborted);
@@ -260,6 +275,8 @@ int NearestPairCalculator::DenseIndex(int slot) const
 
 float NearestPairCalculator::FindNearestAndMerge(int& a, int& b)
 {
+    if (m_disk)
+        return MergeOnDisk(a, b);
     if (m_live.size() < 2)
         throw NCInternalError("NearestPairCalculator::FindNearestAndMerge");
 
@@ -331,6 +348,28 @@ float NearestPairCalculator::FindNearestAndMerge(int& a, int& b)
 WardDistanceCalculator::WardDistanceCalculator(DistanceType type) : m_type(type) {}
 
 WardDistanceCalculator::~WardDistanceCalculator() = default;
+
+void WardDistanceCalculator::Init(const NCDataMatrix<float>& data, NCProgress* progress)
+{
+    m_replay.Clear();
+    if (data.GetNumMisVal() > 0) {
+        NearestPairCalculator::Init(data, progress);
+        return;
+    }
+    std::vector<float> rows;
+    std::vector<std::uint8_t> complete;
+    CheckedClusterRows(data, rows, complete);
+    Prepare(rows, data.SizeColumns());
+    const DendroGram::RowBlock block{rows.data(), data.SizeRows(), data.SizeColumns(), complete.data()};
+    m_replay.Reset(data.SizeRows(), DendroGram::WardChainMerges(block, progress, Aborted));
+}
+
+float WardDistanceCalculator::FindNearestAndMerge(int& a, int& b)
+{
+    if (!m_replay.Active())
+        return NearestPairCalculator::FindNearestAndMerge(a, b);
+    return Transform(m_replay.Next(a, b));
+}
 
 std::string WardDistanceCalculator::GetId() const
 {
@@ -444,14 +483,24 @@ std::string SingleLinkageDistanceCalculator::GetId() const
     return "SingleLinkageDistanceCalculator";
 }
 
-float SingleLinkageDistanceCalculator::RowDistance(double sumOfSquares, int common, int columns) const
+void SingleLinkageDistanceCalculator::Init(const NCDataMatrix<float>& data, NCProgress* progress)
 {
-    if (common < columns)
-        sumOfSquares *= static_cast<double>(columns) / common;
-    return static_cast<float>(std::sqrt(sumOfSquares));
+    m_replay.Clear();
+    std::vector<float> rows;
+    std::vector<std::uint8_t> complete;
+    CheckedClusterRows(data, rows, complete);
+    const int n = data.SizeRows();
+    const DendroGram::RowBlock block{rows.data(), n, data.SizeColumns(), complete.data()};
+    bool tooFewCommon = false;
+    std::vector<DendroGram::RowEdge> edges =
+        DendroGram::SpanningTreeEdges(block, std::sqrt(static_cast<double>(data.SizeColumns())), tooFewCommon,
+                                      progress, Aborted);
+    if (tooFewCommon)
+        RefuseTooFewCommonValues();
+    m_replay.Reset(n, DendroGram::MergesOfSpanningTree(n, std::move(edges)));
 }
 
-float SingleLinkageDistanceCalculator::MergedDistance(int a, int b, int k) const
+float SingleLinkageDistanceCalculator::FindNearestAndMerge(int& a, int& b)
 {
-    return std::min(Distance(a, k), Distance(b, k));
+    return static_cast<float>(m_replay.Next(a, b));
 }

@@ -1,15 +1,30 @@
 #pragma once
 
 #include "veltancmat/cluster/DendroGram.h"
+#include "veltancmat/cluster/MergeReplay.h"
 #include "veltancmat/containers/NCDataMatrix.h"
 #include "veltancmat/platform/Export.h"
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
-// The part the two distance calculators share: the triangle of distances
-// between the current clusters, and the search for the nearest pair.
+// Checks the rows of `data` for clustering and copies them row after row:
+// refuses more than 65535 rows (ClusterAllocationError) and rows with more
+// than half their values missing (NCError). `complete` flags the rows
+// without a missing value.
+VELTANCMAT_API void CheckedClusterRows(const NCDataMatrix<float>& data, std::vector<float>& rows,
+                                       std::vector<std::uint8_t>& complete);
+
+// Refuses a pair of rows with fewer common present columns than the square
+// root of the column count (NCError).
+[[noreturn]] VELTANCMAT_API void RefuseTooFewCommonValues();
+
+// The general search for the nearest pair, over a triangle of distances
+// between the current clusters. Ward on rows with missing values uses it:
+// there the increase is not reducible (a merged cluster can be nearer to a
+// third than either part was) and no shortcut finds the greedy merges.
 //
 // Init fills the triangle from the rows. The distance of rows r and s sums
 // a term per column where both are present; a column missing from either
@@ -17,9 +32,8 @@
 // columns / common columns. This is the rule the Ward error sum of squares
 // applies to a cluster's column with absent members (members / present), so
 // a row pair with a gap and a merged cluster with one are judged alike.
-// Rows with more than half their values missing, and row pairs with fewer
-// common present columns than the square root of the column count, are
-// refused: their distances would rest on too little of the data.
+// Row pairs with fewer common present columns than the square root of the
+// column count are refused: their distances would rest on too little.
 //
 // Each cluster keeps its nearest neighbour among the clusters after it and
 // the distance to it, exact or, once the neighbour changed or went, a lower
@@ -27,25 +41,28 @@
 // rewrites the merged cluster's distances and touches the neighbours of the
 // others only where they involved the two clusters, so a merge costs O(m)
 // distance updates plus the rescans of the clusters whose neighbour was
-// lost. This finds the same merges as rescanning every pair, also for the
-// Ward increase with missing values, which is not reducible (a merged
-// cluster can be nearer to a third than either part was), where a chain of
-// nearest neighbours could merge in another order.
+// lost.
+//
+// When the triangle does not fit under DendroGram::GetMemoryLimit(), the
+// distances go to temporary files instead and are merged from there (see
+// docs/clustering.md): the same merges, in bounded memory.
 //
 // Slots are the clusters' first rows; a merged cluster keeps the smaller
 // slot, so the order of the slots is the order of the cluster numbers.
 class VELTANCMAT_API NearestPairCalculator : public DendroGram::ClusterDistanceCalculator {
 public:
-    NearestPairCalculator() = default;
-    NearestPairCalculator(const NearestPairCalculator&) = default;
-    NearestPairCalculator& operator=(const NearestPairCalculator&) = default;
+    NearestPairCalculator();
+    // A copy takes the settings and the in-memory state; a run on the disk
+    // is not copied (its files belong to the original).
+    NearestPairCalculator(const NearestPairCalculator& other);
+    NearestPairCalculator& operator=(const NearestPairCalculator& other);
     ~NearestPairCalculator() override;
 
     void Init(const NCDataMatrix<float>& data, NCProgress* progress) override;
     float FindNearestAndMerge(int& a, int& b) override;
 
-    // Number of clusters left.
-    int GetClusterCount() const { return static_cast<int>(m_live.size()); }
+    // Whether the last Init moved the distances to temporary files.
+    bool UsesDisk() const { return m_disk != nullptr; }
 
 protected:
     // The distance of two rows from the sum of squared differences over
@@ -69,7 +86,15 @@ private:
         const auto jj = static_cast<std::size_t>(i < j ? j : i);
         return ii * n - ii * (ii + 1) / 2 + (jj - ii - 1);
     }
-    void ComputeTriangle(const std::vector<float>& rows, int columns, NCProgress* progress);
+    struct DiskState;
+    friend struct DiskState;
+    void ComputeTriangle(const std::vector<float>& rows, const std::vector<std::uint8_t>& complete, int columns,
+                         NCProgress* progress);
+    void InitOnDisk(const std::vector<float>& rows, const std::vector<std::uint8_t>& complete, int columns,
+                    NCProgress* progress);
+    float MergeOnDisk(int& a, int& b);
+    // Ends a run on the disk, removing its files.
+    void DropDisk();
     void Rescan(int slot);
     int DenseIndex(int slot) const;
 
@@ -83,6 +108,7 @@ private:
     std::vector<int> m_nearest;
     std::vector<float> m_nearestDistance;
     std::vector<std::uint8_t> m_stale;
+    std::unique_ptr<DiskState> m_disk;
 };
 
 // Ward's criterion: the increase of the within-cluster error sum of squares
@@ -99,6 +125,10 @@ public:
     WardDistanceCalculator& operator=(const WardDistanceCalculator&) = default;
     ~WardDistanceCalculator() override;
 
+    // Rows without missing values take the chains of nearest neighbours
+    // (LinkageScans.h); rows with some take the general search.
+    void Init(const NCDataMatrix<float>& data, NCProgress* progress) override;
+    float FindNearestAndMerge(int& a, int& b) override;
     std::string GetId() const override;
     DistanceType GetDistanceType() const { return m_type; }
 
@@ -127,6 +157,7 @@ private:
     float Transform(double increase) const;
 
     DistanceType m_type;
+    DendroGram::MergeReplay m_replay;
     int m_columns = 0;
     std::vector<float> m_rows;
     // m_columns entries per slot.
@@ -134,17 +165,23 @@ private:
     std::vector<std::int64_t> m_members;
 };
 
-// Single linkage: the smallest Euclidean distance between members of the two clusters.
-class VELTANCMAT_API SingleLinkageDistanceCalculator : public NearestPairCalculator {
+// Single linkage: the smallest Euclidean distance between members of the
+// two clusters, rows with missing values at their distance scaled to all
+// columns as above. The merges are the edges of the minimum spanning tree
+// of the rows, taken in the order of (distance, first row, second row):
+// exactly what a greedy pass over the sorted list of row pairs does, in
+// O(N^2) time and O(N) memory, so single linkage never needs the disk.
+class VELTANCMAT_API SingleLinkageDistanceCalculator : public DendroGram::ClusterDistanceCalculator {
 public:
     SingleLinkageDistanceCalculator() = default;
     SingleLinkageDistanceCalculator(const SingleLinkageDistanceCalculator&) = default;
     SingleLinkageDistanceCalculator& operator=(const SingleLinkageDistanceCalculator&) = default;
     ~SingleLinkageDistanceCalculator() override;
 
+    void Init(const NCDataMatrix<float>& data, NCProgress* progress) override;
+    float FindNearestAndMerge(int& a, int& b) override;
     std::string GetId() const override;
 
-protected:
-    float RowDistance(double sumOfSquares, int common, int columns) const override;
-    float MergedDistance(int a, int b, int k) const override;
+private:
+    DendroGram::MergeReplay m_replay;
 };

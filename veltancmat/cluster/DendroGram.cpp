@@ -56,6 +56,8 @@ std::uint64_t GetMemoryLimit()
 
 ClusterAllocationError::ClusterAllocationError(long long rows) : NCError(AllocationMessage(rows), NCError::Error) {}
 
+ClusterAllocationError::ClusterAllocationError(const ExceptionMessage& message) : NCError(message, NCError::Error) {}
+
 ClusterAllocationError::~ClusterAllocationError() = default;
 
 DendroGramNode* GetDendroGram(const NCDataMatrix<float>& data, ClusterDistanceCalculator& calculator,

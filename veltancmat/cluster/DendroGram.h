@@ -49,10 +49,12 @@ public:
     virtual std::string GetId() const = 0;
 };
 
-// Too many rows, or no memory for the distances between them.
+// Too many rows, or no memory or temporary file space for the distances between them.
 class VELTANCMAT_API ClusterAllocationError : public NCError {
 public:
     explicit ClusterAllocationError(long long rows);
+    // A temporary file of the disk path that could not be opened or read.
+    explicit ClusterAllocationError(const ExceptionMessage& message);
     ClusterAllocationError(const ClusterAllocationError&) = default;
     ~ClusterAllocationError() override;
 };

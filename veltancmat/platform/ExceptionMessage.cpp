@@ -126,6 +126,9 @@ std::string ExceptionMessage::str() const
 {
     // Scan once: "{n}" with n in 1..arguments is replaced, anything else is
     // copied as it stands (a lone brace, "{0}", "{x}" or an unfilled "{3}").
+    // "{n,options}" is replaced like "{n}": the options ("num=fixed",
+    // "precision=3") say how the caller formatted the argument, and a
+    // translator may keep or drop them.
     std::string out;
     out.reserve(m_translated.size());
     const std::string& t = m_translated;
@@ -136,6 +139,11 @@ std::string ExceptionMessage::str() const
             while (j < t.size() && t[j] >= '0' && t[j] <= '9' && number < 100000) {
                 number = number * 10 + static_cast<std::size_t>(t[j] - '0');
                 ++j;
+            }
+            if (j > i + 1 && j < t.size() && t[j] == ',') {
+                const std::size_t close = t.find_first_of("{}", j);
+                if (close != std::string::npos && t[close] == '}')
+                    j = close;
             }
             if (j > i + 1 && j < t.size() && t[j] == '}' && number >= 1 && number <= m_arguments.size()) {
                 out += m_arguments[number - 1];
