@@ -154,6 +154,7 @@ private:
     };
     static double Increase(const ColumnSums* a, std::int64_t membersA, const ColumnSums* b, std::int64_t membersB,
                            int columns);
+    static double OwnSS(const ColumnSums* a, std::int64_t members, int columns);
     float Transform(double increase) const;
 
     DistanceType m_type;
@@ -163,6 +164,8 @@ private:
     // m_columns entries per slot.
     std::vector<ColumnSums> m_sums;
     std::vector<std::int64_t> m_members;
+    // Per slot: the cluster's own error sum of squares.
+    std::vector<double> m_ownSS;
 };
 
 // Single linkage: the smallest Euclidean distance between members of the

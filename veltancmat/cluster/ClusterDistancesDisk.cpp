@@ -5,6 +5,8 @@
 
 #include "veltancmat/cluster/ClusterDistances.h"
 
+#include "veltancmat/cluster/PairSquares.h"
+
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/platform/ExceptionMessage.h"
@@ -18,6 +20,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <limits>
 #include <memory>
 #include <string>
@@ -59,6 +62,22 @@ ExceptionMessage FileMessage(const char* text, const std::filesystem::path& path
 [[noreturn]] void ThrowReadError()
 {
     throw DendroGram::ClusterAllocationError(ExceptionMessage::translate("Error when reading from temporary file."));
+}
+
+// A new temporary file; a folder that cannot take one ends the analysis
+// as a file that cannot be opened.
+TempFile NewTempFile()
+{
+    try {
+        return TempFile("Dendro_");
+    } catch (const Exception&) {
+        std::filesystem::path folder;
+        try {
+            folder = QvGetTempDirectory();
+        } catch (const Exception&) {
+        }
+        ThrowCannotOpen(folder / "Dendro_");
+    }
 }
 
 struct FileCloser {
@@ -108,7 +127,13 @@ void ReadAll(const std::filesystem::path& path, const Take& take)
 // A "no" ends the analysis.
 void AgreeOnDisk(int rows, double neededBytes)
 {
-    const std::filesystem::path folder = QvGetTempDirectory();
+    std::filesystem::path folder;
+    try {
+        folder = QvGetTempDirectory();
+    } catch (const Exception&) {
+        const char* named = std::getenv("TMPDIR");
+        ThrowCannotOpen(std::filesystem::path(named ? named : "") / "Dendro_");
+    }
     double free = 0.0;
     try {
         free = static_cast<double>(QvSystemInfo::GetFreeDiskSpace(folder));
@@ -224,7 +249,7 @@ struct NearestPairCalculator::DiskState {
             return false;
         std::vector<Partition> parts;
         for (float upper : bounds)
-            parts.push_back({upper, TempFile("Dendro_"), 0, {}});
+            parts.push_back({upper, NewTempFile(), 0, {}});
         ReadAll(path, [&](const Record* r, std::size_t count) {
             for (std::size_t i = 0; i < count; ++i) {
                 if (!Valid(r[i]))
@@ -339,7 +364,7 @@ void NearestPairCalculator::InitOnDisk(const std::vector<float>& rows, const std
 
     auto disk = std::make_unique<DiskState>();
     disk->rows = n;
-    disk->capacity = std::max<std::size_t>(4096, DendroGram::GetMemoryLimit() / (2 * sizeof(Record)));
+    disk->capacity = std::max<std::size_t>(1024, DendroGram::GetMemoryLimit() / (2 * sizeof(Record)));
     disk->slotOf.resize(2 * static_cast<std::size_t>(n));
     disk->alive.assign(2 * static_cast<std::size_t>(n), 0);
     disk->idOf.resize(static_cast<std::size_t>(n));
@@ -368,22 +393,14 @@ void NearestPairCalculator::InitOnDisk(const std::vector<float>& rows, const std
 #pragma omp parallel for schedule(dynamic, 4) reduction(|| : fewer)
         for (int r = from; r < to; ++r) {
             // Pairs of the rows before r in this segment come first.
-            const std::size_t offset = static_cast<std::size_t>(r - from) * static_cast<std::size_t>(n - 1 - from) -
-                                       static_cast<std::size_t>(r - from) * static_cast<std::size_t>(r - from - 1) /
-                                           2 -
-                                       static_cast<std::size_t>(r - from);
+            const auto before = static_cast<std::size_t>(r - from);
+            const std::size_t offset =
+                before * static_cast<std::size_t>(n - 1 - from) - before * (before - (before > 0 ? 1 : 0)) / 2;
             const float* x = rows.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(columns);
             for (int s = r + 1; s < n; ++s) {
                 const float* y = rows.data() + static_cast<std::size_t>(s) * static_cast<std::size_t>(columns);
-                double sum = 0.0;
                 int common = 0;
-                for (int j = 0; j < columns; ++j) {
-                    if (IsMisVal(x[j]) || IsMisVal(y[j]))
-                        continue;
-                    const double d = static_cast<double>(x[j]) - y[j];
-                    sum += d * d;
-                    ++common;
-                }
+                const double sum = DendroGram::PairSquares(x, y, columns, common);
                 if (!complete[static_cast<std::size_t>(r)] || !complete[static_cast<std::size_t>(s)])
                     fewer = fewer || common < minCommon;
                 block[offset + static_cast<std::size_t>(s - r - 1)] =
@@ -393,7 +410,7 @@ void NearestPairCalculator::InitOnDisk(const std::vector<float>& rows, const std
         }
         if (fewer)
             RefuseTooFewCommonValues();
-        segments.emplace_back("Dendro_");
+        segments.push_back(NewTempFile());
         File f = Open(segments.back().Path(), "wb");
         Write(f.get(), block.data(), block.size(), n);
         Flush(f.get(), n);
@@ -409,7 +426,7 @@ void NearestPairCalculator::InitOnDisk(const std::vector<float>& rows, const std
     ProgressText(progress, ExceptionMessage::translate("Splitting distances").str());
     ProgressRange(progress, 0.0f, static_cast<float>(std::max<std::size_t>(segments.size(), 1)));
     for (float upper : DiskState::Bounds(std::move(sample), pairs, disk->capacity))
-        disk->partitions.push_back({upper, TempFile("Dendro_"), 0, {}});
+        disk->partitions.push_back({upper, NewTempFile(), 0, {}});
     for (std::size_t k = 0; k < segments.size(); ++k) {
         ReadAll(segments[k].Path(), [&](const Record* r, std::size_t count) {
             for (std::size_t i = 0; i < count; ++i)

@@ -1,6 +1,6 @@
 #include "veltancmat/cluster/LinkageScans.h"
 
-#include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/cluster/PairSquares.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/platform/ExceptionMessage.h"
 
@@ -292,20 +292,10 @@ std::vector<RowEdge> SpanningTreeEdges(const RowBlock& data, double minCommon, b
                 const float* x = data.cells + static_cast<std::size_t>(v) * k;
                 double squares = 0.0;
                 if (uComplete && data.complete[v]) {
-#pragma omp simd reduction(+ : squares)
-                    for (std::size_t j = 0; j < k; ++j) {
-                        const double d = static_cast<double>(u[j]) - x[j];
-                        squares += d * d;
-                    }
+                    squares = CompleteSquares(u, x, data.columns);
                 } else {
                     int common = 0;
-                    for (std::size_t j = 0; j < k; ++j) {
-                        if (IsMisVal(u[j]) || IsMisVal(x[j]))
-                            continue;
-                        const double d = static_cast<double>(u[j]) - x[j];
-                        squares += d * d;
-                        ++common;
-                    }
+                    squares = PairSquares(u, x, data.columns, common);
                     if (common < minCommon) {
                         fewer = true;
                         continue;

@@ -1,0 +1,39 @@
+#pragma once
+
+// The squared difference of two rows over the columns where both are
+// present, and the count of those columns: the base of every distance
+// between rows. Branch-free, so that the loop vectorises also for rows
+// with gaps.
+
+#include "veltancmat/containers/frame/MissingValue.h"
+
+namespace DendroGram {
+
+inline double PairSquares(const float* x, const float* y, int columns, int& common)
+{
+    double squares = 0.0;
+    int present = 0;
+#pragma omp simd reduction(+ : squares, present)
+    for (int j = 0; j < columns; ++j) {
+        const bool both = !IsMisVal(x[j]) && !IsMisVal(y[j]);
+        const double d = both ? static_cast<double>(x[j]) - y[j] : 0.0;
+        squares += d * d;
+        present += both ? 1 : 0;
+    }
+    common = present;
+    return squares;
+}
+
+// The same for two rows without gaps.
+inline double CompleteSquares(const float* x, const float* y, int columns)
+{
+    double squares = 0.0;
+#pragma omp simd reduction(+ : squares)
+    for (int j = 0; j < columns; ++j) {
+        const double d = static_cast<double>(x[j]) - y[j];
+        squares += d * d;
+    }
+    return squares;
+}
+
+} // namespace DendroGram
