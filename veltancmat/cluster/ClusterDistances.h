@@ -61,6 +61,9 @@ public:
     void Init(const NCDataMatrix<float>& data, NCProgress* progress) override;
     float FindNearestAndMerge(int& a, int& b) override;
 
+    // One candidate merge as the disk path stores it.
+    struct DiskRecord;
+
     // Whether the last Init moved the distances to temporary files.
     bool UsesDisk() const { return m_disk != nullptr; }
 
@@ -93,6 +96,10 @@ private:
     void InitOnDisk(const std::vector<float>& rows, const std::vector<std::uint8_t>& complete, int columns,
                     NCProgress* progress);
     float MergeOnDisk(int& a, int& b);
+    // Fills `block` with the records of rows [from, to); true when a pair
+    // has too few common values.
+    bool SaveRowsOfSegment(const std::vector<float>& rows, const std::vector<std::uint8_t>& complete, int columns,
+                           int from, int to, std::vector<DiskRecord>& block) const;
     // Ends a run on the disk, removing its files.
     void DropDisk();
     void Rescan(int slot);

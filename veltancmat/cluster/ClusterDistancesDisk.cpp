@@ -28,17 +28,19 @@
 #include <utility>
 #include <vector>
 
-namespace {
-
-const CancelText Aborted("Cluster analysis aborted.");
-
 // One candidate merge as stored on the disk: the distance and the ids of
 // the two clusters (rows are ids 0..N-1, the m-th merged cluster N + m).
-struct Record {
+struct NearestPairCalculator::DiskRecord {
     float distance;
     std::uint32_t first;
     std::uint32_t second;
 };
+
+namespace {
+
+const CancelText Aborted("Cluster analysis aborted.");
+
+using Record = NearestPairCalculator::DiskRecord;
 static_assert(sizeof(Record) == 12, "records are written as they lie in memory");
 
 // Records per temporary-file read or write.
@@ -229,6 +231,26 @@ struct NearestPairCalculator::DiskState {
         ProgressText(progress, ExceptionMessage::translate("Merging clusters").str());
     }
 
+    // Routes the records of the segments into partitions by distance.
+    void SplitSegments(std::vector<TempFile>& segments, std::vector<float> sample, std::size_t total,
+                       NCProgress* progress)
+    {
+        ProgressText(progress, ExceptionMessage::translate("Splitting distances").str());
+        ProgressRange(progress, 0.0f, static_cast<float>(std::max<std::size_t>(segments.size(), 1)));
+        for (float upper : Bounds(std::move(sample), total, capacity))
+            partitions.push_back({upper, NewTempFile(), 0, {}});
+        for (std::size_t k = 0; k < segments.size(); ++k) {
+            ReadAll(segments[k].Path(), [&](const Record* r, std::size_t count) {
+                for (std::size_t i = 0; i < count; ++i)
+                    Append(partitions[PartitionOf(r[i].distance)], r[i]);
+            });
+            segments[k].Remove();
+            CheckedSetValue(progress, static_cast<float>(k + 1), Aborted);
+        }
+        for (Partition& p : partitions)
+            Spill(p);
+    }
+
     // Re-partitions partition `index` by the distances it holds; false
     // when they are all alike and cannot be told apart.
     bool Split(std::size_t index, NCProgress* progress)
@@ -354,6 +376,32 @@ void NearestPairCalculator::DropDisk()
     m_disk.reset();
 }
 
+bool NearestPairCalculator::SaveRowsOfSegment(const std::vector<float>& rows, const std::vector<std::uint8_t>& complete,
+                                              int columns, int from, int to, std::vector<Record>& block) const
+{
+    const int n = m_slots;
+    const double minCommon = std::sqrt(static_cast<double>(columns));
+    bool fewer = false;
+#pragma omp parallel for schedule(dynamic, 4) reduction(|| : fewer)
+    for (int r = from; r < to; ++r) {
+        // Pairs of the rows before r in this segment come first.
+        const auto before = static_cast<std::size_t>(r - from);
+        const std::size_t offset =
+            before * static_cast<std::size_t>(n - 1 - from) - before * (before - (before > 0 ? 1 : 0)) / 2;
+        const float* x = rows.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(columns);
+        for (int s = r + 1; s < n; ++s) {
+            const float* y = rows.data() + static_cast<std::size_t>(s) * static_cast<std::size_t>(columns);
+            int common = 0;
+            const double sum = DendroGram::PairSquares(x, y, columns, common);
+            if (!complete[static_cast<std::size_t>(r)] || !complete[static_cast<std::size_t>(s)])
+                fewer = fewer || common < minCommon;
+            block[offset + static_cast<std::size_t>(s - r - 1)] =
+                Record{RowDistance(sum, common, columns), static_cast<std::uint32_t>(r), static_cast<std::uint32_t>(s)};
+        }
+    }
+    return fewer;
+}
+
 void NearestPairCalculator::InitOnDisk(const std::vector<float>& rows, const std::vector<std::uint8_t>& complete,
                                        int columns, NCProgress* progress)
 {
@@ -378,7 +426,6 @@ void NearestPairCalculator::InitOnDisk(const std::vector<float>& rows, const std
     // Segments of whole rows, each about one partition's capacity.
     ProgressText(progress, ProgressCaption(nullptr, "Calculating and saving %1% distances", pairs));
     ProgressRange(progress, 0.0f, static_cast<float>(std::max<std::size_t>(pairs, 1)));
-    const double minCommon = std::sqrt(static_cast<double>(columns));
     std::vector<TempFile> segments;
     std::vector<float> sample;
     std::vector<Record> block;
@@ -389,25 +436,7 @@ void NearestPairCalculator::InitOnDisk(const std::vector<float>& rows, const std
         while (to < n - 1 && (count == 0 || count + static_cast<std::size_t>(n - to - 1) <= disk->capacity))
             count += static_cast<std::size_t>(n - 1 - to++);
         block.resize(count);
-        bool fewer = false;
-#pragma omp parallel for schedule(dynamic, 4) reduction(|| : fewer)
-        for (int r = from; r < to; ++r) {
-            // Pairs of the rows before r in this segment come first.
-            const auto before = static_cast<std::size_t>(r - from);
-            const std::size_t offset =
-                before * static_cast<std::size_t>(n - 1 - from) - before * (before - (before > 0 ? 1 : 0)) / 2;
-            const float* x = rows.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(columns);
-            for (int s = r + 1; s < n; ++s) {
-                const float* y = rows.data() + static_cast<std::size_t>(s) * static_cast<std::size_t>(columns);
-                int common = 0;
-                const double sum = DendroGram::PairSquares(x, y, columns, common);
-                if (!complete[static_cast<std::size_t>(r)] || !complete[static_cast<std::size_t>(s)])
-                    fewer = fewer || common < minCommon;
-                block[offset + static_cast<std::size_t>(s - r - 1)] =
-                    Record{RowDistance(sum, common, columns), static_cast<std::uint32_t>(r),
-                           static_cast<std::uint32_t>(s)};
-            }
-        }
+        const bool fewer = SaveRowsOfSegment(rows, complete, columns, from, to, block);
         if (fewer)
             RefuseTooFewCommonValues();
         segments.push_back(NewTempFile());
@@ -423,21 +452,7 @@ void NearestPairCalculator::InitOnDisk(const std::vector<float>& rows, const std
     }
     block = {};
 
-    ProgressText(progress, ExceptionMessage::translate("Splitting distances").str());
-    ProgressRange(progress, 0.0f, static_cast<float>(std::max<std::size_t>(segments.size(), 1)));
-    for (float upper : DiskState::Bounds(std::move(sample), pairs, disk->capacity))
-        disk->partitions.push_back({upper, NewTempFile(), 0, {}});
-    for (std::size_t k = 0; k < segments.size(); ++k) {
-        ReadAll(segments[k].Path(), [&](const Record* r, std::size_t count) {
-            for (std::size_t i = 0; i < count; ++i)
-                disk->Append(disk->partitions[disk->PartitionOf(r[i].distance)], r[i]);
-        });
-        segments[k].Remove();
-        CheckedSetValue(progress, static_cast<float>(k + 1), Aborted);
-    }
-    for (DiskState::Partition& p : disk->partitions)
-        disk->Spill(p);
-
+    disk->SplitSegments(segments, std::move(sample), pairs, progress);
     m_disk = std::move(disk);
     m_live.resize(static_cast<std::size_t>(n));
     for (int i = 0; i < n; ++i)
