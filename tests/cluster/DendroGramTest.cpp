@@ -127,6 +127,9 @@ TEST(DendroGram, IdsNameTheCalculator)
     EXPECT_EQ(WardDistanceCalculator(WardDistanceCalculator::ErrorSS).GetId(), "WardDistanceCalculator0");
     EXPECT_EQ(WardDistanceCalculator(WardDistanceCalculator::RootErrorSS).GetId(), "WardDistanceCalculator1");
     EXPECT_EQ(SingleLinkageDistanceCalculator().GetId(), "SingleLinkageDistanceCalculator");
+    WardDistanceCalculator unknown(static_cast<WardDistanceCalculator::DistanceType>(2));
+    EXPECT_EQ(unknown.GetId(), "WardDistanceCalculator2");
+    EXPECT_THROW(unknown.Init(RandomMatrix(5, 2, 1), nullptr), InvalidArgument);
 }
 
 TEST(DendroGram, ErrorSSFollowsTheColumnRule)

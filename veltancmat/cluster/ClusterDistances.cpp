@@ -6,6 +6,7 @@
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/containers/frame/ThreadingControl.h"
+#include "veltancmat/platform/Exception.h"
 #include "veltancmat/platform/ExceptionMessage.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -16,6 +17,7 @@
 #include <chrono>
 #include <cmath>
 #include <exception>
+#include <functional>
 #include <limits>
 #include <new>
 #include <system_error>
@@ -53,6 +55,50 @@ std::vector<int> BalancedRowRanges(int n, int workers)
     }
     bounds.push_back(n);
     return bounds;
+}
+
+int WorkerCount(int n);
+
+// Runs work(from, to, report) over row ranges of the triangle with equal
+// pair counts, one range per worker thread; the calling thread takes the
+// first range, any range no thread could be started for, and reports the
+// pairs done until the workers finish or `stop` is set.
+void RunOnRowRanges(int n, std::atomic<bool>& stop, const std::atomic<long long>& pairsDone, NCProgress* progress,
+                    const std::function<void(int, int, bool)>& work)
+{
+    const std::vector<int> bounds = BalancedRowRanges(n, WorkerCount(n));
+    std::vector<std::thread> threads;
+    // Reserved first, so that only a thread that cannot start can fail below.
+    threads.reserve(bounds.size());
+    std::atomic<int> running{0};
+    std::exception_ptr failure;
+    try {
+        for (std::size_t t = 1; t + 1 < bounds.size(); ++t) {
+            running.fetch_add(1);
+            threads.emplace_back([&, from = bounds[t], to = bounds[t + 1]] {
+                work(from, to, false);
+                running.fetch_sub(1);
+            });
+        }
+    } catch (const std::system_error&) {
+        running.fetch_sub(1);
+    }
+    try {
+        work(bounds[0], bounds[1], true);
+        if (!stop.load(std::memory_order_relaxed))
+            work(bounds[threads.size() + 1], n, true);
+        while (running.load() > 0 && !stop.load(std::memory_order_relaxed)) {
+            CheckedSetValue(progress, static_cast<float>(pairsDone.load(std::memory_order_relaxed)), Aborted);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+    } catch (...) {
+        stop.store(true);
+        failure = std::current_exception();
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    if (failure)
+        std::rethrow_exception(failure);
 }
 
 int WorkerCount(int n)
@@ -199,41 +245,7 @@ void NearestPairCalculator::ComputeTriangle(const std::vector<float>& rows, cons
         pairsDone.fetch_add(pending, std::memory_order_relaxed);
     };
 
-    const std::vector<int> bounds = BalancedRowRanges(n, WorkerCount(n));
-    std::vector<std::thread> threads;
-    // Reserved first, so that only a thread that cannot start can fail below.
-    threads.reserve(bounds.size());
-    std::atomic<int> running{0};
-    std::exception_ptr failure;
-    try {
-        for (std::size_t t = 1; t + 1 < bounds.size(); ++t) {
-            running.fetch_add(1);
-            threads.emplace_back([&, from = bounds[t], to = bounds[t + 1]] {
-                work(from, to, false);
-                running.fetch_sub(1);
-            });
-        }
-    } catch (const std::system_error&) {
-        running.fetch_sub(1);
-    }
-    try {
-        // This thread takes the first range, and the ranges no thread could
-        // be started for.
-        work(bounds[0], bounds[1], true);
-        if (!stop.load(std::memory_order_relaxed))
-            work(bounds[threads.size() + 1], n, true);
-        while (running.load() > 0 && !stop.load(std::memory_order_relaxed)) {
-            CheckedSetValue(progress, static_cast<float>(pairsDone.load(std::memory_order_relaxed)), Aborted);
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-    } catch (...) {
-        stop.store(true);
-        failure = std::current_exception();
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-    if (failure)
-        std::rethrow_exception(failure);
+    RunOnRowRanges(n, stop, pairsDone, progress, work);
     if (tooFewCommon.load())
         RefuseTooFewCommonValues();
     if (stop.load())
@@ -348,6 +360,10 @@ WardDistanceCalculator::~WardDistanceCalculator() = default;
 void WardDistanceCalculator::Init(const NCDataMatrix<float>& data, NCProgress* progress)
 {
     m_replay.Clear();
+    // Any other type would leave no distances to merge by.
+    if (m_type != ErrorSS && m_type != RootErrorSS)
+        throw InvalidArgument("WardDistanceCalculator: the distance type must be 0 (error sum of squares) or 1 "
+                              "(its square root)");
     if (data.GetNumMisVal() > 0) {
         NearestPairCalculator::Init(data, progress);
         return;
