@@ -26,8 +26,8 @@ namespace DendroGram {
 //
 // Clusters are returned, and numbered 1..k, from left to right in the
 // tree: by their first leaf in the leaf order. In a tree built by
-// GetDendroGram each left child holds the smaller rows, so cluster 1 holds
-// row 0, and every cluster's first leaf is its smallest row.
+// GetDendroGram each left child holds its parent's smallest row, so cluster
+// 1 holds row 0 and every cluster's first leaf is its smallest row.
 class VELTANCMAT_API DendroGramNodeLister {
 public:
     // The rows of the leaves under `node`, left to right.
