@@ -6,6 +6,7 @@
 #include "veltancmat/cluster/DendroGramDrawer.h"
 #include "veltancmat/cluster/DendroGramNodeLister.h"
 #include "veltancmat/cluster/DendroGramRecord.h"
+#include "veltancmat/platform/ExceptionMessage.h"
 #include "veltancmat/platform/NCError.h"
 #include "veltancmat/platform/QvStream.h"
 
@@ -507,4 +508,31 @@ TEST(DendroRecord, DeepChainWalksWithoutRecursion)
     ASSERT_TRUE(read.ReadObject(in));
     EXPECT_EQ(read.GetRoot()->GetLeafCount(), Leaves);
     EXPECT_EQ(read.GetRoot()->GetHeight(), Leaves - 1.0f);
+}
+
+// The messages a user may see come from the catalogue.
+TEST(DendroMessages, AreTranslated)
+{
+    MessageCatalog::SetLanguage("de_DE.UTF-8", VELTAN_TEST_LOCALE_DIR);
+    const Sample s;
+    std::string count, later;
+    try {
+        DendroGramNodeLister::CutIntoClusters(*s.root, 9);
+    } catch (const NCError& e) {
+        count = e.what();
+    }
+    Sample copy;
+    std::string bytes = Bytes(DendroGramRecord(std::move(copy.root), "x"));
+    bytes[7] = 3;
+    std::istringstream in(bytes);
+    DendroGramRecord record;
+    try {
+        record.ReadObject(in);
+    } catch (const QvStreamError& e) {
+        later = e.what();
+    }
+    MessageCatalog::SetLanguage("C");
+    EXPECT_EQ(count, "Die Anzahl der Cluster muss zwischen 1 und 6, der Anzahl der Zeilen, liegen, nicht 9.");
+    EXPECT_EQ(later, "Das Dendrogramm wurde von einer neueren Version gespeichert (Satzversion 3); diese Version liest "
+                     "bis 1.");
 }
