@@ -562,8 +562,12 @@ class ClusterCommand final : public TableCommand<ClusterOptions> {
     {
         if (m_clustersOption->count() > 0 && m_heightOption->count() > 0)
             throw ToolError("--clusters and --height choose the cut two ways; give one of them", ExitUsage);
-        if (m_heightOption->count() > 0)
+        if (m_heightOption->count() > 0) {
+            // NaN passes CLI11's range check.
+            if (!std::isfinite(m_height))
+                throw ToolError("--height: the height must be a finite number", ExitUsage);
             m_options.height = m_height;
+        }
         m_options.scale = ScalingNamed(m_scale);
         return RunCluster(m_options, out);
     }
