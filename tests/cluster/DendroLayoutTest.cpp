@@ -126,28 +126,6 @@ TEST(DendroLayout, PlacesLeavesInTreeOrderAndNodesAtTheirSpan)
     EXPECT_TRUE(single.leaves.size() == 1 && single.inners.empty() && single.segments.empty());
 }
 
-// Clustered data with missing cells (inversions possible): every leg rises
-// vertically to its node's bar, which joins the two legs' tops.
-TEST(DendroLayout, LegsRiseToTheirBarOnClusteredData)
-{
-    WardDistanceCalculator ward(WardDistanceCalculator::ErrorSS);
-    const Root root = Cluster(RandomMatrix(80, 5, 33, 0.2), ward);
-    const DendroGramDrawOutput layout = DendroGramDrawer::Draw(*root);
-    ASSERT_EQ(layout.segments.size(), 3 * layout.inners.size());
-    for (std::size_t i = 0; i < layout.inners.size(); ++i) {
-        const auto& node = layout.inners[i];
-        const auto& left = layout.segments[3 * i];
-        const auto& right = layout.segments[3 * i + 1];
-        const auto& bar = layout.segments[3 * i + 2];
-        EXPECT_TRUE(left.owner == node.node->GetLeft() && right.owner == node.node->GetRight());
-        EXPECT_EQ(bar.owner, node.node);
-        for (const auto* l : {&left, &right})
-            EXPECT_TRUE(l->x1 == l->x2 && l->y1 <= l->y2 && l->y2 == node.y);
-        EXPECT_TRUE(bar.y1 == node.y && bar.y2 == node.y && bar.x1 == left.x1 && bar.x2 == right.x1);
-        EXPECT_EQ(node.x, (left.x1 + right.x1) / 2.0);
-    }
-}
-
 TEST(DendroLayout, HitTestFindsTheNearestLineWithinTheTolerance)
 {
     const Sample s;
