@@ -378,7 +378,7 @@ void Legend(std::ostream& out, const PlotPanel& panel, const Box& area)
     out << "</g>\n";
 }
 
-// Upright x labels: their font, their longest text, and every how many one is written.
+// Upright x labels: their font, and every how many one is written.
 struct XLabelLayout {
     double size = 11.0;
     std::size_t every = 1;
