@@ -140,6 +140,10 @@ void DataRanges(const PlotPanel& panel, Range& x, Range& y)
     for (const PlotSeries& s : panel.series)
         if (s.guide && !s.x.empty())
             x.Add(s.x[0]);
+    for (const auto& [place, label] : panel.xLabels) {
+        x.Add(place - 0.5);
+        x.Add(place + 0.5);
+    }
     if (panel.sameScales) {
         x.Add(y);
         y = x;
@@ -261,6 +265,14 @@ void Series(std::ostream& out, const PlotSeries& s, const std::string& colour, c
     }
     if (s.kind == PlotSeries::Kind::Level)
         return; // drawn by Levels, beneath everything else
+    if (s.kind == PlotSeries::Kind::Segments) {
+        for (std::size_t i = 0; i + 1 < n; i += 2)
+            if (std::isfinite(s.x[i]) && std::isfinite(s.y[i]) && std::isfinite(s.x[i + 1]) &&
+                std::isfinite(s.y[i + 1]))
+                Line(out, x(s.x[i]), y(s.y[i]), x(s.x[i + 1]), y(s.y[i + 1]),
+                     "class=\"segment\" stroke=\"" + colour + "\" stroke-width=\"1.3\" stroke-linecap=\"square\"");
+        return;
+    }
     const double half = s.kind == PlotSeries::Kind::Bars ? BarHalfWidth(s) : 0.0;
     const double radius = n > 100 ? 2.5 : 3.5;
     for (std::size_t i = 0; i < n; ++i) {
@@ -285,9 +297,9 @@ void Series(std::ostream& out, const PlotSeries& s, const std::string& colour, c
     }
 }
 
-void Ticks(std::ostream& out, const Axis& x, const Axis& y, const Box& area)
+void Ticks(std::ostream& out, const Axis& x, const Axis& y, const Box& area, bool xNumbers)
 {
-    for (const double v : x.ticks.values) {
+    for (const double v : xNumbers ? x.ticks.values : std::vector<double>{}) {
         const double px = x(v);
         Line(out, px, area.top, px, area.bottom, "stroke=\"#e4e4e4\"");
         Line(out, px, area.bottom, px, area.bottom + 5.0, "stroke=\"black\"");
@@ -353,7 +365,7 @@ void Legend(std::ostream& out, const PlotPanel& panel, const Box& area)
         const PlotSeries& s = panel.series[named[e]];
         const std::string colour = SeriesColour(s, named[e]);
         const double row = top + 12.0 + 16.0 * static_cast<double>(e);
-        if (s.kind == PlotSeries::Kind::Line)
+        if (s.kind == PlotSeries::Kind::Line || s.kind == PlotSeries::Kind::Segments)
             Line(out, left + 6.0, row, left + 24.0, row, "stroke=\"" + colour + "\" stroke-width=\"1.5\"");
         else if (s.kind == PlotSeries::Kind::Points)
             out << "<circle cx=\"" << Fixed(left + 15.0) << "\" cy=\"" << Fixed(row) << "\" r=\"3.5\" fill=\""
@@ -364,6 +376,62 @@ void Legend(std::ostream& out, const PlotPanel& panel, const Box& area)
         Text(out, left + 30.0, row + 4.0, 11.0, "", s.name);
     }
     out << "</g>\n";
+}
+
+// Upright x labels: their font, and every how many one is written.
+struct XLabelLayout {
+    double size = 11.0;
+    std::size_t every = 1;
+};
+
+constexpr std::size_t XLabelLength = 24; // longer names are cut, with "..."
+
+std::string XLabelText(const std::string& label)
+{
+    return label.size() <= XLabelLength ? label : label.substr(0, XLabelLength - 3) + "...";
+}
+
+// The font follows the room per label, down to 7; below that only every
+// m-th label is written, so that neighbours never overlap.
+XLabelLayout LayOutXLabels(const PlotPanel& panel, double plotWidth)
+{
+    XLabelLayout layout;
+    if (panel.xLabels.empty())
+        return layout;
+    Range places;
+    for (const auto& [place, label] : panel.xLabels)
+        places.Add(place);
+    // Pixels per unit of x: the labels' span plus half a unit either side.
+    const double span = places.high - places.low + 1.0;
+    const double spacing = plotWidth / span;
+    layout.size = std::clamp(spacing * 0.9, 7.0, 11.0);
+    layout.every = static_cast<std::size_t>(std::max(1.0, std::ceil(layout.size * 1.05 / spacing)));
+    return layout;
+}
+
+double BottomMargin(const PlotPanel& panel)
+{
+    if (panel.xLabels.empty())
+        return MarginBottom;
+    std::size_t longest = 0;
+    for (const auto& [place, label] : panel.xLabels)
+        longest = std::max(longest, XLabelText(label).size());
+    return MarginBottom - 20.0 + static_cast<double>(longest) * 11.0 * GlyphWidth + 8.0;
+}
+
+void XLabels(std::ostream& out, const PlotPanel& panel, const Axis& x, const Box& area)
+{
+    const XLabelLayout layout = LayOutXLabels(panel, area.right - area.left);
+    for (std::size_t i = 0; i < panel.xLabels.size(); i += layout.every) {
+        const auto& [place, label] = panel.xLabels[i];
+        if (!std::isfinite(place) || label.empty())
+            continue;
+        const double px = x(place) + layout.size * 0.35, py = area.bottom + 6.0;
+        Text(out, px, py, layout.size,
+             "class=\"x-label\" text-anchor=\"end\" fill=\"#333333\" transform=\"rotate(-90 " + Fixed(px) + " " +
+                 Fixed(py) + ")\"",
+             XLabelText(label));
+    }
 }
 
 // Room right of the plot for the captions of its levels.
@@ -405,8 +473,9 @@ void Levels(std::ostream& out, const PlotPanel& panel, const Axis& y, const Box&
 
 void Panel(std::ostream& out, const PlotPanel& panel, double originX, double originY, double width, double height)
 {
+    const double bottomMargin = BottomMargin(panel);
     const Box area{originX + MarginLeft, originY + MarginTop, originX + width - RightMargin(panel),
-                   originY + height - MarginBottom};
+                   originY + height - bottomMargin};
     Range xr, yr;
     DataRanges(panel, xr, yr);
     const Axis x = MakeAxis(xr, area.left, area.right, panel.tightX);
@@ -416,13 +485,15 @@ void Panel(std::ostream& out, const PlotPanel& panel, double originX, double ori
     const double middle = (area.left + area.right) / 2.0;
     Text(out, middle, originY + 24.0, FittingSize(panel.title, width - 20.0, 13.0),
          "class=\"panel-title\" text-anchor=\"middle\" font-weight=\"bold\"", panel.title);
-    Ticks(out, x, y, area);
+    Ticks(out, x, y, area, panel.xLabels.empty());
+    XLabels(out, panel, x, area);
     if (panel.zeroLines)
         ZeroLines(out, x, y, area);
     out << "<rect x=\"" << Fixed(area.left) << "\" y=\"" << Fixed(area.top) << "\" width=\""
         << Fixed(area.right - area.left) << "\" height=\"" << Fixed(area.bottom - area.top)
         << "\" fill=\"none\" stroke=\"black\"/>\n";
-    Text(out, middle, area.bottom + 42.0, 12.0, "class=\"axis-title\" text-anchor=\"middle\"", panel.xTitle);
+    Text(out, middle, area.bottom + bottomMargin - 16.0, 12.0, "class=\"axis-title\" text-anchor=\"middle\"",
+         panel.xTitle);
     const double yMiddle = (area.top + area.bottom) / 2.0, yTitleX = originX + 18.0;
     Text(out, yTitleX, yMiddle, 12.0,
          "class=\"axis-title\" text-anchor=\"middle\" transform=\"rotate(-90 " + Fixed(yTitleX) + " " +

@@ -3,6 +3,7 @@
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace veltan_cli {
@@ -34,7 +35,9 @@ std::string XmlEscape(std::string_view text);
 struct PlotSeries {
     // Level: a horizontal line across the whole panel at y[0] (a control
     // limit), captioned by `name` in the panel's right margin.
-    enum class Kind { Points, Line, Bars, Level };
+    // Segments: separate straight lines, one from (x[2i], y[2i]) to
+    // (x[2i+1], y[2i+1]) for each pair of points (a dendrogram's legs and bars).
+    enum class Kind { Points, Line, Bars, Level, Segments };
     Kind kind = Kind::Points;
     std::string name;                // its legend entry; "" for none
     std::vector<double> x, y;        // bars rise from 0 to y at x
@@ -64,6 +67,11 @@ struct PlotPanel {
     // The x axis ends at the data (padded a little) rather than at the next
     // round tick: an index axis of 0 to 41 should not run on to 50.
     bool tightX = false;
+    // Names at places on the x axis (a dendrogram's leaves), written upright
+    // under it in place of the numeric ticks; each place gets half a unit of
+    // room either side. Where they would overlap, only every m-th is written;
+    // an empty name holds its place unwritten (no numeric ticks either).
+    std::vector<std::pair<double, std::string>> xLabels{};
 };
 
 struct PlotFigure {
@@ -77,7 +85,8 @@ struct PlotFigure {
 // Each point is a <circle class="point">, each bar a <rect class="bar">,
 // each point label a <text class="label">: one element per mark. A line is
 // one <polyline class="line"> per unbroken piece (a missing value breaks
-// it), a level one <line class="level"> with a <text class="level-label">.
+// it), a level one <line class="level"> with a <text class="level-label">,
+// a segment one <line class="segment">, an x label one <text class="x-label">.
 void WriteSvg(std::ostream& out, const PlotFigure& figure);
 
 } // namespace veltan_cli
