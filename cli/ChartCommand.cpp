@@ -38,7 +38,6 @@ bool HasSpreadChart(ControlType type)
     return type == ControlChartEnum::MeanRange || type == ControlChartEnum::MeanStdDev;
 }
 
-std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 
 // A number as the user typed it back in a message: no trailing zeros.
 std::string Shown(double v)

@@ -41,7 +41,6 @@ constexpr int MaxRows = 65535;
 // values; beyond that the library's own check (without row names) serves.
 constexpr double PairCheckLimit = 5e7;
 
-std::string Quoted(const std::string& text) { return "\"" + text + "\""; }
 
 std::unique_ptr<DendroGram::ClusterDistanceCalculator> Calculator(const std::string& method)
 {

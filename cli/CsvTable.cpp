@@ -20,7 +20,6 @@ namespace veltan_cli {
 
 namespace {
 
-std::string Quoted(const std::string& name) { return "\"" + name + "\""; }
 
 // Collects the records libcsv reports and turns them into a table as they
 // come, so a large file is never held as strings. Rows are counted as the

@@ -27,4 +27,10 @@ private:
     ExitCode m_code;
 };
 
+// A name as error messages show it: in double quotes.
+inline std::string Quoted(const std::string& text)
+{
+    return "\"" + text + "\"";
+}
+
 } // namespace veltan_cli

@@ -12,7 +12,6 @@ namespace veltan_cli {
 
 namespace {
 
-std::string Quoted(const std::string& s) { return "\"" + s + "\""; }
 
 // The variable numbers of `names` in `table`; an unknown or repeated name
 // is a usage error.
