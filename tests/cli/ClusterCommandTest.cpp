@@ -277,6 +277,13 @@ TEST(ClusterTool, BadDataAndOptionsAreRefusedWithOneLine)
                   "{d}pair.csv: row 3 and row 4 (\"q\", \"r\") have 1 value in common, fewer than the square root "
                   "of the 9 variables; their distance would rest on too little",
                   1);
+    // One row more than the pair count allows.
+    std::string big = "id,a,b\n";
+    for (int i = 0; i < 65536; ++i)
+        big += "r" + std::to_string(i) + "," + std::to_string(i % 7) + "," + std::to_string(i % 11) + "\n";
+    WriteFile(dir.File("big.csv"), big);
+    ExpectRefusal(dir, {"cluster", "{d}big.csv"}, "{d}big.csv: 65536 observations; clustering takes at most 65535",
+                  1);
     WriteFile(dir.File("three.csv"), "id,a\nx,1\ny,2\nz,4\n");
     ExpectRefusal(dir, {"cluster", "{d}three.csv", "--clusters", "4"},
                   "--clusters 4: {d}three.csv has only 3 observations", 2);

@@ -186,6 +186,24 @@ TEST_F(DiskPath, BreakWhileSavingLeavesNoFile)
     EXPECT_EQ(FilesLeft(), 0);
 }
 
+// A break while merging frees the nodes; the files go with the calculator.
+TEST_F(DiskPath, BreakWhileMergingLeavesNoFileOnceTheCalculatorGoes)
+{
+    const NCDataMatrix<float> data = RandomMatrix(150, 4, 21, 0.1);
+    NCProgress progress("", 0.0f, 1.0f, true);
+    int loads = 0;
+    progress.SetObserver([&](const NCProgressSnapshot& s) {
+        if (s.caption == "Loading distances" && ++loads == 3)
+            progress.RequestBreak();
+    });
+    {
+        WardDistanceCalculator ward(WardDistanceCalculator::ErrorSS);
+        EXPECT_THROW(DendroGram::GetDendroGram(data, ward, &progress, nullptr), CancelException);
+        EXPECT_GE(loads, 3);
+    }
+    EXPECT_EQ(FilesLeft(), 0);
+}
+
 TEST_F(DiskPath, LostTemporaryFileIsAnErrorNotACrash)
 {
     const NCDataMatrix<float> data = RandomMatrix(200, 4, 12, 0.1);
