@@ -408,7 +408,9 @@ void WardDistanceCalculator::Prepare(const std::vector<float>& rows, int columns
     m_columns = columns;
     m_rows = rows;
     const std::size_t n = columns > 0 ? rows.size() / static_cast<std::size_t>(columns) : 0;
-    m_sums.assign(rows.size(), ColumnSums{});
+    m_present.assign(rows.size(), 0.0);
+    m_sum.assign(rows.size(), 0.0);
+    m_squares.assign(rows.size(), 0.0);
     m_members.assign(n, 1);
     // A single row has no spread about its own mean.
     m_ownSS.assign(n, 0.0);
@@ -416,7 +418,9 @@ void WardDistanceCalculator::Prepare(const std::vector<float>& rows, int columns
         const float v = rows[c];
         if (IsMisVal(v))
             continue;
-        m_sums[c] = ColumnSums{1, v, static_cast<double>(v) * v};
+        m_present[c] = 1.0;
+        m_sum[c] = v;
+        m_squares[c] = static_cast<double>(v) * v;
     }
 }
 
@@ -436,11 +440,13 @@ inline double ColumnSS(double present, double sum, double squares, double member
 
 } // namespace
 
-double WardDistanceCalculator::OwnSS(const ColumnSums* a, std::int64_t members, int columns)
+double WardDistanceCalculator::OwnSS(int slot) const
 {
+    const std::size_t at = static_cast<std::size_t>(slot) * static_cast<std::size_t>(m_columns);
+    const auto members = static_cast<double>(m_members[static_cast<std::size_t>(slot)]);
     double total = 0.0;
-    for (int j = 0; j < columns; ++j)
-        total += ColumnSS(a[j].present, a[j].sum, a[j].squares, static_cast<double>(members));
+    for (std::size_t j = at; j < at + static_cast<std::size_t>(m_columns); ++j)
+        total += ColumnSS(m_present[j], m_sum[j], m_squares[j], members);
     return total;
 }
 
@@ -486,30 +492,44 @@ float WardDistanceCalculator::GetErrorSS(const std::vector<int>& membersA, const
 void WardDistanceCalculator::Merged(int a, int b)
 {
     const auto columns = static_cast<std::size_t>(m_columns);
-    ColumnSums* x = m_sums.data() + static_cast<std::size_t>(a) * columns;
-    const ColumnSums* y = m_sums.data() + static_cast<std::size_t>(b) * columns;
+    const std::size_t x = static_cast<std::size_t>(a) * columns;
+    const std::size_t y = static_cast<std::size_t>(b) * columns;
     for (std::size_t j = 0; j < columns; ++j) {
-        x[j].present += y[j].present;
-        x[j].sum += y[j].sum;
-        x[j].squares += y[j].squares;
+        m_present[x + j] += m_present[y + j];
+        m_sum[x + j] += m_sum[y + j];
+        m_squares[x + j] += m_squares[y + j];
     }
     m_members[static_cast<std::size_t>(a)] += m_members[static_cast<std::size_t>(b)];
-    m_ownSS[static_cast<std::size_t>(a)] = OwnSS(x, m_members[static_cast<std::size_t>(a)], m_columns);
+    m_ownSS[static_cast<std::size_t>(a)] = OwnSS(a);
 }
 
 float WardDistanceCalculator::MergedDistance(int a, int, int k) const
 {
     // The merged cluster's sums of squares less those of its parts, whose
-    // own sums are kept: one division per column instead of three.
+    // own sums are kept: one division per column instead of three. The
+    // column rule of ColumnSS, written without branches so that it
+    // vectorises: an absent column is masked out, and members / present is
+    // exactly 1 for a column without gaps.
     const auto columns = static_cast<std::size_t>(m_columns);
-    const ColumnSums* x = m_sums.data() + static_cast<std::size_t>(a) * columns;
-    const ColumnSums* y = m_sums.data() + static_cast<std::size_t>(k) * columns;
+    const std::size_t x = static_cast<std::size_t>(a) * columns;
+    const std::size_t y = static_cast<std::size_t>(k) * columns;
+    const double* __restrict px = m_present.data() + x;
+    const double* __restrict py = m_present.data() + y;
+    const double* __restrict sx = m_sum.data() + x;
+    const double* __restrict sy = m_sum.data() + y;
+    const double* __restrict qx = m_squares.data() + x;
+    const double* __restrict qy = m_squares.data() + y;
     const auto members = static_cast<double>(m_members[static_cast<std::size_t>(a)] +
                                               m_members[static_cast<std::size_t>(k)]);
     double merged = 0.0;
-    for (std::size_t j = 0; j < columns; ++j)
-        merged += ColumnSS(static_cast<double>(x[j].present) + y[j].present, x[j].sum + y[j].sum,
-                           x[j].squares + y[j].squares, members);
+#pragma omp simd reduction(+ : merged)
+    for (std::size_t j = 0; j < columns; ++j) {
+        const double p = px[j] + py[j];
+        const double sum = sx[j] + sy[j];
+        const double present = static_cast<double>(p > 0.0);
+        const double safe = p + (1.0 - present);
+        merged += (qx[j] + qy[j] - sum * sum / safe) * (members / safe) * present;
+    }
     return Transform(merged - m_ownSS[static_cast<std::size_t>(a)] - m_ownSS[static_cast<std::size_t>(k)]);
 }
 

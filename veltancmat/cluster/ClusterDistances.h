@@ -161,7 +161,8 @@ private:
     };
     static double Increase(const ColumnSums* a, std::int64_t membersA, const ColumnSums* b, std::int64_t membersB,
                            int columns);
-    static double OwnSS(const ColumnSums* a, std::int64_t members, int columns);
+    // The error sum of squares of the cluster at `slot`.
+    double OwnSS(int slot) const;
     float Transform(double increase) const;
 
     DistanceType m_type;
@@ -169,7 +170,11 @@ private:
     int m_columns = 0;
     std::vector<float> m_rows;
     // m_columns entries per slot.
-    std::vector<ColumnSums> m_sums;
+    // Per slot and column, m_columns entries per slot: the cluster's present
+    // values, their sum and their sum of squares.
+    std::vector<double> m_present;
+    std::vector<double> m_sum;
+    std::vector<double> m_squares;
     std::vector<std::int64_t> m_members;
     // Per slot: the cluster's own error sum of squares.
     std::vector<double> m_ownSS;

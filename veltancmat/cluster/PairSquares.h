@@ -13,12 +13,13 @@ inline double PairSquares(const float* x, const float* y, int columns, int& comm
 {
     double squares = 0.0;
     int present = 0;
+    // Masks by arithmetic, not by branches, or the loop stays scalar.
 #pragma omp simd reduction(+ : squares, present)
     for (int j = 0; j < columns; ++j) {
-        const bool both = !IsMisVal(x[j]) && !IsMisVal(y[j]);
-        const double d = both ? static_cast<double>(x[j]) - y[j] : 0.0;
+        const int both = static_cast<int>(!IsMisVal(x[j])) & static_cast<int>(!IsMisVal(y[j]));
+        const double d = (static_cast<double>(x[j]) - y[j]) * static_cast<double>(both);
         squares += d * d;
-        present += both ? 1 : 0;
+        present += both;
     }
     common = present;
     return squares;
