@@ -151,14 +151,20 @@ void FFT::AutoCorrelation(const NCDataVector<float>* x, DetrendMode mode, int ma
         // Zero padding to at least n + maxLag keeps the circular correlation
         // of the transform equal to the ordinary one over the lags asked for.
         fft_kernel::RealTransform transform(length);
-        std::vector<Complex> spectrum(static_cast<std::size_t>(length / 2 + 1));
+        const int half = length / 2;
+        std::vector<Complex> spectrum(static_cast<std::size_t>(half + 1));
         transform.Forward(v.begin(), spectrum.data());
-        for (Complex& c : spectrum)
-            c = std::norm(c);
-        transform.Inverse(spectrum.data(), r.data());
+        // The power |X_k|^2 is real and even in k, so its inverse transform
+        // is its forward transform divided by the length: the one plan
+        // serves both ways.
+        for (int k = 0; k <= half; ++k)
+            r[static_cast<std::size_t>(k)] = std::norm(spectrum[static_cast<std::size_t>(k)]);
+        for (int k = 1; k < half; ++k)
+            r[static_cast<std::size_t>(length - k)] = r[static_cast<std::size_t>(k)];
+        transform.Forward(r.data(), spectrum.data());
         const float scale = 1.0f / static_cast<float>(length);
-        for (float& value : r)
-            value *= scale;
+        for (int k = 0; k <= maxLag; ++k)
+            r[static_cast<std::size_t>(k)] = spectrum[static_cast<std::size_t>(k)].real() * scale;
     }
     out->SetSize(maxLag + 1);
     out->SetRange(1, r.data(), maxLag + 1);

@@ -29,18 +29,15 @@ kiss_fft_cpx* Kiss(std::complex<float>* p) { return reinterpret_cast<kiss_fft_cp
 } // namespace
 
 struct ComplexTransform::Plan {
-    kiss_fft_cfg forward = nullptr, inverse = nullptr;
-    ~Plan()
-    {
-        kiss_fft_free(forward);
-        kiss_fft_free(inverse);
-    }
+    int n = 0;
+    kiss_fft_cfg forward = nullptr;
+    ~Plan() { kiss_fft_free(forward); }
 };
 
 ComplexTransform::ComplexTransform(int n) : m_plan(std::make_unique<Plan>())
 {
+    m_plan->n = n;
     m_plan->forward = Checked(kiss_fft_alloc(n, 0, nullptr, nullptr));
-    m_plan->inverse = Checked(kiss_fft_alloc(n, 1, nullptr, nullptr));
 }
 
 ComplexTransform::~ComplexTransform() = default;
@@ -50,30 +47,28 @@ void ComplexTransform::Forward(const std::complex<float>* in, std::complex<float
     kiss_fft(m_plan->forward, Kiss(in), Kiss(out));
 }
 
-void ComplexTransform::Inverse(const std::complex<float>* in, std::complex<float>* out)
+void ComplexTransform::Inverse(std::complex<float>* in, std::complex<float>* out)
 {
-    kiss_fft(m_plan->inverse, Kiss(in), Kiss(out));
+    const std::size_t n = static_cast<std::size_t>(m_plan->n);
+    for (std::size_t k = 0; k < n; ++k)
+        in[k] = std::conj(in[k]);
+    kiss_fft(m_plan->forward, Kiss(in), Kiss(out));
+    for (std::size_t k = 0; k < n; ++k)
+        out[k] = std::conj(out[k]);
 }
 
 struct RealTransform::Plan {
-    kiss_fftr_cfg forward = nullptr, inverse = nullptr;
-    ~Plan()
-    {
-        kiss_fftr_free(forward);
-        kiss_fftr_free(inverse);
-    }
+    kiss_fftr_cfg forward = nullptr;
+    ~Plan() { kiss_fftr_free(forward); }
 };
 
 RealTransform::RealTransform(int n) : m_plan(std::make_unique<Plan>())
 {
     m_plan->forward = Checked(kiss_fftr_alloc(n, 0, nullptr, nullptr));
-    m_plan->inverse = Checked(kiss_fftr_alloc(n, 1, nullptr, nullptr));
 }
 
 RealTransform::~RealTransform() = default;
 
 void RealTransform::Forward(const float* in, std::complex<float>* out) { kiss_fftr(m_plan->forward, in, Kiss(out)); }
-
-void RealTransform::Inverse(const std::complex<float>* in, float* out) { kiss_fftri(m_plan->inverse, Kiss(in), out); }
 
 } // namespace fft_kernel

@@ -1,9 +1,11 @@
 #pragma once
 
 // The transforms behind FFT, in one place so that the library providing
-// them can change without touching the spectra. Both transforms are
-// unscaled: a forward and an inverse transform multiply by the length.
-// Not part of the library's interface.
+// them can change without touching the spectra. The transforms are
+// unscaled: a forward and an inverse transform multiply by the length. Each
+// object holds one plan (its twiddle factors), whose set-up costs about as
+// much as a transform: the inverse reuses the forward plan. Not part of the
+// library's interface.
 
 #include <complex>
 #include <memory>
@@ -19,7 +21,8 @@ public:
     ComplexTransform& operator=(const ComplexTransform&) = delete;
 
     void Forward(const std::complex<float>* in, std::complex<float>* out);
-    void Inverse(const std::complex<float>* in, std::complex<float>* out);
+    // Through the forward plan: conj(F(conj(in))). Overwrites `in`.
+    void Inverse(std::complex<float>* in, std::complex<float>* out);
 
 private:
     struct Plan;
@@ -27,7 +30,8 @@ private:
 };
 
 // Transform of a real series of even length n >= 2 to its half spectrum of
-// n/2 + 1 values, and back.
+// n/2 + 1 values. (The inverse of a real, even spectrum, as a correlation
+// needs, is the same forward transform divided by n.)
 class RealTransform {
 public:
     explicit RealTransform(int n);
@@ -36,8 +40,6 @@ public:
     RealTransform& operator=(const RealTransform&) = delete;
 
     void Forward(const float* in, std::complex<float>* out);
-    // `in` is the half spectrum of a real series; out receives n values.
-    void Inverse(const std::complex<float>* in, float* out);
 
 private:
     struct Plan;
