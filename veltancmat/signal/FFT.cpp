@@ -179,33 +179,45 @@ void FFT::CrossCorrelation(const NCDataVector<float>* x, const NCDataVector<floa
     const NCDataVector<float> a = Normalised(*x, mode, length);
     const NCDataVector<float> b = Normalised(*y, mode, length);
     std::vector<float> c(static_cast<std::size_t>(length));
-    if (length == 1) {
+    if (length == 1)
         c[0] = a[1] * b[1];
-    } else {
-        // Both series go through one complex transform, z = a + i b; their
-        // spectra are the even and odd parts of Z.
-        std::vector<Complex> z(static_cast<std::size_t>(length));
-        for (int i = 0; i < length; ++i)
-            z[static_cast<std::size_t>(i)] = Complex(a[i + 1], b[i + 1]);
-        fft_kernel::ComplexTransform transform(length);
-        std::vector<Complex> spectrum(z.size());
-        transform.Forward(z.data(), spectrum.data());
-        for (int k = 0; k < length; ++k) {
-            const Complex zk = spectrum[static_cast<std::size_t>(k)];
-            const Complex zm = std::conj(spectrum[static_cast<std::size_t>((length - k) % length)]);
-            const Complex ak = 0.5f * (zk + zm);
-            const Complex bk = Complex(0.0f, -0.5f) * (zk - zm);
-            z[static_cast<std::size_t>(k)] = std::conj(ak) * bk;
-        }
-        transform.Inverse(z.data(), spectrum.data());
-        const float scale = 1.0f / static_cast<float>(length);
-        for (int k = 0; k < length; ++k)
-            c[static_cast<std::size_t>(k)] = spectrum[static_cast<std::size_t>(k)].real() * scale;
-    }
+    else
+        CorrelateByTransform(a.begin(), b.begin(), length, c.data());
     std::vector<float> ordered(static_cast<std::size_t>(2 * maxLag + 1));
     ReorderFromVec(c.data(), ordered.data(), length, maxLag);
     out->SetSize(2 * maxLag + 1);
     out->SetRange(1, ordered.data(), 2 * maxLag + 1);
+}
+
+void FFT::CorrelateByTransform(const float* a, const float* b, int length, float* c)
+{
+    // Packing a + ib into one complex transform costs what two real
+    // transforms cost, and its inverse would need a complex transform of
+    // the full length; three real transforms through one plan are faster
+    // (docs/spectra.md).
+    fft_kernel::RealTransform transform(length);
+    const int half = length / 2;
+    std::vector<Complex> fa(static_cast<std::size_t>(half + 1)), fb(fa.size());
+    transform.Forward(a, fa.data());
+    transform.Forward(b, fb.data());
+    // The spectrum C_k = conj(A_k) B_k of the correlation is Hermitian; its
+    // inverse transform follows from the forward transform X of the real
+    // series Re C + Im C (Hartley's identity): c_k = (Re X_k + Im X_k) / L.
+    std::vector<float> w(static_cast<std::size_t>(length));
+    for (int k = 0; k <= half; ++k) {
+        const Complex ck = std::conj(fa[static_cast<std::size_t>(k)]) * fb[static_cast<std::size_t>(k)];
+        w[static_cast<std::size_t>(k)] = ck.real() + ck.imag();
+        if (k > 0 && k < half)
+            w[static_cast<std::size_t>(length - k)] = ck.real() - ck.imag();
+    }
+    transform.Forward(w.data(), fa.data());
+    const float scale = 1.0f / static_cast<float>(length);
+    for (int k = 0; k <= half; ++k) {
+        const Complex xk = fa[static_cast<std::size_t>(k)];
+        c[k] = (xk.real() + xk.imag()) * scale;
+        if (k > 0 && k < half)
+            c[length - k] = (xk.real() - xk.imag()) * scale;
+    }
 }
 
 // ---------------------------------------------------------------------------

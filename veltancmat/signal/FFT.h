@@ -97,6 +97,9 @@ private:
     // Prepared, padded with zeros to `length` and normalised to unit sum of
     // squares: the form both correlations transform.
     static NCDataVector<float> Normalised(const NCDataVector<float>& x, DetrendMode mode, int length);
+    // c[0..length-1] = sum_i a_i b_{i+k mod length}, in wrap-around order;
+    // length is a power of two of at least 2.
+    static void CorrelateByTransform(const float* a, const float* b, int length, float* c);
     // The power of the 2 pairs segments of m values starting every `step`
     // values of series[0..], each multiplied by w[0..m-1], summed per bin
     // k = 0..m/2 (not yet folded or normalised).

@@ -29,14 +29,12 @@ kiss_fft_cpx* Kiss(std::complex<float>* p) { return reinterpret_cast<kiss_fft_cp
 } // namespace
 
 struct ComplexTransform::Plan {
-    int n = 0;
     kiss_fft_cfg forward = nullptr;
     ~Plan() { kiss_fft_free(forward); }
 };
 
 ComplexTransform::ComplexTransform(int n) : m_plan(std::make_unique<Plan>())
 {
-    m_plan->n = n;
     m_plan->forward = Checked(kiss_fft_alloc(n, 0, nullptr, nullptr));
 }
 
@@ -45,16 +43,6 @@ ComplexTransform::~ComplexTransform() = default;
 void ComplexTransform::Forward(const std::complex<float>* in, std::complex<float>* out)
 {
     kiss_fft(m_plan->forward, Kiss(in), Kiss(out));
-}
-
-void ComplexTransform::Inverse(std::complex<float>* in, std::complex<float>* out)
-{
-    const std::size_t n = static_cast<std::size_t>(m_plan->n);
-    for (std::size_t k = 0; k < n; ++k)
-        in[k] = std::conj(in[k]);
-    kiss_fft(m_plan->forward, Kiss(in), Kiss(out));
-    for (std::size_t k = 0; k < n; ++k)
-        out[k] = std::conj(out[k]);
 }
 
 struct RealTransform::Plan {

@@ -2,10 +2,10 @@
 
 // The transforms behind FFT, in one place so that the library providing
 // them can change without touching the spectra. The transforms are
-// unscaled: a forward and an inverse transform multiply by the length. Each
-// object holds one plan (its twiddle factors), whose set-up costs about as
-// much as a transform: the inverse reuses the forward plan. Not part of the
-// library's interface.
+// forward only and unscaled: the correlations get their inverse transforms
+// from forward ones, since each object's one plan (its twiddle factors)
+// costs about as much to set up as a transform. Not part of the library's
+// interface.
 
 #include <complex>
 #include <memory>
@@ -21,8 +21,6 @@ public:
     ComplexTransform& operator=(const ComplexTransform&) = delete;
 
     void Forward(const std::complex<float>* in, std::complex<float>* out);
-    // Through the forward plan: conj(F(conj(in))). Overwrites `in`.
-    void Inverse(std::complex<float>* in, std::complex<float>* out);
 
 private:
     struct Plan;
