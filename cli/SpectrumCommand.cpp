@@ -364,7 +364,7 @@ class SpectrumCommand final : public TableCommand<SpectrumOptions> {
             ->check(CLI::IsMember({"none", "mean", "linear"}))
             ->default_str("mean");
         AddNamesOption(command, m_names);
-        AddOutputOption(command, "--out", m_options.outPath, "Write one row per lag or frequency as CSV");
+        AddOutputOption(command, "--out", m_options.outPath, "Write one row per lag or frequency as CSV", "FILE.csv");
         AddOutputOption(command, "--plot", m_options.plotPath,
                         "Draw the correlations against lag, or the spectrum against frequency, as SVG", "FILE.svg");
         AddFitRunFlags(command, m_options.json, m_options.progress);
