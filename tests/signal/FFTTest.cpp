@@ -1,3 +1,4 @@
+#include "veltancmat/platform/ExceptionMessage.h"
 #include "veltancmat/platform/NCError.h"
 #include "veltancmat/signal/FFT.h"
 
@@ -102,6 +103,15 @@ TEST(FFTArguments, SpectrumWithoutASegmentOrWithNonFiniteValuesThrows)
     EXPECT_THROW(FFT::PowerSpectrum(&withNan, 16, false, FFT::DetrendNone, FFT::DensityScaling, FFT::Hann, &out),
                  NCError);
     EXPECT_EQ(out, Untouched());
+    MessageCatalog::SetLanguage("de_DE.UTF-8", VELTAN_TEST_LOCALE_DIR);
+    std::string german;
+    try {
+        FFT::PowerSpectrum(&x, 32, true, FFT::DetrendNone, FFT::DensityScaling, FFT::Rectangular, &out);
+    } catch (const NCError& e) {
+        german = e.what();
+    }
+    MessageCatalog::SetLanguage("C");
+    EXPECT_EQ(german, "Das Leistungsspektrum konnte nicht berechnet werden.");
     // Without overlap one value is enough for one pair of segments.
     const Vec one{3.0f};
     FFT::PowerSpectrum(&one, 4, false, FFT::DetrendNone, FFT::DensityScaling, FFT::Rectangular, &out);
