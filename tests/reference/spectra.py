@@ -90,7 +90,6 @@ prepared = detrended(series, 1).astype(np.float32)
 for overlap, length in ((True, 208), (False, 256)):
     padded = pad_linearly(prepared, length).astype(np.float64)
     tag = "Overlap" if overlap else "Apart"
-    print(f"inline const float Padded{tag}[] = {{{floats(padded)}}};")
     for window in ("boxcar", "hann"):
         for scaling in ("density", "spectrum"):
             _, p = signal.welch(padded, fs=1.0, window=window, nperseg=m, noverlap=m // 2 if overlap else 0,

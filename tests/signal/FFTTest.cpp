@@ -313,14 +313,12 @@ TEST(FFTSteps, PaddingDetrendingAndReordering)
     Vec v{1.0f, 2.0f, 4.0f};
     FFTSteps::PadVectorLinearly(&v, 6);
     EXPECT_EQ(v, (Vec{1.0f, 2.0f, 4.0f, 2.5f, 1.0f, -0.5f}));
-    // The fixture's padded series continues the prepared one by this rule.
-    Vec prepared = FromArray(sref::Series);
+    // Mode 1 reports the mean it removed as the intercept.
+    Vec ramp{1.0f, 2.0f, 6.0f};
     double intercept = 0.0, slope = 0.0;
-    FFTSteps::DetrendVector(&prepared, FFT::DetrendMean, intercept, slope);
-    EXPECT_NEAR(intercept, FromArray(sref::Series).GetMean(), 1e-9);
-    FFTSteps::PadVectorLinearly(&prepared, 208);
-    for (int i = 1; i <= 208; ++i)
-        EXPECT_NEAR(prepared[i], sref::PaddedOverlap[i - 1], 2e-6) << i;
+    FFTSteps::DetrendVector(&ramp, FFT::DetrendMean, intercept, slope);
+    EXPECT_EQ(intercept, 3.0);
+    EXPECT_EQ(ramp, (Vec{-2.0f, -1.0f, 3.0f}));
 
     Vec zeros{-99.0f, 3.0f};
     FFTSteps::PadVectorZeros(&zeros, 4);
@@ -345,13 +343,9 @@ TEST(FFTSteps, PaddingDetrendingAndReordering)
 
 TEST(FFTLayout, SegmentCountsAndWindows)
 {
+    // The layouts of 200 values are fixed by the agreement with welch; these
+    // are the exact fits, which need no padding.
     int pairs = 0, padded = 0;
-    FFT::SegmentLayout(200, 32, true, pairs, padded);
-    EXPECT_EQ(pairs, 6);
-    EXPECT_EQ(padded, 208);
-    FFT::SegmentLayout(200, 32, false, pairs, padded);
-    EXPECT_EQ(pairs, 4);
-    EXPECT_EQ(padded, 256);
     FFT::SegmentLayout(64, 32, false, pairs, padded); // two segments: one pair, no padding
     EXPECT_EQ(pairs, 1);
     EXPECT_EQ(padded, 64);
@@ -359,11 +353,8 @@ TEST(FFTLayout, SegmentCountsAndWindows)
     EXPECT_EQ(pairs, 1);
     EXPECT_EQ(padded, 48);
 
+    // Rectangular and Hann windows are fixed by the agreement with welch.
     const int m = 8;
-    EXPECT_DOUBLE_EQ(FFT::WindowValue(FFT::Hann, 1, m), 0.0);
-    EXPECT_NEAR(FFT::WindowValue(FFT::Hann, 5, m), 1.0, 1e-15);
-    EXPECT_NEAR(FFT::WindowValue(FFT::Hann, 3, m), 0.5, 1e-15);
-    EXPECT_DOUBLE_EQ(FFT::WindowValue(FFT::Rectangular, 3, m), 1.0);
     EXPECT_DOUBLE_EQ(FFT::WindowValue(static_cast<FFT::DataWindowMode>(9), 3, m), 1.0);
     // Triangle and parabola: symmetric about the segment's middle, 1 - 1/9
     // and 1 - 1/81 at its two middle points, 2/9 and 32/81 at its ends.

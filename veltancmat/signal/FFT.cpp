@@ -39,8 +39,15 @@ int NextPowerOfTwo(int n)
     throw NCError(ExceptionMessage::translate("Power spectrum could not be computed."), NCError::Error);
 }
 
-// A usable series: present, not empty and not all missing.
-bool Usable(const NCDataVector<float>* x) { return x && x->Size() > 0 && x->HasValidValues(); }
+// The longest series taken: its transforms (up to twice its length) must
+// stay within an int.
+constexpr int MaxLength = 1 << 29;
+
+// A usable series: present, not empty, not too long and not all missing.
+bool Usable(const NCDataVector<float>* x)
+{
+    return x && x->Size() > 0 && x->Size() <= MaxLength && x->HasValidValues();
+}
 
 } // namespace
 

@@ -15,8 +15,9 @@
 // call, so the class has no state and calls on different threads are safe.
 //
 // Arguments that make no sense (null or empty vectors, a series without any
-// present value, a lag beyond the series, a segment length that is not a
-// power of two) leave the output untouched and throw nothing. A spectrum
+// present value or longer than 2^29 values, a lag beyond the series, a
+// segment length that is not a power of two) leave the output untouched and
+// throw nothing. A spectrum
 // that cannot be formed from valid arguments (too few values for one
 // segment, values that are not finite) throws NCError "Power spectrum could
 // not be computed.".
