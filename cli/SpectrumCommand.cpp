@@ -64,6 +64,14 @@ void CheckAgainstTable(const DataTable& table, const SpectrumOptions& o)
     const std::string has = table.source + " has " + Plural(rows, "row");
     if (IsCorrelation(o) && o.maxLag > rows)
         throw Usage(LagOption(o) + ": " + has + ", so the lags run to at most " + std::to_string(rows));
+    // A segment much longer than the series would be mostly padding (and
+    // could ask for gigabytes): it may reach the next power of two only.
+    int longest = 2;
+    while (longest < rows)
+        longest *= 2;
+    if (o.kind == SpectrumKind::Power && o.segment > longest)
+        throw Usage("--power " + std::to_string(o.segment) + ": " + has + "; a segment holds at most " +
+                    std::to_string(longest) + " (the rows rounded up to a power of two)");
     if (o.kind == SpectrumKind::Power && o.overlap && rows <= o.segment / 2)
         throw Usage("--power " + std::to_string(o.segment) + " --overlap: " + has +
                     "; overlapping segments of " + std::to_string(o.segment) + " need more than " +

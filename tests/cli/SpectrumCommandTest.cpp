@@ -150,6 +150,7 @@ TEST(VeltanSpectrum, FaultsInOneLine)
     TempDir dir;
     WriteFile(dir.File("s.csv"), ReferenceTable({3}));
     WriteFile(dir.File("empty.csv"), "a,b\n-99,1\nNA,2\n");
+    WriteFile(dir.File("one.csv"), "x\n3\n");
     const std::string data = dir.File("s.csv");
     struct Fault {
         std::vector<std::string> args;
@@ -165,13 +166,15 @@ TEST(VeltanSpectrum, FaultsInOneLine)
          "--acf 201: " + data + " has 200 rows, so the lags run to at most 200"},
         {{data, "--column", "x", "--ccf", "y", "--max-lag", "300"}, 2, "--max-lag 300: " + data + " has 200 rows"},
         {{data, "--column", "x", "--acf", "-2"}, 2, "--acf -2: a lag is 0 or more"},
+        {{data, "--column", "x", "--power", "512"}, 2,
+         "--power 512: " + data + " has 200 rows; a segment holds at most 256 (the rows rounded up to a power of two)"},
         {{data, "--column", "x"}, 2, "give exactly one of --acf MAXLAG, --ccf OTHER --max-lag L and --power M"},
         {{data, "--column", "x", "--acf", "3", "--power", "8"}, 2, "give exactly one of"},
         {{data, "--column", "x", "--ccf", "y"}, 2, "--ccf y: give the largest lag with --max-lag L"},
         {{data, "--column", "x", "--acf", "3", "--max-lag", "3"}, 2, "--max-lag: the lags of --acf"},
         {{data, "--column", "x", "--acf", "3", "--overlap"}, 2, "--overlap: only --power has segments"},
-        {{data, "--column", "x", "--power", "512", "--overlap"}, 2,
-         "--power 512 --overlap: " + data + " has 200 rows; overlapping segments of 512 need more than 256"},
+        {{dir.File("one.csv"), "--column", "x", "--power", "2", "--overlap"}, 2,
+         "--power 2 --overlap: " + dir.File("one.csv") + " has 1 row; overlapping segments of 2 need more than 1"},
         {{data, "--column", "label", "--acf", "3"}, 1, "column 4 (\"label\"): \"t0\" is not a number"},
         {{dir.File("empty.csv"), "--column", "a", "--acf", "1"}, 1, "column 1 (\"a\"): every value is missing"},
         {{dir.File("none.csv"), "--column", "a", "--acf", "1"}, 1, "none.csv"},
@@ -187,5 +190,5 @@ TEST(VeltanSpectrum, FaultsInOneLine)
     // A name outside the choices is refused by the option parser, with its hint.
     const RunResult r = Veltan(dir, {"spectrum", data, "--column", "x", "--acf", "3", "--detrend", "cubic"}, 2);
     EXPECT_THAT(r.err, testing::HasSubstr("--detrend: cubic not in {none,mean,linear}"));
-    EXPECT_EQ(dir.Entries(), (std::set<std::string>{"empty.csv", "s.csv"}));
+    EXPECT_EQ(dir.Entries(), (std::set<std::string>{"empty.csv", "one.csv", "s.csv"}));
 }

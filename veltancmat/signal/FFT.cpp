@@ -264,7 +264,7 @@ double FFT::WindowValue(DataWindowMode window, int j, int m)
 void FFT::PowerSpectrum(const NCDataVector<float>* x, int m, bool overlap, DetrendMode mode, ScalingMode scaling,
                         DataWindowMode window, NCDataVector<float>* out)
 {
-    if (!Usable(x) || !out || m < 2 || !IsPowerOfTwo(m))
+    if (!Usable(x) || !out || m < 2 || m > MaxLength || !IsPowerOfTwo(m))
         return;
     int pairs = 0, padded = 0;
     SegmentLayout(x->Size(), m, overlap, pairs, padded);
