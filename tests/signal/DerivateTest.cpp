@@ -269,6 +269,19 @@ TEST(DerivateMissing, RefitAgreesWithTheFitMatrixOfThePattern)
     EXPECT_NE(slope[31], Mis);
 }
 
+TEST(DerivateMissing, WindowsWiderThanAWordKeepTheirPatternsApart)
+{
+    // Past 64 points a window's missing pattern no longer fits one word;
+    // two patterns met in turn must still get their own weights.
+    const auto bowl = [](double t) { return 0.01 * (t - 60.0) * (t - 60.0) - 2.0; };
+    V y = Series(200, bowl);
+    for (int i : {40, 41, 90, 130, 131, 132, 170})
+        y(i, Mis);
+    ExpectCurve(Make(2, 71).Smooth(y, true), 1, 200, bowl, 1e-4, "w71");
+    ExpectCurve(Make(2, 71).DoDerivate(y, 1, 1.0f, true), 1, 200, [](double t) { return 0.02 * (t - 60.0); }, 1e-4,
+                "w71 d1");
+}
+
 TEST(DerivateMissing, TooFewPresentPointsLeaveTheResultMissing)
 {
     V y = Series(20, Cubic);
@@ -390,9 +403,12 @@ TEST(DerivateReference, LongSeriesSharedOverThreadsMatchesShortPieces)
     V y = Series(n, [](double t) { return std::sin(0.001 * t) + 0.01 * std::sin(1.3 * t); });
     for (int i = 1000; i <= n; i += 997)
         y(i, Mis);
+    // Gaps on both sides of the first boundary between the pieces of the refit.
+    for (int i : {16384 + 1, 16384 + 6, 16384 + 9})
+        y(i, Mis);
     const SG sg = Make(3, 11);
     const V whole = sg.DoDerivate(y, 1, 0.1f, false);
-    for (int first : {1, 777, 99000, n - 300}) {
+    for (int first : {1, 777, 16200, 99000, n - 300}) {
         V piece(301);
         piece.SetRange(1, y, first, first + 300);
         const V part = sg.DoDerivate(piece, 1, 0.1f, false);

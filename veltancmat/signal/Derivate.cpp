@@ -10,8 +10,10 @@
 #include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <string>
 #include <unordered_map>
+#include <utility>
 
 namespace {
 
@@ -77,18 +79,25 @@ double Factorial(int d)
 // inner loop is a plain vector multiply-add over contiguous memory.
 constexpr std::size_t CorrelationBlock = 512;
 
+// Centres per piece of the refit of windows with missing points.
+constexpr int RefitPiece = 1 << 14;
+
 template <class T>
 VELTAN_SIMD_CLONES void CorrelateBlock(const T* y, std::size_t count, const double* h, int taps, double scale, T* out)
 {
     double sums[CorrelationBlock];
+    const double first = h[0];
+#pragma omp simd
     for (std::size_t i = 0; i < count; ++i)
-        sums[i] = h[0] * static_cast<double>(y[i]);
+        sums[i] = first * static_cast<double>(y[i]);
     for (int j = 1; j < taps; ++j) {
         const double weight = h[j];
         const T* shifted = y + j;
+#pragma omp simd
         for (std::size_t i = 0; i < count; ++i)
             sums[i] += weight * static_cast<double>(shifted[i]);
     }
+#pragma omp simd
     for (std::size_t i = 0; i < count; ++i)
         out[i] = static_cast<T>(sums[i] * scale);
 }
@@ -107,7 +116,8 @@ void Correlate(const T* y, std::size_t count, const double* h, int taps, double 
 
 // The d-th derivative weights of every missing-point pattern met in one
 // series, so that a pattern repeated along the series is fitted once. A
-// pattern is keyed by its missing positions, one bit each.
+// pattern is keyed by its missing positions, one bit each: in one word for
+// windows up to 64 points, the common case, else in a string.
 class PatternFilters {
 public:
     PatternFilters(int window, int order, int d) : m_window(window), m_order(order), m_d(d) {}
@@ -117,14 +127,9 @@ public:
     template <class T>
     const std::vector<double>* For(const T* values)
     {
-        std::string key(static_cast<std::size_t>((m_window + 7) / 8), '\0');
-        for (int j = 0; j < m_window; ++j)
-            if (IsMisVal(values[j]))
-                key[static_cast<std::size_t>(j / 8)] = static_cast<char>(key[j / 8] | (1 << (j % 8)));
-        auto found = m_filters.find(key);
-        if (found == m_filters.end())
-            found = m_filters.emplace(std::move(key), Fit(values)).first;
-        return found->second.empty() ? nullptr : &found->second;
+        const std::vector<double>& weights = m_window <= 64 ? Find(m_narrow, NarrowKey(values), values)
+                                                            : Find(m_wide, WideKey(values), values);
+        return weights.empty() ? nullptr : &weights;
     }
 
 private:
@@ -142,8 +147,37 @@ private:
         return weights;
     }
 
+    template <class T>
+    std::uint64_t NarrowKey(const T* values) const
+    {
+        std::uint64_t key = 0;
+        for (int j = 0; j < m_window; ++j)
+            key |= static_cast<std::uint64_t>(IsMisVal(values[j])) << j;
+        return key;
+    }
+
+    template <class T>
+    std::string WideKey(const T* values) const
+    {
+        std::string key(static_cast<std::size_t>((m_window + 7) / 8), '\0');
+        for (int j = 0; j < m_window; ++j)
+            if (IsMisVal(values[j]))
+                key[static_cast<std::size_t>(j / 8)] |= static_cast<char>(1 << (j % 8));
+        return key;
+    }
+
+    template <class Map, class Key, class T>
+    const std::vector<double>& Find(Map& map, Key&& key, const T* values)
+    {
+        auto found = map.find(key);
+        if (found == map.end())
+            found = map.emplace(std::forward<Key>(key), Fit(values)).first;
+        return found->second;
+    }
+
     int m_window, m_order, m_d;
-    std::unordered_map<std::string, std::vector<double>> m_filters;
+    std::unordered_map<std::uint64_t, std::vector<double>> m_narrow;
+    std::unordered_map<std::string, std::vector<double>> m_wide;
 };
 
 } // namespace
@@ -258,16 +292,31 @@ void Derivate<T>::CalculateEdgeEffect(const NCDataVector<T>& y, int d, double sc
 template <class T>
 void Derivate<T>::RefitMissingWindows(const NCDataVector<T>& y, int d, double scale, T* out) const
 {
-    const int n = y.Size(), half = m_window / 2;
-    const T* values = y.begin();
+    const int half = m_window / 2, centres = y.Size() - 2 * half;
+    const int pieces = (centres + RefitPiece - 1) / RefitPiece;
+    // Each piece keeps its own patterns, so the threads share nothing but
+    // the series; a pattern costs one small fit per piece that meets it.
+    const long long work = static_cast<long long>(y.GetNumMisVal()) * m_window * m_window;
+    const bool parallel = work >= 4 * NCParallelWork::MinCells;
+#pragma omp parallel for if (parallel && pieces > 1) schedule(static)
+    for (int p = 0; p < pieces; ++p) {
+        const int first = half + p * RefitPiece;
+        RefitCentres(y.begin(), first, std::min(first + RefitPiece, half + centres) - 1, d, scale, out);
+    }
+}
+
+template <class T>
+void Derivate<T>::RefitCentres(const T* values, int first, int last, int d, double scale, T* out) const
+{
+    const int half = m_window / 2;
     PatternFilters patterns(m_window, m_order, d);
     // Centres from `next` on have not been refitted yet; a missing point at
     // m spoils the centres m - half .. m + half.
-    int next = half;
-    for (int m = 0; m < n; ++m) {
+    int next = first;
+    for (int m = first - half; m <= last + half; ++m) {
         if (!IsMisVal(values[m]))
             continue;
-        const int end = std::min(n - 1 - half, m + half);
+        const int end = std::min(last, m + half);
         for (int c = std::max(next, m - half); c <= end; ++c) {
             const T* window = values + (c - half);
             const std::vector<double>* h = patterns.For(window);

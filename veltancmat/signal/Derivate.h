@@ -98,6 +98,8 @@ private:
     void CalculateEdgeEffect(const NCDataVector<T>& y, int d, double scale, T* out) const;
     // The centred results of the windows that hold a missing point.
     void RefitMissingWindows(const NCDataVector<T>& y, int d, double scale, T* out) const;
+    // The same for the centres first..last (0-based) of values[].
+    void RefitCentres(const T* values, int first, int last, int d, double scale, T* out) const;
     // Row d + 1 of the fit matrix of a complete window, in double: the
     // weights of coefficient a[d + 1], d!/step^d times those of the d-th
     // derivative at the centre.
