@@ -272,7 +272,8 @@ PlotPanel ColumnPanel(const SmoothResult& r, const SmoothedColumn& c)
         what[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(what[0])));
         panel.yTitle = what + " of " + c.name;
     }
-    panel.title = c.name + ": " + Plural(c.results, "result") + " of " + Plural(static_cast<int>(c.input.size()), "row");
+    const int rows = static_cast<int>(c.input.size());
+    panel.title = c.name + ": " + Plural(c.results, "result") + " of " + Plural(rows, "row");
     return panel;
 }
 
@@ -331,7 +332,6 @@ PlotFigure SmoothPlot(const SmoothResult& r)
 int RunSmooth(const SmoothOptions& options, std::ostream& out)
 {
     CheckOptions(options);
-    const DataTable table = ReadStatsTable(options.data, options.names);
     SmoothResult result;
     RunSteps steps;
     steps.task = "Smoothing";
@@ -339,7 +339,10 @@ int RunSmooth(const SmoothOptions& options, std::ostream& out)
     steps.drawBar = options.progress;
     steps.json = options.json;
     steps.blankLineBeforeFiles = true;
-    steps.compute = [&](NCProgress& progress) { result = SmoothTable(table, options, progress); };
+    // The table is read under the Ctrl-C guard: a long one takes a while.
+    steps.compute = [&](NCProgress& progress) {
+        result = SmoothTable(ReadStatsTable(options.data, options.names), options, progress);
+    };
     steps.write = [&](RunOutputs& files) {
         files.Add("out", options.outPath, [&](std::ostream& file) { WriteResultsCsv(file, result); },
                   WrittenTo("Results", options.outPath));
