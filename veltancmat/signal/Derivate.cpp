@@ -79,8 +79,6 @@ double Factorial(int d)
 // inner loop is a plain vector multiply-add over contiguous memory.
 constexpr std::size_t CorrelationBlock = 512;
 
-// Centres per piece of the refit of windows with missing points.
-constexpr int RefitPiece = 1 << 14;
 
 template <class T>
 VELTAN_SIMD_CLONES void CorrelateBlock(const T* y, std::size_t count, const double* h, int taps, double scale, T* out)
@@ -293,15 +291,15 @@ template <class T>
 void Derivate<T>::RefitMissingWindows(const NCDataVector<T>& y, int d, double scale, T* out) const
 {
     const int half = m_window / 2, centres = y.Size() - 2 * half;
-    const int pieces = (centres + RefitPiece - 1) / RefitPiece;
-    // Each piece keeps its own patterns, so the threads share nothing but
-    // the series; a pattern costs one small fit per piece that meets it.
+    // One piece per thread, each with patterns of its own, so the threads
+    // share nothing but the series; a pattern costs one small fit per piece.
     const long long work = static_cast<long long>(y.GetNumMisVal()) * m_window * m_window;
-    const bool parallel = work >= 4 * NCParallelWork::MinCells;
-#pragma omp parallel for if (parallel && pieces > 1) schedule(static)
+    const int pieces = work >= 4 * NCParallelWork::MinCells ? std::max(1, omp_get_max_threads()) : 1;
+    const int length = (centres + pieces - 1) / pieces;
+#pragma omp parallel for if (pieces > 1) schedule(static) num_threads(pieces)
     for (int p = 0; p < pieces; ++p) {
-        const int first = half + p * RefitPiece;
-        RefitCentres(y.begin(), first, std::min(first + RefitPiece, half + centres) - 1, d, scale, out);
+        const int first = half + p * length;
+        RefitCentres(y.begin(), first, std::min(first + length, half + centres) - 1, d, scale, out);
     }
 }
 
