@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <cstdlib>
 #include <filesystem>
 
 namespace veltan_cli {
@@ -184,6 +185,12 @@ void PrintReport(std::ostream& out, const SmoothResult& r)
     PrintNotes(out, r);
 }
 
+// A float result as JSON: its shortest decimal, not the double it widens to.
+StatsJson JsonFloat(double v)
+{
+    return Computed(v) ? StatsJson(std::strtod(Figure(v, 9).c_str(), nullptr)) : StatsJson(nullptr);
+}
+
 std::string ResultName(const SmoothResult& r, const SmoothedColumn& c)
 {
     return c.name + (r.derivative == 0 ? "_smoothed" : "_d" + std::to_string(r.derivative));
@@ -220,12 +227,12 @@ std::string SmoothJson(const SmoothResult& r, const std::vector<WrittenFile>& fi
         double low = 0.0, high = 0.0;
         Range(c.result, low, high);
         StatsJson entry{{"column", c.name}, {"missing", c.missingIn}, {"results", c.results},
-                        {"min", JsonFigure(low)}, {"max", JsonFigure(high)}};
+                        {"min", JsonFloat(low)}, {"max", JsonFloat(high)}};
         if (r.derivative == 0)
             entry["rms_removed"] = JsonFigure(RmsRemoved(c));
         StatsJson values = StatsJson::array();
         for (float v : c.result)
-            values.push_back(JsonFigure(v));
+            values.push_back(JsonFloat(v));
         entry["values"] = values;
         columns.push_back(entry);
     }
