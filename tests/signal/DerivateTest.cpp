@@ -85,24 +85,6 @@ TEST(DerivateWindow, BadConstructionArgumentsThrow)
     EXPECT_THROW(Make(2, std::size_t(1) << 40), InvalidArgument);
 }
 
-TEST(DerivateWindow, CopiesAndMovesKeepTheFit)
-{
-    const V y = Series(25, [](double t) { return std::cos(0.3 * t); });
-    SG original = Make(3, 9);
-    const V want = original.Smooth(y, true);
-    SG copy(original);
-    SG assigned = Make(1, 3);
-    assigned = copy;
-    EXPECT_EQ(copy.Smooth(y, true), want);
-    EXPECT_EQ(assigned.Smooth(y, true), want);
-    SG moved(std::move(copy));
-    EXPECT_EQ(moved.GetWindow(), 9u);
-    EXPECT_EQ(moved.Smooth(y, true), want);
-    assigned = Make(1, 3);
-    assigned = std::move(moved);
-    EXPECT_EQ(assigned.Smooth(y, true), want);
-}
-
 // ------------------------------------------------------------- fit matrix
 
 TEST(DerivateFitMatrix, MatchesThePublishedFiveAndSevenPointWeights)
