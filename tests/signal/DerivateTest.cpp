@@ -99,6 +99,11 @@ TEST(DerivateFitMatrix, MatchesThePublishedFiveAndSevenPointWeights)
         EXPECT_NEAR(five[1][j], smooth[j - 1] / 35.0, 1e-7);
         EXPECT_NEAR(five[2][j], (j - 3) / 10.0, 1e-7);
     }
+    // The object keeps the same matrix for its complete windows.
+    const SG sg = Make(2, 5);
+    const NCDataMatrix<float>& kept = sg.GetFitMatrix();
+    for (int k = 1; k <= 3; ++k)
+        EXPECT_EQ(kept[k], five[k]) << k;
     const NCDataMatrix<float> seven = Make(2, 7).CalcXMatrix(V(7, 1.0f));
     for (int j = 1; j <= 7; ++j)
         EXPECT_NEAR(seven[2][j], (j - 4) / 28.0, 1e-7);

@@ -59,6 +59,9 @@ public:
     PolynomialOrder GetOrder() const { return static_cast<PolynomialOrder>(m_order); }
     // The window after widening: odd and at least order + 1.
     std::size_t GetWindow() const { return static_cast<std::size_t>(m_window); }
+    // The fit matrix of a complete window, (order + 1) x window: row k + 1
+    // gives the weights of coefficient a[k + 1].
+    const NCDataMatrix<T>& GetFitMatrix() const { return m_fit; }
 
     // DoDerivate(y, 0, 1, edges).
     NCDataVector<T> Smooth(const NCDataVector<T>& y, bool edges) const;
