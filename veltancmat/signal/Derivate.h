@@ -104,8 +104,8 @@ private:
     // The same for the centres first..last (0-based) of values[].
     void RefitCentres(const T* values, int first, int last, int d, double scale, T* out) const;
     // Row d + 1 of the fit matrix of a complete window, in double: the
-    // weights of coefficient a[d + 1], d!/step^d times those of the d-th
-    // derivative at the centre.
+    // weights of coefficient a[d + 1]. The d-th derivative at the centre is
+    // d!/step^d times that coefficient.
     const double* Filter(int d) const { return m_filters.data() + static_cast<std::size_t>(d) * m_window; }
 
     int m_order = 0;
