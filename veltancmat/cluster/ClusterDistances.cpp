@@ -210,24 +210,21 @@ void NearestPairCalculator::ComputeTriangle(const std::vector<float>& rows, cons
     auto work = [&](int from, int to, bool report) {
         int sincePoll = 0;
         long long pending = 0;
+        std::vector<double> squares(static_cast<std::size_t>(n));
+        std::vector<int> common(static_cast<std::size_t>(n));
         for (int r = from; r < to; ++r) {
             const float* x = rows.data() + static_cast<std::ptrdiff_t>(r) * columns;
             float* out = m_triangle.data() + Index(r, r + 1);
-            for (int s = r + 1; s < n; ++s) {
-                const float* y = rows.data() + static_cast<std::ptrdiff_t>(s) * columns;
-                int common = columns;
-                double sum = 0.0;
-                if (complete[static_cast<std::size_t>(r)] && complete[static_cast<std::size_t>(s)]) {
-                    sum = DendroGram::CompleteSquares(x, y, columns);
-                } else {
-                    sum = DendroGram::PairSquares(x, y, columns, common);
-                    if (common < minCommon) {
-                        tooFewCommon.store(true, std::memory_order_relaxed);
-                        stop.store(true, std::memory_order_relaxed);
-                        return;
-                    }
+            const int count = n - r - 1;
+            DendroGram::RowPairSquares(x, complete[static_cast<std::size_t>(r)] != 0, rows.data(), complete.data(),
+                                       nullptr, r + 1, count, columns, squares.data(), common.data());
+            for (int q = 0; q < count; ++q) {
+                if (common[static_cast<std::size_t>(q)] < minCommon) {
+                    tooFewCommon.store(true, std::memory_order_relaxed);
+                    stop.store(true, std::memory_order_relaxed);
+                    return;
                 }
-                out[s - r - 1] = RowDistance(sum, common, columns);
+                out[q] = RowDistance(squares[static_cast<std::size_t>(q)], common[static_cast<std::size_t>(q)], columns);
             }
             pending += n - r - 1;
             if (++sincePoll == RowsPerPoll) {

@@ -389,14 +389,16 @@ bool NearestPairCalculator::SaveRowsOfSegment(const std::vector<float>& rows, co
         const std::size_t offset =
             before * static_cast<std::size_t>(n - 1 - from) - before * (before - (before > 0 ? 1 : 0)) / 2;
         const float* x = rows.data() + static_cast<std::size_t>(r) * static_cast<std::size_t>(columns);
-        for (int s = r + 1; s < n; ++s) {
-            const float* y = rows.data() + static_cast<std::size_t>(s) * static_cast<std::size_t>(columns);
-            int common = 0;
-            const double sum = DendroGram::PairSquares(x, y, columns, common);
-            if (!complete[static_cast<std::size_t>(r)] || !complete[static_cast<std::size_t>(s)])
-                fewer = fewer || common < minCommon;
-            block[offset + static_cast<std::size_t>(s - r - 1)] =
-                Record{RowDistance(sum, common, columns), static_cast<std::uint32_t>(r), static_cast<std::uint32_t>(s)};
+        const int count = n - r - 1;
+        std::vector<double> squares(static_cast<std::size_t>(count));
+        std::vector<int> common(static_cast<std::size_t>(count));
+        DendroGram::RowPairSquares(x, complete[static_cast<std::size_t>(r)] != 0, rows.data(), complete.data(),
+                                   nullptr, r + 1, count, columns, squares.data(), common.data());
+        for (int q = 0; q < count; ++q) {
+            const auto c = static_cast<std::size_t>(q);
+            fewer = fewer || common[c] < minCommon;
+            block[offset + c] = Record{RowDistance(squares[c], common[c], columns), static_cast<std::uint32_t>(r),
+                                       static_cast<std::uint32_t>(r + 1 + q)};
         }
     }
     return fewer;

@@ -2,6 +2,7 @@
 
 #include "veltancmat/cluster/PairSquares.h"
 #include "veltancmat/containers/frame/ProgressScope.h"
+#include "veltancmat/containers/frame/Simd.h"
 #include "veltancmat/platform/ExceptionMessage.h"
 
 #include <omp.h>
@@ -76,6 +77,25 @@ Candidate BestOver(int count, long long cellsPerItem, std::vector<Candidate>& pe
 
 // ---- Ward by nearest-neighbour chains -----------------------------------
 
+// The squared Euclidean distances of `count` centroids (row after row) from
+// `x`. The scan of every chain step; wider vectors where the processor has
+// them.
+VELTAN_SIMD_CLONES
+void CentroidSquares(const double* centroids, int count, int columns, const double* x, double* out)
+{
+    const auto k = static_cast<std::size_t>(columns);
+    for (int q = 0; q < count; ++q) {
+        const double* y = centroids + static_cast<std::size_t>(q) * k;
+        double squares = 0.0;
+#pragma omp simd reduction(+ : squares)
+        for (std::size_t j = 0; j < k; ++j) {
+            const double d = x[j] - y[j];
+            squares += d * d;
+        }
+        out[q] = squares;
+    }
+}
+
 class WardChain {
 public:
     explicit WardChain(const RowBlock& data) : m_columns(data.columns), m_count(data.rows), m_nextId(data.rows)
@@ -132,30 +152,22 @@ private:
         std::int32_t right;
     };
 
-    double Increase(int p, int q) const
-    {
-        const auto k = static_cast<std::size_t>(m_columns);
-        const double* x = m_centroids.data() + static_cast<std::size_t>(p) * k;
-        const double* y = m_centroids.data() + static_cast<std::size_t>(q) * k;
-        double squares = 0.0;
-#pragma omp simd reduction(+ : squares)
-        for (std::size_t j = 0; j < k; ++j) {
-            const double d = x[j] - y[j];
-            squares += d * d;
-        }
-        const double nx = m_sizes[static_cast<std::size_t>(p)];
-        const double ny = m_sizes[static_cast<std::size_t>(q)];
-        return squares * (nx * ny / (nx + ny));
-    }
-
     Candidate Nearest(int p) const
     {
         const std::int32_t slot = m_slots[static_cast<std::size_t>(p)];
+        const auto k = static_cast<std::size_t>(m_columns);
+        const double* x = m_centroids.data() + static_cast<std::size_t>(p) * k;
+        const double nx = m_sizes[static_cast<std::size_t>(p)];
+        m_squares.resize(static_cast<std::size_t>(m_count));
         return BestOver(m_count, m_columns, m_perThread, [&](int from, int to, Candidate& best) {
+            double* squares = m_squares.data();
+            CentroidSquares(m_centroids.data() + static_cast<std::size_t>(from) * k, to - from, m_columns, x,
+                            squares + from);
             for (int q = from; q < to; ++q) {
                 if (q == p)
                     continue;
-                const double d = Increase(p, q);
+                const double ny = m_sizes[static_cast<std::size_t>(q)];
+                const double d = squares[q] * (nx * ny / (nx + ny));
                 const auto key = static_cast<float>(d);
                 if (key > best.key)
                     continue;
@@ -241,6 +253,8 @@ private:
     std::vector<std::int32_t> m_ids;
     std::vector<int> m_positionOfSlot;
     mutable std::vector<Candidate> m_perThread;
+    // The squared centroid distances of the current scan, by position.
+    mutable std::vector<double> m_squares;
 };
 
 } // namespace
@@ -272,6 +286,8 @@ std::vector<RowEdge> SpanningTreeEdges(const RowBlock& data, double minCommon, b
         outside[static_cast<std::size_t>(i - 1)] = i;
     std::vector<Candidate> perThread;
     std::vector<std::uint8_t> refused;
+    std::vector<double> squares(outside.size());
+    std::vector<int> common(outside.size());
 
     const long long pairs = static_cast<long long>(n) * (n - 1) / 2;
     ProgressText(progress, ProgressCaption(nullptr, "Calculating %1% distances", pairs));
@@ -287,22 +303,19 @@ std::vector<RowEdge> SpanningTreeEdges(const RowBlock& data, double minCommon, b
         refused.assign(static_cast<std::size_t>(std::max(1, omp_get_max_threads())), 0);
         const Candidate best = BestOver(count, data.columns, perThread, [&](int from, int to, Candidate& mine) {
             bool fewer = false;
+            RowPairSquares(u, uComplete, data.cells, data.complete, outside.data() + from, 0, to - from,
+                           data.columns, squares.data() + from, common.data() + from);
             for (int p = from; p < to; ++p) {
                 const std::int32_t v = outside[static_cast<std::size_t>(p)];
-                const float* x = data.cells + static_cast<std::size_t>(v) * k;
-                double squares = 0.0;
-                if (uComplete && data.complete[v]) {
-                    squares = CompleteSquares(u, x, data.columns);
-                } else {
-                    int common = 0;
-                    squares = PairSquares(u, x, data.columns, common);
-                    if (common < minCommon) {
-                        fewer = true;
-                        continue;
-                    }
-                    squares *= columns / common;
+                const int shared = common[static_cast<std::size_t>(p)];
+                if (shared < minCommon) {
+                    fewer = true;
+                    continue;
                 }
-                const double distance = std::sqrt(squares);
+                double scaled = squares[static_cast<std::size_t>(p)];
+                if (shared < data.columns)
+                    scaled *= columns / shared;
+                const double distance = std::sqrt(scaled);
                 Candidate& own = nearest[static_cast<std::size_t>(p)];
                 const Candidate c = MakeCandidate(distance, static_cast<float>(distance), joined, v, p);
                 if (c.Before(own))

@@ -7,6 +7,8 @@
 
 #include "veltancmat/containers/frame/MissingValue.h"
 
+#include <cstdint>
+
 namespace DendroGram {
 
 inline double PairSquares(const float* x, const float* y, int columns, int& common)
@@ -36,5 +38,12 @@ inline double CompleteSquares(const float* x, const float* y, int columns)
     }
     return squares;
 }
+
+// The two for row `x` against `count` other rows: row q is at
+// cells + index[q] * columns, or at cells + (first + q) * columns when
+// `index` is null. A pair of complete rows has `columns` in common. The
+// scan behind every row distance, in the widest vectors the processor has.
+void RowPairSquares(const float* x, bool xComplete, const float* cells, const std::uint8_t* complete,
+                    const std::int32_t* index, int first, int count, int columns, double* squares, int* common);
 
 } // namespace DendroGram
