@@ -60,7 +60,9 @@ public:
         ++builder->m_row;
         try {
             if (!builder->m_fields.empty())
-                builder->Record();
+                builder->RecordAfterBlanks();
+            else if (builder->m_headerSeen && builder->m_header.size() == 1)
+                builder->m_blankRows.push_back(builder->m_row);
         } catch (const ToolError& e) {
             builder->m_error = e.what();
         } catch (const std::bad_alloc&) {
@@ -96,6 +98,26 @@ public:
     }
 
 private:
+    // In a table of one column a blank line is an empty cell, a missing
+    // value: skipping it would shift the rest of a series. Blank lines after
+    // the last value are only the end of the file.
+    void RecordAfterBlanks()
+    {
+        if (!m_blankRows.empty()) {
+            std::vector<std::string> fields = std::move(m_fields);
+            const int row = m_row;
+            for (int blank : m_blankRows) {
+                m_fields.assign(1, std::string());
+                m_row = blank;
+                Record();
+            }
+            m_blankRows.clear();
+            m_fields = std::move(fields);
+            m_row = row;
+        }
+        Record();
+    }
+
     void Record()
     {
         if (!m_headerSeen) {
@@ -171,6 +193,7 @@ private:
     std::vector<std::string> m_fields;
     std::vector<float> m_cells;
     bool m_headerSeen = false;
+    std::vector<int> m_blankRows;
     int m_row = 0;
     int m_lastEnd = 0;
     std::string m_error;

@@ -3,6 +3,7 @@
 #include "cli/CsvTable.h"
 #include "cli/CsvWriter.h"
 #include "cli/ToolError.h"
+#include "veltancmat/containers/frame/MissingValue.h"
 
 #include <gtest/gtest.h>
 
@@ -97,6 +98,21 @@ TEST(CsvTable, QuotesBomAndLineEnds)
                                                          "field must end at a comma or a line end, and quotes "
                                                          "inside it are doubled)");
     EXPECT_EQ(ParseError("name,a\nr1,\"1\n"), "t.csv: row 2, column 2: a quoted field is not closed");
+}
+
+// In a single column a blank line is an empty cell: the series keeps its
+// positions. Blank lines after the last value end the file.
+TEST(CsvTable, BlankLinesInOneColumnAreMissingValues)
+{
+    DataTable t = ParseCsvTable("y\n1\n\n\r\n4\n\n\n", "t.csv");
+    ASSERT_EQ(t.values.SizeRows(), 4);
+    EXPECT_EQ(t.values[1][1], 1.0f);
+    EXPECT_TRUE(IsMisVal(t.values[2][1]));
+    EXPECT_TRUE(IsMisVal(t.values[3][1]));
+    EXPECT_EQ(t.values[4][1], 4.0f);
+    EXPECT_EQ(t.fileRows, (std::vector<int>{2, 3, 4, 5}));
+    // Two columns: a blank line is no row.
+    EXPECT_EQ(ParseCsvTable("a,b\n1,2\n\n3,4\n", "t.csv").values.SizeRows(), 2);
 }
 
 TEST(CsvTable, MalformedTables)
