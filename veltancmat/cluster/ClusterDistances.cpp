@@ -280,12 +280,27 @@ float NearestPairCalculator::FindNearestAndMerge(int& a, int& b)
     if (m_live.size() < 2)
         throw NCInternalError("NearestPairCalculator::FindNearestAndMerge");
 
+    const int first = NearestExactSlot();
+    const int second = m_nearest[static_cast<std::size_t>(first)];
+    const float distance = m_nearestDistance[static_cast<std::size_t>(first)];
+    a = DenseIndex(first);
+    b = DenseIndex(second);
+
+    Merged(first, second);
+    m_alive[static_cast<std::size_t>(second)] = 0;
+    m_live.erase(m_live.begin() + b);
+    UpdateNeighbours(first, second);
+    Rescan(first);
+    return distance;
+}
+
+int NearestPairCalculator::NearestExactSlot()
+{
     // The smallest (distance, slot) among the bounds; when it is only a
     // bound, make it exact and look again. Every other bound is at least as
     // far, and so is the true distance behind it.
-    int first = -1;
     for (;;) {
-        first = -1;
+        int first = -1;
         float smallest = 0.0f;
         for (int slot : m_live) {
             const auto s = static_cast<std::size_t>(slot);
@@ -297,18 +312,13 @@ float NearestPairCalculator::FindNearestAndMerge(int& a, int& b)
             }
         }
         if (!m_stale[static_cast<std::size_t>(first)])
-            break;
+            return first;
         Rescan(first);
     }
-    const int second = m_nearest[static_cast<std::size_t>(first)];
-    const float distance = m_nearestDistance[static_cast<std::size_t>(first)];
-    a = DenseIndex(first);
-    b = DenseIndex(second);
+}
 
-    Merged(first, second);
-    m_alive[static_cast<std::size_t>(second)] = 0;
-    m_live.erase(m_live.begin() + b);
-
+void NearestPairCalculator::UpdateNeighbours(int first, int second)
+{
     // Each other cluster's entry and neighbour are its own: the clusters
     // share out among threads.
     const int count = static_cast<int>(m_live.size());
@@ -344,8 +354,6 @@ float NearestPairCalculator::FindNearestAndMerge(int& a, int& b)
     for (auto it = std::upper_bound(m_live.begin(), m_live.end(), first); it != m_live.end() && *it < second; ++it)
         if (m_nearest[static_cast<std::size_t>(*it)] == second)
             m_stale[static_cast<std::size_t>(*it)] = 1;
-    Rescan(first);
-    return distance;
 }
 
 // ---- Ward ---------------------------------------------------------------

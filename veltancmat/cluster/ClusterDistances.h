@@ -103,6 +103,11 @@ private:
     // Ends a run on the disk, removing its files.
     void DropDisk();
     void Rescan(int slot);
+    // The slot whose exact nearest neighbour is the nearest pair.
+    int NearestExactSlot();
+    // After slot `second` merged into `first`: the merged cluster's
+    // distances, and the neighbours that pointed at either.
+    void UpdateNeighbours(int first, int second);
     int DenseIndex(int slot) const;
 
     int m_slots = 0;

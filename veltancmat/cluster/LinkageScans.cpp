@@ -267,80 +267,115 @@ std::vector<SlotMerge> WardChainMerges(const RowBlock& data, NCProgress* progres
 
 // ---- single linkage by a minimum spanning tree --------------------------
 
-std::vector<RowEdge> SpanningTreeEdges(const RowBlock& data, double minCommon, bool& tooFewCommon,
-                                       NCProgress* progress, const CancelText& aborted)
-{
-    tooFewCommon = false;
-    const int n = data.rows;
-    const auto k = static_cast<std::size_t>(data.columns);
-    const double columns = data.columns;
-    std::vector<RowEdge> edges;
-    if (n < 2)
+namespace {
+
+// Prim's algorithm over the rows: the rows outside the tree, each with its
+// nearest row inside, kept by position; a joining row's place is taken by
+// the last one outside.
+class SpanningTree {
+public:
+    SpanningTree(const RowBlock& data, double minCommon) : m_data(data), m_minCommon(minCommon)
+    {
+        const auto outsideCount = static_cast<std::size_t>(data.rows - 1);
+        m_outside.resize(outsideCount);
+        for (std::size_t i = 0; i < outsideCount; ++i)
+            m_outside[i] = static_cast<std::int32_t>(i + 1);
+        m_nearest.resize(outsideCount);
+        m_squares.resize(outsideCount);
+        m_common.resize(outsideCount);
+    }
+
+    // The edges in the order they join, or none with `tooFewCommon` set.
+    std::vector<RowEdge> Run(NCProgress* progress, const CancelText& aborted, bool& tooFewCommon)
+    {
+        const long long pairs = static_cast<long long>(m_data.rows) * (m_data.rows - 1) / 2;
+        ProgressText(progress, ProgressCaption(nullptr, "Calculating %1% distances", pairs));
+        ProgressRange(progress, 0.0f, static_cast<float>(std::max(pairs, 1LL)));
+        std::vector<RowEdge> edges;
+        edges.reserve(m_outside.size());
+        long long done = 0;
+        std::int32_t joined = 0;
+        while (!m_outside.empty()) {
+            CheckBreak(progress, aborted);
+            const int count = static_cast<int>(m_outside.size());
+            Candidate best;
+            if (!Scan(joined, best)) {
+                tooFewCommon = true;
+                return {};
+            }
+            edges.push_back({static_cast<double>(best.key), best.lo, best.hi});
+            joined = Take(best.position);
+            done += count;
+            CheckedSetValue(progress, static_cast<float>(done), aborted);
+        }
         return edges;
-    edges.reserve(static_cast<std::size_t>(n - 1));
+    }
 
-    // Rows not yet in the tree, and for each its nearest tree row.
-    std::vector<std::int32_t> outside(static_cast<std::size_t>(n - 1));
-    std::vector<Candidate> nearest(static_cast<std::size_t>(n - 1));
-    for (int i = 1; i < n; ++i)
-        outside[static_cast<std::size_t>(i - 1)] = i;
-    std::vector<Candidate> perThread;
-    std::vector<std::uint8_t> refused;
-    std::vector<double> squares(outside.size());
-    std::vector<int> common(outside.size());
-
-    const long long pairs = static_cast<long long>(n) * (n - 1) / 2;
-    ProgressText(progress, ProgressCaption(nullptr, "Calculating %1% distances", pairs));
-    ProgressRange(progress, 0.0f, static_cast<float>(std::max(pairs, 1LL)));
-    long long done = 0;
-
-    std::int32_t joined = 0;
-    while (!outside.empty()) {
-        CheckBreak(progress, aborted);
-        const float* u = data.cells + static_cast<std::size_t>(joined) * k;
-        const bool uComplete = data.complete[joined] != 0;
-        const int count = static_cast<int>(outside.size());
-        refused.assign(static_cast<std::size_t>(std::max(1, omp_get_max_threads())), 0);
-        const Candidate best = BestOver(count, data.columns, perThread, [&](int from, int to, Candidate& mine) {
-            bool fewer = false;
-            RowPairSquares(u, uComplete, data.cells, data.complete, outside.data() + from, 0, to - from,
-                           data.columns, squares.data() + from, common.data() + from);
+private:
+    // Lowers the outside rows' nearest distances by the row that joined and
+    // finds the nearest of all; false when a pair has too few common values.
+    bool Scan(std::int32_t joined, Candidate& best)
+    {
+        const float* u = m_data.cells + static_cast<std::size_t>(joined) * static_cast<std::size_t>(m_data.columns);
+        const bool uComplete = m_data.complete[joined] != 0;
+        const double columns = m_data.columns;
+        m_refused.assign(static_cast<std::size_t>(std::max(1, omp_get_max_threads())), 0);
+        best = BestOver(static_cast<int>(m_outside.size()), m_data.columns, m_perThread,
+                        [&](int from, int to, Candidate& mine) {
+            RowPairSquares(u, uComplete, m_data.cells, m_data.complete, m_outside.data() + from, 0, to - from,
+                           m_data.columns, m_squares.data() + from, m_common.data() + from);
             for (int p = from; p < to; ++p) {
-                const std::int32_t v = outside[static_cast<std::size_t>(p)];
-                const int shared = common[static_cast<std::size_t>(p)];
-                if (shared < minCommon) {
-                    fewer = true;
+                const auto at = static_cast<std::size_t>(p);
+                const int shared = m_common[at];
+                if (shared < m_minCommon) {
+                    m_refused[static_cast<std::size_t>(omp_get_thread_num())] = 1;
                     continue;
                 }
-                double scaled = squares[static_cast<std::size_t>(p)];
-                if (shared < data.columns)
-                    scaled *= columns / shared;
+                const double scaled = shared < m_data.columns ? m_squares[at] * (columns / shared) : m_squares[at];
                 const double distance = std::sqrt(scaled);
-                Candidate& own = nearest[static_cast<std::size_t>(p)];
-                const Candidate c = MakeCandidate(distance, static_cast<float>(distance), joined, v, p);
+                Candidate& own = m_nearest[at];
+                const Candidate c = MakeCandidate(distance, static_cast<float>(distance), joined, m_outside[at], p);
                 if (c.Before(own))
                     own = c;
                 if (own.Before(mine))
                     mine = own;
             }
-            if (fewer)
-                refused[static_cast<std::size_t>(omp_get_thread_num())] = 1;
         });
-        if (std::find(refused.begin(), refused.end(), 1) != refused.end()) {
-            tooFewCommon = true;
-            return {};
-        }
-        edges.push_back({static_cast<double>(best.key), best.lo, best.hi});
-        joined = outside[static_cast<std::size_t>(best.position)];
-        // The last row outside takes the place of the one that joined.
-        outside[static_cast<std::size_t>(best.position)] = outside.back();
-        nearest[static_cast<std::size_t>(best.position)] = nearest[outside.size() - 1];
-        nearest[static_cast<std::size_t>(best.position)].position = best.position;
-        outside.pop_back();
-        done += count;
-        CheckedSetValue(progress, static_cast<float>(done), aborted);
+        return std::find(m_refused.begin(), m_refused.end(), 1) == m_refused.end();
     }
-    return edges;
+
+    // Moves the row at `position` into the tree and returns it.
+    std::int32_t Take(int position)
+    {
+        const auto at = static_cast<std::size_t>(position);
+        const std::int32_t row = m_outside[at];
+        m_outside[at] = m_outside.back();
+        m_nearest[at] = m_nearest[m_outside.size() - 1];
+        m_nearest[at].position = position;
+        m_outside.pop_back();
+        return row;
+    }
+
+    const RowBlock& m_data;
+    double m_minCommon;
+    std::vector<std::int32_t> m_outside;
+    std::vector<Candidate> m_nearest;
+    std::vector<double> m_squares;
+    std::vector<int> m_common;
+    std::vector<Candidate> m_perThread;
+    std::vector<std::uint8_t> m_refused;
+};
+
+} // namespace
+
+std::vector<RowEdge> SpanningTreeEdges(const RowBlock& data, double minCommon, bool& tooFewCommon,
+                                       NCProgress* progress, const CancelText& aborted)
+{
+    tooFewCommon = false;
+    if (data.rows < 2)
+        return {};
+    SpanningTree tree(data, minCommon);
+    return tree.Run(progress, aborted, tooFewCommon);
 }
 
 } // namespace DendroGram
