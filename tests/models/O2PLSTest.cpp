@@ -340,6 +340,15 @@ TEST(O2PLSDimensions, MessagesNameTheSideAndItsCount)
     }
 }
 
+TEST(O2PLSDimensions, MessagesAreTranslatedWithTheCountFilledIn)
+{
+    MessageCatalog::SetLanguage("de_DE.UTF-8", VELTAN_TEST_LOCALE_DIR);
+    const NCO2PLSDimensionalityException e(NCO2PLSDimensionalityException::YSide, 0, 3);
+    MessageCatalog::SetLanguage("C");
+    EXPECT_EQ(std::string(e.what()),
+              "Es gibt nur 3 OPLS-orthogonale Dimensionen in Y.\n\nWeitere Komponenten können nicht berechnet werden.");
+}
+
 // X has K columns and Y M; the limit of a side is min(columns + 1, N).
 NCO2PLS Narrow(int k, int m, bool check)
 {
