@@ -1,4 +1,5 @@
 #include "veltancmat/models/NCO2PLS.h"
+#include "veltancmat/models/NCO2PLSPred.h"
 #include "veltancmat/models/NCPCA.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -96,13 +97,13 @@ NCDataMatrix<float> Less(const NCDataMatrix<float>& block, const NCDataMatrix<fl
     return rest;
 }
 
-void ExpectClose(const NCDataMatrix<float>& a, const NCDataMatrix<float>& b, double tolerance)
+void ExpectClose(const NCDataMatrix<float>& a, const NCDataMatrix<float>& b, double tolerance, const char* what = "")
 {
-    ASSERT_EQ(a.SizeRows(), b.SizeRows());
-    ASSERT_EQ(a.SizeColumns(), b.SizeColumns());
+    ASSERT_EQ(a.SizeRows(), b.SizeRows()) << what;
+    ASSERT_EQ(a.SizeColumns(), b.SizeColumns()) << what;
     for (int i = 1; i <= a.SizeRows(); ++i)
         for (int j = 1; j <= a.SizeColumns(); ++j)
-            EXPECT_NEAR(a[i][j], b[i][j], tolerance) << "(" << i << ", " << j << ")";
+            EXPECT_NEAR(a[i][j], b[i][j], tolerance) << what << " (" << i << ", " << j << ")";
 }
 
 // ---- agreement with the NumPy implementation of the 2003 algorithm ------
@@ -178,15 +179,6 @@ TEST(O2PLSModel, CoefficientsMapTheFilteredBlocksOntoTheJointParts)
     ExpectClose(yf.MatrixMultiply(model.GetXCoefficients()), xJoint, 2e-4);
     EXPECT_EQ(model.GetCoefficients().SizeRows(), O2PLSXCols);
     EXPECT_EQ(model.GetXCoefficients().SizeRows(), O2PLSYCols);
-}
-
-TEST(O2PLSModel, CoefficientsOfAModelWithoutJointPartAreZero)
-{
-    const NCO2PLS model = Fitted(0, 1, 1);
-    const NCDataMatrix<float> b = model.GetCoefficients();
-    ASSERT_EQ(b.SizeRows(), O2PLSXCols);
-    ASSERT_EQ(b.SizeColumns(), O2PLSYCols);
-    EXPECT_EQ(b.GetSSF(), 0.0f);
 }
 
 TEST(O2PLSModel, FlipsNegateOnePartAndKeepEveryReconstruction)
@@ -345,8 +337,8 @@ TEST(O2PLSDimensions, MessagesAreTranslatedWithTheCountFilledIn)
     MessageCatalog::SetLanguage("de_DE.UTF-8", VELTAN_TEST_LOCALE_DIR);
     const NCO2PLSDimensionalityException e(NCO2PLSDimensionalityException::YSide, 0, 3);
     MessageCatalog::SetLanguage("C");
-    EXPECT_EQ(std::string(e.what()),
-              "Es gibt nur 3 OPLS-orthogonale Dimensionen in Y.\n\nWeitere Komponenten können nicht berechnet werden.");
+    EXPECT_EQ(std::string(e.what()), "Es gibt nur 3 OPLS-orthogonale Dimensionen in Y.\n\n"
+                                     "Weitere Komponenten können nicht berechnet werden.");
 }
 
 // X has K columns and Y M; the limit of a side is min(columns + 1, N).
@@ -406,9 +398,87 @@ TEST(O2PLSDimensions, WithTheChecksOffNothingIsRefused)
     EXPECT_NO_THROW(model.NextOrthogonalComponent(false, 1));
 }
 
+// ---- prediction ---------------------------------------------------------
+
+TEST(O2PLSPred, TrainingXRowsReproduceTheFittedJointPart)
+{
+    const NCO2PLS model = Fitted(2, 2, 1);
+    const NCO2PLSPred pred(model, model.GetX(), true);
+    EXPECT_TRUE(pred.IsFromX());
+    EXPECT_EQ(pred.SizeObservations(), O2PLSRows);
+    ExpectClose(pred.GetOrthogonalScores(), model.GetTOXprim(), 1e-5, "TO_X");
+    ExpectClose(pred.GetJointScores(), model.GetTprim(), 2e-5, "T");
+    const NCDataMatrix<float> joint =
+        model.GetTprim().MultiplyTransposeThis(model.GetBTU()).MatrixMultiply(model.GetCprim());
+    ExpectClose(pred.GetPrediction(), joint, 2e-5, "T B_TU C'");
+    // The same prediction through the coefficients of the filtered block.
+    ExpectClose(pred.GetPrediction(), pred.GetFiltered().MatrixMultiply(model.GetCoefficients()), 2e-5, "X_f B");
+    // What is left is orthogonal to the joint weights.
+    ExpectClose(pred.GetResiduals().MultiplyTransposeOther(model.GetWprim()),
+                NCDataMatrix<float>(O2PLSRows, 2, 0.0f), 1e-4, "E W");
+}
+
+TEST(O2PLSPred, TrainingYRowsReproduceTheFittedJointPart)
+{
+    const NCO2PLS model = Fitted(1, 1, 3);
+    const NCO2PLSPred pred(model, model.GetY(), false);
+    EXPECT_FALSE(pred.IsFromX());
+    ExpectClose(pred.GetOrthogonalScores(), model.GetTOYprim(), 1e-5, "TO_Y");
+    ExpectClose(pred.GetJointScores(), model.GetUprim(), 2e-5, "U");
+    ExpectClose(pred.GetFiltered(), Less(model.GetY(), model.GetTOYprim(), model.GetPOYprim()), 1e-5, "Y_f");
+    const NCDataMatrix<float> joint =
+        model.GetUprim().MultiplyTransposeThis(model.GetBUT()).MatrixMultiply(model.GetWprim());
+    ExpectClose(pred.GetPrediction(), joint, 2e-5, "U B_UT W'");
+    ASSERT_EQ(pred.GetPrediction().SizeColumns(), O2PLSXCols);
+}
+
+TEST(O2PLSPred, EachRowIsPredictedOnItsOwn)
+{
+    const NCO2PLS model = Fitted(2, 1, 1);
+    const NCO2PLSPred all(model, model.GetX(), true);
+    NCDataMatrix<float> some = model.GetX().SubMat(7, 11, 1, O2PLSXCols);
+    const NCO2PLSPred part(model, some, true);
+    ExpectClose(part.GetPrediction(), all.GetPrediction().SubMat(7, 11, 1, O2PLSYCols), 1e-6, "rows 7-11");
+    // A missing cell changes its own row only.
+    some(2, 3, -99.0f);
+    const NCO2PLSPred gap(model, some, true);
+    for (int i : {1, 3, 4, 5})
+        for (int j = 1; j <= O2PLSYCols; ++j)
+            EXPECT_FLOAT_EQ(gap.GetPrediction()[i][j], part.GetPrediction()[i][j]);
+    for (int j = 1; j <= O2PLSYCols; ++j)
+        EXPECT_FALSE(IsMisVal(gap.GetPrediction()[2][j]));
+}
+
+TEST(O2PLSPred, WithoutJointPartThePredictionIsZero)
+{
+    const NCO2PLS model = Fitted(0, 1, 0);
+    const NCO2PLSPred pred(model, model.GetX(), true);
+    ASSERT_EQ(pred.GetPrediction().SizeRows(), O2PLSRows);
+    ASSERT_EQ(pred.GetPrediction().SizeColumns(), O2PLSYCols);
+    EXPECT_EQ(pred.GetPrediction().GetSSF(), 0.0f);
+    EXPECT_EQ(pred.GetJointScores().SizeRows(), 0);
+    ExpectClose(pred.GetResiduals(), pred.GetFiltered(), 0.0, "no joint part");
+    const NCDataMatrix<float> b = model.GetCoefficients();
+    ASSERT_EQ(b.SizeRows(), O2PLSXCols);
+    ASSERT_EQ(b.SizeColumns(), O2PLSYCols);
+    EXPECT_EQ(b.GetSSF(), 0.0f);
+}
+
+TEST(O2PLSPred, RowsOfTheWrongWidthAreRefused)
+{
+    const NCO2PLS model = Fitted(1, 0, 0);
+    try {
+        const NCO2PLSPred pred(model, model.GetY(), true);
+        FAIL() << "Y rows accepted as X rows";
+    } catch (const NCInternalError& e) {
+        EXPECT_EQ(e.GetWhere(), "NCO2PLSPred::NCO2PLSPred");
+    }
+    EXPECT_THROW(NCO2PLSPred(model, model.GetX(), false), NCInternalError);
+}
+
 // ---- process-wide settings ----------------------------------------------
 
-TEST(O2PLSSettings, Q2LimitsKeepOnlyValuesInRangeAndDefaultToOnePercent)
+TEST(O2PLSSettings, Q2LimitsKeepOnlyValuesInRangeAndDefaultToOnePercentAndTheFlagStartsOff)
 {
     for (auto [set, get] : {std::pair{&SetO2PLSExternalQ2Limit, &GetO2PLSExternalQ2Limit},
                             std::pair{&SetO2PLSInternalQ2Limit, &GetO2PLSInternalQ2Limit}}) {
@@ -433,10 +503,6 @@ TEST(O2PLSSettings, Q2LimitsKeepOnlyValuesInRangeAndDefaultToOnePercent)
     EXPECT_FLOAT_EQ(GetO2PLSExternalQ2Limit(), 0.2f);
     SetO2PLSInternalQ2Limit(-99.0f);
     SetO2PLSExternalQ2Limit(-99.0f);
-}
-
-TEST(O2PLSSettings, MissingValueSubstitutionFlagStartsOff)
-{
     EXPECT_FALSE(NCO2PLS::GetShowMissingValueSupstitution());
     NCO2PLS::SetShowMissingValueSupstitution(true);
     EXPECT_TRUE(NCO2PLS::GetShowMissingValueSupstitution());
