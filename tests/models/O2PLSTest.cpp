@@ -432,6 +432,21 @@ TEST(O2PLSPred, TrainingYRowsReproduceTheFittedJointPart)
     ASSERT_EQ(pred.GetPrediction().SizeColumns(), O2PLSXCols);
 }
 
+TEST(O2PLSPred, NewRowsAgreeWithTheReference)
+{
+    const NCDataMatrix<float> newX = FromRowMajor(O2PLSNewX, O2PLSNewRows, O2PLSXCols);
+    const NCDataMatrix<float> newY = FromRowMajor(O2PLSNewY, O2PLSNewRows, O2PLSYCols);
+    for (const O2PLSReferenceCase& ref : O2PLSCases) {
+        SCOPED_TRACE(testing::Message() << ref.pred << "/" << ref.orthX << "/" << ref.orthY);
+        const NCO2PLS model = Fitted(ref.pred, ref.orthX, ref.orthY);
+        // Predictions do not depend on the signs of the components.
+        ExpectClose(NCO2PLSPred(model, newX, true).GetPrediction(),
+                    FromRowMajor(ref.YHat, O2PLSNewRows, O2PLSYCols), 5e-5, "Y from X");
+        ExpectClose(NCO2PLSPred(model, newY, false).GetPrediction(),
+                    FromRowMajor(ref.XHat, O2PLSNewRows, O2PLSXCols), 5e-5, "X from Y");
+    }
+}
+
 TEST(O2PLSPred, EachRowIsPredictedOnItsOwn)
 {
     const NCO2PLS model = Fitted(2, 1, 1);
