@@ -200,6 +200,13 @@ TEST(O2PLSCrossValidation, CellsWithoutAnOrthogonalDimensionAreMissing)
     EXPECT_TRUE(IsMisVal(r.GetQ2X(1, 4, 0)));
     const O2PLSPredictiveComponentEstimator choice(r, -1.0f, -1.0f);
     EXPECT_EQ(choice.GetOrthogonalX(), 3);
+
+    // Four kept rows, centred, span three dimensions: no fourth joint one.
+    const Blocks few = KnownStructure(6, 0.3);
+    const O2PLSCVResults f = O2PLSCrossValidation(few.x, few.y, 4, 0, 0, 3, nullptr).GetResults();
+    EXPECT_FALSE(IsMisVal(f.GetQ2X(3, 0, 0)));
+    EXPECT_TRUE(IsMisVal(f.GetQ2X(4, 0, 0)));
+    EXPECT_LE(O2PLSPredictiveComponentEstimator(f, -1.0f, 0.0f).GetPredictive(), 3);
 }
 
 TEST(O2PLSCrossValidation, EstimatorFindsTheKnownStructure)

@@ -119,6 +119,13 @@ struct O2PLSCrossValidation::Sums {
     {
         return (static_cast<std::size_t>(a - 1) * (maxOrthX + 1) + ox) * (maxOrthY + 1) + oy;
     }
+    // Cells (a, fromX .. maxOrthX, fromY .. toY).
+    void Fail(int a, int fromX, int fromY, int toY)
+    {
+        for (int ox = fromX; ox <= maxOrthX; ++ox)
+            for (int oy = fromY; oy <= toY; ++oy)
+                failed[Cell(a, ox, oy)] = true;
+    }
 };
 
 O2PLSCrossValidation::Split O2PLSCrossValidation::SplitRound(const NCDataMatrix<float>& x,
@@ -196,15 +203,18 @@ O2PLSCrossValidation::O2PLSCrossValidation(const NCDataMatrix<float>& x, const N
 // part fitted on top, which is exactly the sequence of NCO2PLS::Fit.
 void O2PLSCrossValidation::RunRound(const Split& split, int a, Sums& sums, NCProgress* progress) const
 {
+    // Centred rows span at most one dimension fewer than their count.
+    if (a >= split.xTrain.SizeRows()) {
+        sums.Fail(a, 0, 0, sums.maxOrthY);
+        return;
+    }
     NCO2PLS xChain(split.xTrain, split.yTrain, true, RoundIterations);
     for (int ox = 0; ox <= sums.maxOrthX; ++ox) {
         try {
             if (ox > 0)
                 xChain.NextOrthogonalComponent(true, a);
         } catch (const NCO2PLSDimensionalityException&) {
-            for (int o = ox; o <= sums.maxOrthX; ++o)
-                for (int oy = 0; oy <= sums.maxOrthY; ++oy)
-                    sums.failed[sums.Cell(a, o, oy)] = true;
+            sums.Fail(a, ox, 0, sums.maxOrthY);
             return;
         }
         NCO2PLS yChain(xChain);

@@ -14,7 +14,8 @@
 // rounds: Q2 = 1 - PRESS / SS, where SS sums the left-out rows' squares
 // about the means of the rows their round kept. Without joint components
 // the prediction is those means, so a = 0 gives 0 in every cell. A cell
-// that some round could not fit (no orthogonal dimension left) is missing.
+// that some round could not fit (no orthogonal dimension left, or a joint
+// count not below the kept rows' count) is missing.
 class VELTANCMAT_API O2PLSCVResults {
 public:
     O2PLSCVResults() = default;
