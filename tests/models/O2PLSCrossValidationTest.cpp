@@ -328,6 +328,9 @@ TEST(O2PLSCrossValidation, RefusesBadArguments)
     EXPECT_TRUE(Caught<NCInternalError>([&] { O2PLSCrossValidation(b.x, b.y, 1, 0, 0, 2, nullptr, &shortLabels); }));
     const NCDataMatrix<float> shorter = b.y.GetRowSubMatrix({1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11});
     EXPECT_TRUE(Caught<NCInternalError>([&] { O2PLSCrossValidation(b.x, shorter, 1, 0, 0, 2, nullptr); }));
+    NCDataMatrix<float> gap(b.y);
+    gap(3, 2, NCMisVal<float>);
+    EXPECT_TRUE(Caught<NCInternalError>([&] { O2PLSCrossValidation(b.x, gap, 1, 0, 0, 2, nullptr); }));
     EXPECT_TRUE(Caught<NCInternalError>([] { return O2PLSCVResults(1, 1, 1).GetQ2Y(2, 0, 0); }));
     EXPECT_TRUE(Caught<NCInternalError>([] { return O2PLSCVResults(1, 1, 1).GetQ2X(0, 2, 0); }));
 }

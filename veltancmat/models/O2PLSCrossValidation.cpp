@@ -155,6 +155,10 @@ O2PLSCrossValidation::O2PLSCrossValidation(const NCDataMatrix<float>& x, const N
     const int n = x.SizeRows();
     if (y.SizeRows() != n || (groups && groups->Size() != n))
         throw NCInternalError("O2PLSCrossValidation::O2PLSCrossValidation");
+    // Refused here rather than by the first round's model, before any progress.
+    if (x.HasMissingValues() || y.HasMissingValues())
+        throw NCInternalError("O2PLSCrossValidation::O2PLSCrossValidation",
+                              ExceptionMessage::translate("The X and Y matrices can not contain missing values."));
     if (maxOrthogonalX < 0 || maxOrthogonalY < 0)
         BadArgument("The number of orthogonal components can not be negative.");
     if (maxPredictive < 1 || maxPredictive > std::min(x.SizeColumns(), y.SizeColumns()))

@@ -61,8 +61,8 @@ public:
     // Throws NCError for a negative orthogonal count, maxPredictive outside
     // 1 .. min(K, M), rounds outside 2 .. N, group labels outside
     // 0 .. rounds - 1 or a round that keeps fewer than two rows;
-    // NCInternalError for blocks of different heights or groups of another
-    // length than N, and CancelException when the progress is broken. Null
+    // NCInternalError for blocks of different heights, a missing cell or
+    // groups of another length than N, and CancelException when the progress is broken. Null
     // groups take GetDeafultCVGroupsVector(N, rounds).
     O2PLSCrossValidation(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y, int maxPredictive,
                          int maxOrthogonalX, int maxOrthogonalY, int rounds, NCProgress* progress,
