@@ -4,6 +4,7 @@
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/models/NCO2PLS.h"
 #include "veltancmat/models/NCO2PLSPred.h"
+#include "veltancmat/platform/ExceptionMessage.h"
 #include "veltancmat/platform/NCError.h"
 
 #include "models/ModelData.h"
@@ -300,6 +301,21 @@ TEST(O2PLSCrossValidation, ProgressReachesItsEndAndBreaksCancel)
     ASSERT_TRUE(e);
     EXPECT_STREQ(e->what(), "O2PLS cross-validation aborted.");
     EXPECT_LT(partWay.GetFraction(), 1.0);
+}
+
+TEST(O2PLSCrossValidation, MessagesAreTranslated)
+{
+    const Blocks b = KnownStructure(12, 0.3);
+    NCProgress pressed;
+    pressed.RequestBreak();
+    MessageCatalog::SetLanguage("de_DE.UTF-8", VELTAN_TEST_LOCALE_DIR);
+    const auto cancel = Caught<CancelException>([&] { O2PLSCrossValidation(b.x, b.y, 1, 0, 0, 3, &pressed); });
+    const auto rounds = Caught<NCError>([&] { O2PLSCrossValidation(b.x, b.y, 1, 0, 0, 13, nullptr); });
+    MessageCatalog::SetLanguage("C");
+    ASSERT_TRUE(cancel && rounds);
+    EXPECT_STREQ(cancel->what(), "O2PLS-Kreuzvalidierung abgebrochen.");
+    EXPECT_STREQ(rounds->what(),
+                 "Die Kreuzvalidierung braucht mindestens zwei Gruppen und höchstens eine Gruppe je Beobachtung.");
 }
 
 TEST(O2PLSCrossValidation, RefusesBadArguments)
