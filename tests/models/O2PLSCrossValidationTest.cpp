@@ -179,6 +179,18 @@ TEST(O2PLSCrossValidation, CentresEachRoundOnItsKeptRows)
             }
 }
 
+TEST(O2PLSCrossValidation, AGroupWithoutRowsAddsNothing)
+{
+    const Blocks b = KnownStructure(15, 0.3);
+    const O2PLSCrossValidation::IndexList labels = GetDeafultCVGroupsVector(15, 3);
+    const O2PLSCVResults three = O2PLSCrossValidation(b.x, b.y, 2, 1, 1, 3, nullptr, &labels).GetResults();
+    const O2PLSCVResults four = O2PLSCrossValidation(b.x, b.y, 2, 1, 1, 4, nullptr, &labels).GetResults();
+    for (int a = 1; a <= 2; ++a) {
+        EXPECT_EQ(three.GetQ2Y(a, 1, 0), four.GetQ2Y(a, 1, 0));
+        EXPECT_EQ(three.GetQ2X(a, 0, 1), four.GetQ2X(a, 0, 1));
+    }
+}
+
 TEST(O2PLSCrossValidation, CellsWithoutAnOrthogonalDimensionAreMissing)
 {
     // Three X columns: with one joint component the fourth X-orthogonal

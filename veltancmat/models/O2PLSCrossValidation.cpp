@@ -185,7 +185,7 @@ O2PLSCrossValidation::O2PLSCrossValidation(const NCDataMatrix<float>& x, const N
         sums.ssX += SquaredSum(split.xTest);
         for (int a = 1; a <= maxPredictive; ++a) {
             ProgressStep step(progress, static_cast<float>(g * maxPredictive + a - 1), Aborted);
-            RunRound(split, a, sums, progress);
+            RunCells(split, a, sums, progress);
             step.Close(Aborted);
         }
     }
@@ -205,8 +205,11 @@ O2PLSCrossValidation::O2PLSCrossValidation(const NCDataMatrix<float>& x, const N
 // serves every oy, and each X-side prefix starts one chain of Y-side
 // components; a cell's model is a copy of its chain's link with the joint
 // part fitted on top, which is exactly the sequence of NCO2PLS::Fit.
-void O2PLSCrossValidation::RunRound(const Split& split, int a, Sums& sums, NCProgress* progress) const
+void O2PLSCrossValidation::RunCells(const Split& split, int a, Sums& sums, NCProgress* progress) const
 {
+    // A round that leaves nothing out adds nothing to any sum.
+    if (split.xTest.SizeRows() == 0)
+        return;
     // Centred rows span at most one dimension fewer than their count.
     if (a >= split.xTrain.SizeRows()) {
         sums.Fail(a, 0, 0, sums.maxOrthY);
@@ -240,8 +243,6 @@ void O2PLSCrossValidation::RunRound(const Split& split, int a, Sums& sums, NCPro
                     cell.SubtractLastPredictiveComp();
             }
             cell.Finalise();
-            if (split.xTest.SizeRows() == 0)
-                continue;
             const std::size_t c = sums.Cell(a, ox, oy);
             sums.pressY[c] += SquaredDistance(split.yTest, NCO2PLSPred(cell, split.xTest, true).GetPrediction());
             sums.pressX[c] += SquaredDistance(split.xTest, NCO2PLSPred(cell, split.yTest, false).GetPrediction());

@@ -76,7 +76,7 @@ private:
     struct Split;
     struct Sums;
     Split SplitRound(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y, int g) const;
-    void RunRound(const Split& split, int a, Sums& sums, NCProgress* progress) const;
+    void RunCells(const Split& split, int a, Sums& sums, NCProgress* progress) const;
 
     O2PLSCVResults m_results;
     IndexList m_groups;
