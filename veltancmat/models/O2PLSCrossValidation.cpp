@@ -5,7 +5,6 @@
 #include "veltancmat/containers/frame/ProgressScope.h"
 #include "veltancmat/models/CrossValidationQ2.h"
 #include "veltancmat/models/NCO2PLS.h"
-#include "veltancmat/models/NCO2PLSPred.h"
 #include "veltancmat/platform/NCError.h"
 
 #include <Eigen/Dense>
@@ -27,36 +26,6 @@ constexpr double ZeroSum = 1.1754943508222875e-37;
 [[noreturn]] void BadArgument(const char* text)
 {
     throw NCError(ExceptionMessage::translate(text), NCError::Error);
-}
-
-// Subtracts from every row of `block` the column means of `reference`.
-void CentreBy(NCDataMatrix<float>& block, const NCDataMatrix<float>& reference)
-{
-    for (int j = 1; j <= block.SizeColumns(); ++j) {
-        const double mean = reference.GetColumnMean(j);
-        for (int i = 1; i <= block.SizeRows(); ++i)
-            block(i, j, static_cast<float>(block[i][j] - mean));
-    }
-}
-
-double SquaredDistance(const NCDataMatrix<float>& a, const NCDataMatrix<float>& b)
-{
-    double sum = 0.0;
-    for (int i = 1; i <= a.SizeRows(); ++i)
-        for (int j = 1; j <= a.SizeColumns(); ++j) {
-            const double d = double(a[i][j]) - b[i][j];
-            sum += d * d;
-        }
-    return sum;
-}
-
-double SquaredSum(const NCDataMatrix<float>& a)
-{
-    double sum = 0.0;
-    for (int i = 1; i <= a.SizeRows(); ++i)
-        for (int j = 1; j <= a.SizeColumns(); ++j)
-            sum += double(a[i][j]) * a[i][j];
-    return sum;
 }
 
 float Q2(double press, double ss)
@@ -86,21 +55,30 @@ Dense ColumnsOf(const NCDataMatrix<float>& rows, int width)
     return d;
 }
 
-// Columns back as component rows, in float.
-NCDataMatrix<float> RowsOf(const Dense& columns)
+// A dense block back in float storage, for the models of a round.
+NCDataMatrix<float> FloatOf(const Dense& d)
 {
-    NCDataMatrix<float> rows(static_cast<int>(columns.cols()), static_cast<int>(columns.rows()));
-    for (int a = 1; a <= rows.SizeRows(); ++a)
-        for (int j = 1; j <= rows.SizeColumns(); ++j)
-            rows(a, j, static_cast<float>(columns(j - 1, a - 1)));
-    return rows;
+    NCDataMatrix<float> m(static_cast<int>(d.rows()), static_cast<int>(d.cols()));
+    for (int i = 1; i <= m.SizeRows(); ++i)
+        for (int j = 1; j <= m.SizeColumns(); ++j)
+            m(i, j, static_cast<float>(d(i - 1, j - 1)));
+    return m;
 }
 
-// The first `count` rows of a model's component matrix, `width` wide even
-// when there are none.
-NCDataMatrix<float> FirstRows(const NCDataMatrix<float>& rows, int count, int width)
+// `rows` less their first 0, 1, ..., count orthogonal components, peeled
+// one at a time as NCO2PLSPred peels complete rows: t = x w_o / w_o'w_o,
+// x <- x - t p_o'.
+std::vector<Dense> Peeled(const Dense& rows, const NCDataMatrix<float>& weights, const NCDataMatrix<float>& loadings,
+                          int count)
 {
-    return count == 0 ? NCDataMatrix<float>(0, width) : rows.SubMat(1, count, 1, width);
+    std::vector<Dense> peeled{rows};
+    for (int o = 1; o <= count; ++o) {
+        const Dense w = ColumnsOf(weights.SubMat(o, o, 1, weights.SizeColumns()), weights.SizeColumns());
+        const Dense p = ColumnsOf(loadings.SubMat(o, o, 1, loadings.SizeColumns()), loadings.SizeColumns());
+        const Eigen::VectorXd t = peeled.back() * w / w.squaredNorm();
+        peeled.push_back(peeled.back() - t * p.transpose());
+    }
+    return peeled;
 }
 
 // A power iteration that has not settled after this many steps has two
@@ -150,19 +128,13 @@ bool LeadingPairs(Dense m, int count, Dense& left, Dense& right)
 
 // B with `to` ~ `from` B, (from'from)^-1 from'to; false when from'from is
 // singular.
-bool RelationOf(const Dense& from, const Dense& to, NCDataMatrix<float>& relation)
+bool RelationOf(const Dense& from, const Dense& to, Dense& relation)
 {
     const Eigen::LDLT<Dense> gram(from.transpose() * from);
     if (gram.info() != Eigen::Success || !gram.isPositive() || gram.vectorD().minCoeff() <= 0.0)
         return false;
-    const Dense b = gram.solve(from.transpose() * to);
-    if (!b.allFinite())
-        return false;
-    relation = NCDataMatrix<float>(static_cast<int>(b.rows()), static_cast<int>(b.cols()));
-    for (int i = 1; i <= relation.SizeRows(); ++i)
-        for (int j = 1; j <= relation.SizeColumns(); ++j)
-            relation(i, j, static_cast<float>(b(i - 1, j - 1)));
-    return true;
+    relation = gram.solve(from.transpose() * to);
+    return relation.allFinite();
 }
 
 } // namespace
@@ -205,11 +177,18 @@ void O2PLSCVResults::SetCell(int a, int ox, int oy, float q2Y, float q2X)
     m_q2X[cell] = q2X;
 }
 
-// One round's rows: the kept ones centred on their own means, the left-out
-// ones on the same means.
+// Both blocks in double, centred on their means, and X'Y of them: every
+// round's cross product is this less its left-out rows' part.
+struct O2PLSCrossValidation::Whole {
+    Dense x, y, xy;
+};
+
+// One round's rows: the kept ones centred on their own means (in float for
+// the round's models, in double for the cross product and the scores), the
+// left-out ones on the same means.
 struct O2PLSCrossValidation::Split {
-    NCDataMatrix<float> xTrain, yTrain, xTest, yTest;
-    Dense x, y, xty; // the kept rows in double, and X'Y of them
+    NCDataMatrix<float> xTrain, yTrain;
+    Dense x, y, xty, xTest, yTest;
 };
 
 // The pooled sums of the grid: per cell (as O2PLSCVResults numbers them)
@@ -234,26 +213,27 @@ struct O2PLSCrossValidation::Sums {
     }
 };
 
-O2PLSCrossValidation::Split O2PLSCrossValidation::SplitRound(const NCDataMatrix<float>& x,
-                                                             const NCDataMatrix<float>& y, int g) const
+O2PLSCrossValidation::Split O2PLSCrossValidation::SplitRound(const Whole& whole, int g) const
 {
-    IndexList test, train;
-    for (int i = 1; i <= x.SizeRows(); ++i)
-        (m_groups[i] == g ? test : train).push_back(i);
-    if (train.Size() < 2)
+    std::vector<Eigen::Index> test, train;
+    for (int i = 1; i <= static_cast<int>(whole.x.rows()); ++i)
+        (m_groups[i] == g ? test : train).push_back(i - 1);
+    if (train.size() < 2)
         BadArgument("A cross-validation round keeps fewer than two observations.");
-    Split split{x.GetRowSubMatrix(train), y.GetRowSubMatrix(train), x.GetRowSubMatrix(test),
-                y.GetRowSubMatrix(test), {}, {}, {}};
-    if (!test.empty()) {
-        CentreBy(split.xTest, split.xTrain);
-        CentreBy(split.yTest, split.yTrain);
-    }
-    const NCDataMatrix<float> xKept(split.xTrain), yKept(split.yTrain);
-    CentreBy(split.xTrain, xKept);
-    CentreBy(split.yTrain, yKept);
-    split.x = DenseOf(split.xTrain);
-    split.y = DenseOf(split.yTrain);
-    split.xty.noalias() = split.x.transpose() * split.y;
+    const Dense xOut = whole.x(test, Eigen::all), yOut = whole.y(test, Eigen::all);
+    // The whole blocks' columns sum to zero, so the kept rows sum to minus
+    // the left-out ones.
+    const auto kept = static_cast<double>(train.size());
+    const Eigen::RowVectorXd xMean = -xOut.colwise().sum() / kept, yMean = -yOut.colwise().sum() / kept;
+    Split split;
+    split.x = whole.x(train, Eigen::all).rowwise() - xMean;
+    split.y = whole.y(train, Eigen::all).rowwise() - yMean;
+    split.xTest = xOut.rowwise() - xMean;
+    split.yTest = yOut.rowwise() - yMean;
+    // Sum of x y' over the kept rows about their means.
+    split.xty = whole.xy - xOut.transpose() * yOut - kept * xMean.transpose() * yMean;
+    split.xTrain = FloatOf(split.x);
+    split.yTrain = FloatOf(split.y);
     return split;
 }
 
@@ -288,10 +268,14 @@ O2PLSCrossValidation::O2PLSCrossValidation(const NCDataMatrix<float>& x, const N
     m_results = O2PLSCVResults(maxPredictive, maxOrthogonalX, maxOrthogonalY);
 
     ProgressRange(progress, 0.0f, static_cast<float>(rounds * maxPredictive));
+    Whole whole{DenseOf(x), DenseOf(y), {}};
+    whole.x.rowwise() -= whole.x.colwise().mean();
+    whole.y.rowwise() -= whole.y.colwise().mean();
+    whole.xy.noalias() = whole.x.transpose() * whole.y;
     for (int g = 0; g < rounds; ++g) {
-        const Split split = SplitRound(x, y, g);
-        sums.ssY += SquaredSum(split.yTest);
-        sums.ssX += SquaredSum(split.xTest);
+        const Split split = SplitRound(whole, g);
+        sums.ssY += split.yTest.squaredNorm();
+        sums.ssX += split.xTest.squaredNorm();
         for (int a = 1; a <= maxPredictive; ++a) {
             ProgressStep step(progress, static_cast<float>(g * maxPredictive + a - 1), Aborted);
             RunCells(split, a, sums, progress);
@@ -319,7 +303,7 @@ O2PLSCrossValidation::O2PLSCrossValidation(const NCDataMatrix<float>& x, const N
 void O2PLSCrossValidation::RunCells(const Split& split, int a, Sums& sums, NCProgress* progress) const
 {
     // A round that leaves nothing out adds nothing to any sum.
-    if (split.xTest.SizeRows() == 0)
+    if (split.xTest.rows() == 0)
         return;
     // Centred rows span at most one dimension fewer than their count.
     if (a >= split.xTrain.SizeRows()) {
@@ -380,6 +364,8 @@ void O2PLSCrossValidation::RunCells(const Split& split, int a, Sums& sums, NCPro
     }
     const Dense xw = split.x * allW, yc = split.y * allC;
 
+    const std::vector<Dense> xOut = Peeled(split.xTest, xChain.GetWOXprim(), xChain.GetPOXprim(), grownX);
+    const std::vector<Dense> yOut = Peeled(split.yTest, yChain.GetWOYprim(), yChain.GetPOYprim(), grownY);
     for (std::size_t i = 0; i < cells.size(); ++i) {
         CheckBreak(progress, Aborted);
         const Cell& cell = cells[i];
@@ -388,18 +374,17 @@ void O2PLSCrossValidation::RunCells(const Split& split, int a, Sums& sums, NCPro
         const auto py = poy.leftCols(cell.oy), ty = toy.leftCols(cell.oy);
         const Dense t = xw.middleCols(static_cast<Eigen::Index>(i) * a, a) - tx * (px.transpose() * cell.w);
         const Dense u = yc.middleCols(static_cast<Eigen::Index>(i) * a, a) - ty * (py.transpose() * cell.c);
-        NCDataMatrix<float> btu, but;
+        Dense btu, but;
         if (!RelationOf(t, u, btu) || !RelationOf(u, t, but)) {
             sums.failed[c] = true;
             continue;
         }
-        const NCDataMatrix<float> wprim = RowsOf(cell.w), cprim = RowsOf(cell.c);
-        const NCO2PLSPred fromX(split.xTest, FirstRows(xChain.GetWOXprim(), cell.ox, k),
-                                FirstRows(xChain.GetPOXprim(), cell.ox, k), wprim, btu, cprim, true);
-        const NCO2PLSPred fromY(split.yTest, FirstRows(yChain.GetWOYprim(), cell.oy, m),
-                                FirstRows(yChain.GetPOYprim(), cell.oy, m), cprim, but, wprim, false);
-        sums.pressY[c] += SquaredDistance(split.yTest, fromX.GetPrediction());
-        sums.pressX[c] += SquaredDistance(split.xTest, fromY.GetPrediction());
+        // The left-out rows as NCO2PLSPred predicts them: Y = T B_TU C' from
+        // their filtered X rows, X = U B_UT W' from their filtered Y rows.
+        const Dense yHat = xOut[static_cast<std::size_t>(cell.ox)] * cell.w * btu * cell.c.transpose();
+        const Dense xHat = yOut[static_cast<std::size_t>(cell.oy)] * cell.c * but * cell.w.transpose();
+        sums.pressY[c] += (split.yTest - yHat).squaredNorm();
+        sums.pressX[c] += (split.xTest - xHat).squaredNorm();
     }
 }
 

@@ -73,9 +73,10 @@ public:
     int SizeCVRounds() const { return m_rounds; }
 
 private:
+    struct Whole;
     struct Split;
     struct Sums;
-    Split SplitRound(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y, int g) const;
+    Split SplitRound(const Whole& whole, int g) const;
     void RunCells(const Split& split, int a, Sums& sums, NCProgress* progress) const;
 
     O2PLSCVResults m_results;
