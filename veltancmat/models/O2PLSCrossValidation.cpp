@@ -292,6 +292,82 @@ O2PLSCrossValidation::O2PLSCrossValidation(const NCDataMatrix<float>& x, const N
     CheckedSetValue(progress, static_cast<float>(rounds * maxPredictive), Aborted);
 }
 
+namespace {
+
+// One side's chain of orthogonal components for a round and a joint count,
+// in the double form the cells use.
+struct Chain {
+    int grown = 0;                 // components found before the side ran out or `most`
+    Dense scores, loadings;        // N x grown, width x grown
+    std::vector<Dense> peeledOut;  // the left-out rows less their first 0 .. grown components
+};
+
+Chain GrowChain(const NCDataMatrix<float>& x, const NCDataMatrix<float>& y, bool xSide, int a, int most,
+                const Dense& out, NCProgress* progress)
+{
+    NCO2PLS model(x, y, true, O2PLSCrossValidation::RoundIterations);
+    for (int o = 1; o <= most; ++o) {
+        CheckBreak(progress, Aborted);
+        try {
+            model.NextOrthogonalComponent(xSide, a);
+        } catch (const NCO2PLSDimensionalityException&) {
+            break;
+        }
+    }
+    const int width = (xSide ? x : y).SizeColumns();
+    Chain chain;
+    chain.grown = xSide ? model.SizeOrthogonalX() : model.SizeOrthogonalY();
+    chain.scores = ColumnsOf(xSide ? model.GetTOXprim() : model.GetTOYprim(), x.SizeRows());
+    chain.loadings = ColumnsOf(xSide ? model.GetPOXprim() : model.GetPOYprim(), width);
+    chain.peeledOut = xSide ? Peeled(out, model.GetWOXprim(), model.GetPOXprim(), chain.grown)
+                            : Peeled(out, model.GetWOYprim(), model.GetPOYprim(), chain.grown);
+    return chain;
+}
+
+// The joint weights of one cell: the first a singular pairs of X_f'Y_f.
+struct CellWeights {
+    int ox, oy;
+    Dense w, c;
+};
+
+// The cells of both chains' prefixes whose cross product has a directions;
+// `fail` is told of the others.
+template <class Fail>
+std::vector<CellWeights> WeightsOfCells(const Dense& xty, const Dense& x, const Dense& y, const Chain& xChain,
+                                        const Chain& yChain, int a, NCProgress* progress, Fail fail)
+{
+    const Dense& pox = xChain.loadings;
+    const Dense& poy = yChain.loadings;
+    const Dense toxY = xChain.scores.transpose() * y, xToy = x.transpose() * yChain.scores;
+    const Dense toxToy = xChain.scores.transpose() * yChain.scores;
+    std::vector<CellWeights> cells;
+    for (int ox = 0; ox <= xChain.grown; ++ox)
+        for (int oy = 0; oy <= yChain.grown; ++oy) {
+            CheckBreak(progress, Aborted);
+            const auto px = pox.leftCols(ox), py = poy.leftCols(oy);
+            const Dense cross = xty - px * toxY.topRows(ox) - xToy.leftCols(oy) * py.transpose() +
+                                px * toxToy.topLeftCorner(ox, oy) * py.transpose();
+            CellWeights cell{ox, oy, {}, {}};
+            if (LeadingPairs(cross, a, cell.w, cell.c))
+                cells.push_back(std::move(cell));
+            else
+                fail(ox, oy);
+        }
+    return cells;
+}
+
+// The joint weights of every cell side by side, so that one product with a
+// block gives the scores of all cells.
+Dense SideBySide(const std::vector<CellWeights>& cells, Dense CellWeights::*part, Eigen::Index rows, int a)
+{
+    Dense all(rows, static_cast<Eigen::Index>(cells.size()) * a);
+    for (std::size_t i = 0; i < cells.size(); ++i)
+        all.middleCols(static_cast<Eigen::Index>(i) * a, a) = cells[i].*part;
+    return all;
+}
+
+} // namespace
+
 // Every cell of joint count a in one round. Each side's orthogonal
 // components depend only on a and its own earlier components, so one chain
 // per side serves every cell: cell (a, ox, oy) takes the first ox of the X
@@ -310,68 +386,24 @@ void O2PLSCrossValidation::RunCells(const Split& split, int a, Sums& sums, NCPro
         sums.Fail(a, 0, 0, sums.maxOrthY);
         return;
     }
-    const int k = split.xTrain.SizeColumns(), m = split.yTrain.SizeColumns();
-    const auto grow = [&](bool xSide, int most) {
-        NCO2PLS chain(split.xTrain, split.yTrain, true, RoundIterations);
-        for (int o = 1; o <= most; ++o) {
-            CheckBreak(progress, Aborted);
-            try {
-                chain.NextOrthogonalComponent(xSide, a);
-            } catch (const NCO2PLSDimensionalityException&) {
-                break;
-            }
-        }
-        return chain;
-    };
-    const NCO2PLS xChain = grow(true, sums.maxOrthX), yChain = grow(false, sums.maxOrthY);
-    const int grownX = xChain.SizeOrthogonalX(), grownY = yChain.SizeOrthogonalY();
-    if (grownX < sums.maxOrthX)
-        sums.Fail(a, grownX + 1, 0, sums.maxOrthY);
-    if (grownY < sums.maxOrthY)
-        for (int ox = 0; ox <= sums.maxOrthX; ++ox)
-            for (int oy = grownY + 1; oy <= sums.maxOrthY; ++oy)
+    const Chain xChain = GrowChain(split.xTrain, split.yTrain, true, a, sums.maxOrthX, split.xTest, progress);
+    const Chain yChain = GrowChain(split.xTrain, split.yTrain, false, a, sums.maxOrthY, split.yTest, progress);
+    for (int ox = 0; ox <= sums.maxOrthX; ++ox)
+        for (int oy = 0; oy <= sums.maxOrthY; ++oy)
+            if (ox > xChain.grown || oy > yChain.grown)
                 sums.failed[sums.Cell(a, ox, oy)] = true;
+    const std::vector<CellWeights> cells = WeightsOfCells(
+        split.xty, split.x, split.y, xChain, yChain, a, progress,
+        [&](int ox, int oy) { sums.failed[sums.Cell(a, ox, oy)] = true; });
+    const Dense xw = split.x * SideBySide(cells, &CellWeights::w, split.x.cols(), a);
+    const Dense yc = split.y * SideBySide(cells, &CellWeights::c, split.y.cols(), a);
 
-    const Dense tox = ColumnsOf(xChain.GetTOXprim(), split.xTrain.SizeRows());
-    const Dense pox = ColumnsOf(xChain.GetPOXprim(), k);
-    const Dense toy = ColumnsOf(yChain.GetTOYprim(), split.yTrain.SizeRows());
-    const Dense poy = ColumnsOf(yChain.GetPOYprim(), m);
-    const Dense toxY = tox.transpose() * split.y, xToy = split.x.transpose() * toy, toxToy = tox.transpose() * toy;
-
-    // The weights of every cell first, so that one pass over each block
-    // gives the scores of all of them.
-    struct Cell {
-        int ox, oy;
-        Dense w, c;
-    };
-    std::vector<Cell> cells;
-    for (int ox = 0; ox <= grownX; ++ox)
-        for (int oy = 0; oy <= grownY; ++oy) {
-            CheckBreak(progress, Aborted);
-            const auto px = pox.leftCols(ox), py = poy.leftCols(oy);
-            const Dense cross = split.xty - px * toxY.topRows(ox) - xToy.leftCols(oy) * py.transpose() +
-                                px * toxToy.topLeftCorner(ox, oy) * py.transpose();
-            Cell cell{ox, oy, {}, {}};
-            if (LeadingPairs(cross, a, cell.w, cell.c))
-                cells.push_back(std::move(cell));
-            else
-                sums.failed[sums.Cell(a, ox, oy)] = true;
-        }
-    Dense allW(k, static_cast<Eigen::Index>(cells.size()) * a), allC(m, allW.cols());
-    for (std::size_t i = 0; i < cells.size(); ++i) {
-        allW.middleCols(static_cast<Eigen::Index>(i) * a, a) = cells[i].w;
-        allC.middleCols(static_cast<Eigen::Index>(i) * a, a) = cells[i].c;
-    }
-    const Dense xw = split.x * allW, yc = split.y * allC;
-
-    const std::vector<Dense> xOut = Peeled(split.xTest, xChain.GetWOXprim(), xChain.GetPOXprim(), grownX);
-    const std::vector<Dense> yOut = Peeled(split.yTest, yChain.GetWOYprim(), yChain.GetPOYprim(), grownY);
     for (std::size_t i = 0; i < cells.size(); ++i) {
         CheckBreak(progress, Aborted);
-        const Cell& cell = cells[i];
+        const CellWeights& cell = cells[i];
         const std::size_t c = sums.Cell(a, cell.ox, cell.oy);
-        const auto px = pox.leftCols(cell.ox), tx = tox.leftCols(cell.ox);
-        const auto py = poy.leftCols(cell.oy), ty = toy.leftCols(cell.oy);
+        const auto px = xChain.loadings.leftCols(cell.ox), tx = xChain.scores.leftCols(cell.ox);
+        const auto py = yChain.loadings.leftCols(cell.oy), ty = yChain.scores.leftCols(cell.oy);
         const Dense t = xw.middleCols(static_cast<Eigen::Index>(i) * a, a) - tx * (px.transpose() * cell.w);
         const Dense u = yc.middleCols(static_cast<Eigen::Index>(i) * a, a) - ty * (py.transpose() * cell.c);
         Dense btu, but;
@@ -381,8 +413,8 @@ void O2PLSCrossValidation::RunCells(const Split& split, int a, Sums& sums, NCPro
         }
         // The left-out rows as NCO2PLSPred predicts them: Y = T B_TU C' from
         // their filtered X rows, X = U B_UT W' from their filtered Y rows.
-        const Dense yHat = xOut[static_cast<std::size_t>(cell.ox)] * cell.w * btu * cell.c.transpose();
-        const Dense xHat = yOut[static_cast<std::size_t>(cell.oy)] * cell.c * but * cell.w.transpose();
+        const Dense yHat = xChain.peeledOut[static_cast<std::size_t>(cell.ox)] * cell.w * btu * cell.c.transpose();
+        const Dense xHat = yChain.peeledOut[static_cast<std::size_t>(cell.oy)] * cell.c * but * cell.w.transpose();
         sums.pressY[c] += (split.yTest - yHat).squaredNorm();
         sums.pressX[c] += (split.xTest - xHat).squaredNorm();
     }
