@@ -89,8 +89,10 @@ def relations(h, wavelet_moments, scaling_moments):
         d = 2 * shift
         rows.append(sum(h[k] * h[k + d] for k in range(L - d)) - (1 if shift == 0 else 0))
         jac.append([(h[j + d] if j + d < L else 0) + (h[j - d] if j - d >= 0 else 0) for j in range(L)])
-    for m in range(1, wavelet_moments):
-        # the wavelet g_k = (-1)^k h_{L-1-k}: sum k^m g_k = 0
+    # The wavelet g_k = (-1)^k h_{L-1-k}: sum k^m g_k = 0. Moment 0 follows
+    # from the rest, but only as a square root (|H(pi)|^2 = 2 - |H(0)|^2):
+    # without it Newton's method creeps towards H(pi) = 0 and stops at 1e-15.
+    for m in range(0, max(wavelet_moments, 1)):
         coef = [mp.mpf(0)] * L
         for k in range(L):
             coef[L - 1 - k] = (-1) ** k * mp.mpf(k) ** m

@@ -153,7 +153,9 @@ WaveletFilters::WaveletFilters(const std::string& name)
             Build(static_cast<Family>(f), 0);
             return;
         }
-        if (rest.size() > 3 || !std::all_of(rest.begin(), rest.end(), [](char c) { return std::isdigit(c); }))
+        // A parameter of 0 would silently pick the default.
+        if (rest.size() > 3 || rest[0] == '0' ||
+            !std::all_of(rest.begin(), rest.end(), [](char c) { return std::isdigit(c); }))
             UnknownName(name);
         Build(static_cast<Family>(f), std::stoi(rest));
         return;
