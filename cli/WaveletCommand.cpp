@@ -361,6 +361,7 @@ PlotPanel EnergyPanel(const WaveletResult& r, const WaveletColumn& c)
         panel.xLabels.emplace_back(level, level > r.levels ? "smooth" : std::to_string(level));
     }
     panel.series.push_back(std::move(bars));
+    panel.tightX = true;
     panel.xTitle = "level (1 finest)";
     panel.yTitle = "share of the sum of squares";
     panel.title = c.name + ": energy per level";
