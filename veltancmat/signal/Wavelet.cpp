@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstddef>
 #include <initializer_list>
+#include <memory>
 #include <string>
 
 // One level of the periodised transform splits N values into N/2 smooth
@@ -32,32 +33,52 @@ using Index = std::ptrdiff_t;
 // the first-level cache.
 constexpr Index Block = 256;
 
-// ext[t] = x[(t + shift) mod n] for t in [0, count): the wrapped ends by
-// modulo, the stretch in between by a plain copy.
-template <class T>
-void FillWrapped(const T* x, Index n, Index shift, Index count, double* ext)
+// A work array that is not zeroed first: every element is written before
+// it is read, and clearing megabytes per call would cost as much as the
+// filtering.
+class Work {
+public:
+    explicit Work(Index size) : m_data(new double[static_cast<std::size_t>(size)]) {}
+    double* data() { return m_data.get(); }
+
+private:
+    std::unique_ptr<double[]> m_data;
+};
+
+Index Wrap(Index k, Index n) { return ((k % n) + n) % n; }
+
+// ext[t] = x[(t + shift) mod n] for t in [0, count), shift <= 0: the
+// wrapped ends by modulo, the stretch in between by a plain copy.
+void FillWrapped(const double* x, Index n, Index shift, Index count, double* ext)
 {
-    const auto wrap = [n](Index k) { return ((k % n) + n) % n; };
-    Index t = 0;
-    for (; t < count && t + shift < 0; ++t)
-        ext[t] = static_cast<double>(x[wrap(t + shift)]);
-    for (; t < count && t + shift < n; ++t)
-        ext[t] = static_cast<double>(x[t + shift]);
-    for (; t < count; ++t)
-        ext[t] = static_cast<double>(x[wrap(t + shift)]);
+    const Index lo = std::min(count, -shift), hi = std::max(lo, std::min(count, n - shift));
+    for (Index t = 0; t < lo; ++t)
+        ext[t] = x[Wrap(t + shift, n)];
+    std::copy(x + lo + shift, x + hi + shift, ext + lo);
+    for (Index t = hi; t < count; ++t)
+        ext[t] = x[Wrap(t + shift, n)];
 }
 
-// The even and odd halves of x[(t + shift) mod n], t = 0..2 count - 1.
+// even[j] = x[(2j + shift) mod n] and odd[j] = x[(2j + 1 + shift) mod n]
+// for j in [0, count), shift <= 0.
 template <class T>
-void SplitWrapped(const T* x, Index n, Index shift, Index count, std::vector<double>& work, double* even, double* odd)
+void SplitWrapped(const T* x, Index n, Index shift, Index count, double* even, double* odd)
 {
-    work.resize(static_cast<std::size_t>(2 * count));
-    FillWrapped(x, n, shift, 2 * count, work.data());
-    const double* w = work.data();
+    // j in [lo, hi) reads both values without a wrap.
+    const Index lo = std::min(count, (1 - shift) / 2), hi = std::max(lo, std::min(count, (n - shift) / 2));
+    for (Index j = 0; j < lo; ++j) {
+        even[j] = static_cast<double>(x[Wrap(2 * j + shift, n)]);
+        odd[j] = static_cast<double>(x[Wrap(2 * j + 1 + shift, n)]);
+    }
+    const T* from = x + shift;
 #pragma omp simd
-    for (Index j = 0; j < count; ++j) {
-        even[j] = w[2 * j];
-        odd[j] = w[2 * j + 1];
+    for (Index j = lo; j < hi; ++j) {
+        even[j] = static_cast<double>(from[2 * j]);
+        odd[j] = static_cast<double>(from[2 * j + 1]);
+    }
+    for (Index j = hi; j < count; ++j) {
+        even[j] = static_cast<double>(x[Wrap(2 * j + shift, n)]);
+        odd[j] = static_cast<double>(x[Wrap(2 * j + 1 + shift, n)]);
     }
 }
 
@@ -132,15 +153,15 @@ Bank SynthesisBank(const WaveletFilters& f)
     return {f.SynthesisLowpass(), f.SynthesisHighpass(), f.GetLength() / 2};
 }
 
-// x[0..n-1] (n even) into s[0..n/2) and d[0..n/2).
+// x[0..n-1] (n even) into s[0..n/2) and d[0..n/2); `work` holds at least
+// n + L - 2 values.
 template <class T>
-void AnalysisLevel(const T* x, Index n, const Bank& bank, double* s, double* d)
+void AnalysisLevel(const T* x, Index n, const Bank& bank, double* work, double* s, double* d)
 {
     const Index m = n / 2, half = bank.half, count = m + half - 1;
-    std::vector<double> work, halves(static_cast<std::size_t>(2 * count));
-    double* even = halves.data();
+    double* even = work;
     double* odd = even + count;
-    SplitWrapped(x, n, 1 - half, count, work, even, odd);
+    SplitWrapped(x, n, 1 - half, count, even, odd);
     const Index blocks = (m + Block - 1) / Block;
 #pragma omp parallel for if (Parallel(m, 2 * bank.half)) schedule(static)
     for (Index b = 0; b < blocks; ++b) {
@@ -150,34 +171,37 @@ void AnalysisLevel(const T* x, Index n, const Bank& bank, double* s, double* d)
     }
 }
 
-// s[0..m) and d[0..m) into x[0..2m); x may overlap s and d.
-void SynthesisLevel(const double* s, const double* d, Index m, const Bank& bank, double* x)
+// s[0..m) and d[0..m) into x[0..2m); x may overlap s and d; `work` holds
+// at least 4m + L - 2 values.
+void SynthesisLevel(const double* s, const double* d, Index m, const Bank& bank, double* work, double* x)
 {
     const Index half = bank.half, count = m + half - 1, n = 2 * m;
-    std::vector<double> bands(static_cast<std::size_t>(2 * count)), pairs(static_cast<std::size_t>(n));
-    FillWrapped(s, m, 1 - half, count, bands.data());
-    FillWrapped(d, m, 1 - half, count, bands.data() + count);
-    double* even = pairs.data();
+    double* sBand = work;
+    double* dBand = sBand + count;
+    double* even = dBand + count;
     double* odd = even + m;
+    FillWrapped(s, m, 1 - half, count, sBand);
+    FillWrapped(d, m, 1 - half, count, dBand);
     const Index blocks = (m + Block - 1) / Block;
 #pragma omp parallel for if (Parallel(m, 2 * bank.half)) schedule(static)
     for (Index b = 0; b < blocks; ++b) {
         const Index first = b * Block;
-        SynthesisBlock(bands.data() + first, bands.data() + count + first, std::min(Block, m - first),
-                       bank.low.data(), bank.high.data(), bank.half, even + first, odd + first);
+        SynthesisBlock(sBand + first, dBand + first, std::min(Block, m - first), bank.low.data(), bank.high.data(),
+                       bank.half, even + first, odd + first);
     }
-    // Pair q lands on x[(2q + o) mod n] and x[(2q + 1 + o) mod n]: an
-    // interleave, then a rotation by o = 1 - L/2.
-    const Index shift = ((1 - half) % n + n) % n;
-    std::vector<double> y(static_cast<std::size_t>(n));
-    double* yy = y.data();
+    // Pair q lands on x[(2q + o) mod n] and x[(2q + 1 + o) mod n] with
+    // o = 1 - L/2: only the first L/4 pairs wrap.
+    const Index shift = 1 - half, lo = std::min(m, half / 2);
+    for (Index q = 0; q < lo; ++q) {
+        x[Wrap(2 * q + shift, n)] = even[q];
+        x[Wrap(2 * q + 1 + shift, n)] = odd[q];
+    }
+    double* to = x + shift;
 #pragma omp simd
-    for (Index q = 0; q < m; ++q) {
-        yy[2 * q] = even[q];
-        yy[2 * q + 1] = odd[q];
+    for (Index q = lo; q < m; ++q) {
+        to[2 * q] = even[q];
+        to[2 * q + 1] = odd[q];
     }
-    std::copy(y.begin(), y.end() - shift, x + shift);
-    std::copy(y.end() - shift, y.end(), x);
 }
 
 [[noreturn]] void Refuse(const char* text, std::initializer_list<int> arguments = {})
@@ -288,13 +312,14 @@ std::vector<double> Wavelet::ForwardPacked(const T* x, int n) const
 {
     const Bank bank = AnalysisBank(m_filters);
     std::vector<double> c(static_cast<std::size_t>(n));
+    Work work(n + m_filters.GetLength());
     // Level 1 reads the series; each coarser level reads the smooth the
     // level before left at the front, and SplitWrapped copies it away first.
     const Index m = n / 2;
-    AnalysisLevel(x, n, bank, c.data(), c.data() + m);
+    AnalysisLevel(x, n, bank, work.data(), c.data(), c.data() + m);
     for (int level = 2; level <= m_levels; ++level) {
         const Index length = static_cast<Index>(n) >> (level - 1);
-        AnalysisLevel(c.data(), length, bank, c.data(), c.data() + length / 2);
+        AnalysisLevel(c.data(), length, bank, work.data(), c.data(), c.data() + length / 2);
     }
     return c;
 }
@@ -303,9 +328,10 @@ void Wavelet::InversePacked(std::vector<double>& c) const
 {
     const Bank bank = SynthesisBank(m_filters);
     const Index n = static_cast<Index>(c.size());
+    Work work(2 * n + m_filters.GetLength());
     for (int level = m_levels; level >= 1; --level) {
         const Index m = n >> level;
-        SynthesisLevel(c.data(), c.data() + m, m, bank, c.data());
+        SynthesisLevel(c.data(), c.data() + m, m, bank, work.data(), c.data());
     }
 }
 
