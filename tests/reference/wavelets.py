@@ -6,7 +6,7 @@
 
 tables: the scaling filters of every family, exact to double precision.
   - Daubechies: spectral factorisation of the Daubechies polynomial
-    (Ten Lectures, section 6.1), minimum-phase roots, computed at 50 digits.
+    (Ten Lectures, chapter 6), minimum-phase roots, computed at 50 digits.
   - Symmlet and Coiflet: the published tables (as PyWavelets carries them)
     polished by Gauss-Newton at 50 digits onto the relations that define
     them: orthonormality under double shifts, the sum sqrt 2, the wavelet's
@@ -14,7 +14,7 @@ tables: the scaling filters of every family, exact to double precision.
   - Beylkin: the published 18 taps (15 significant digits, Beylkin 1992)
     polished onto orthonormality by the smallest correction.
   - Biorthogonal spline pairs: the exact rational filters of Cohen,
-    Daubechies and Feauveau (Ten Lectures, section 8.3.4) times sqrt 2.
+    Daubechies and Feauveau (Ten Lectures, chapter 8) times sqrt 2.
   Every table is checked against PyWavelets' filter of the same name where
   one exists.
 

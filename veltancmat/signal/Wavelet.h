@@ -9,7 +9,7 @@
 #include <vector>
 
 // The periodised discrete wavelet transform of a series of n = 2^K values
-// (Daubechies, Ten Lectures on Wavelets, 1992, section 5.6; Mallat's
+// (Daubechies, Ten Lectures on Wavelets, 1992, chapter 5; Mallat's
 // pyramid algorithm), its multiresolution decomposition, the share of the
 // sum of squares carried by each level, and denoising by thresholding the
 // details (Donoho and Johnstone, Biometrika 81 (1994) 425-455).

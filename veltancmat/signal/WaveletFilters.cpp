@@ -9,9 +9,9 @@
 #include <span>
 
 // Daubechies and Symmlet filters: I. Daubechies, Ten Lectures on Wavelets
-// (SIAM 1992), sections 6.1 and 8.1; Coiflets: section 8.2; biorthogonal
+// (SIAM 1992), chapters 6 and 8; Coiflets: chapter 8; biorthogonal
 // spline pairs: A. Cohen, I. Daubechies and J.-C. Feauveau, Comm. Pure Appl.
-// Math. 45 (1992) 485-560, and Ten Lectures section 8.3.4; the 18-tap
+// Math. 45 (1992) 485-560, and Ten Lectures chapter 8; the 18-tap
 // filter: G. Beylkin, SIAM J. Numer. Anal. 29 (1992) 1716-1740. How the
 // tables were computed is in tests/reference/wavelets.py.
 
