@@ -112,7 +112,8 @@ void Transform(const Wavelet& w, const WaveletOptions& o, WaveletColumn& c)
         const int first = Wavelet::DetailStart(x.Size(), w.GetLevels());
         c.kept = static_cast<int>(std::count_if(coefficients.begin() + first - 1, coefficients.end(),
                                                 [&](float v) { return std::abs(v) > c.threshold; }));
-    } else {
+    } else if (!o.plotPath.empty()) {
+        // Only the plot shows the smooth; it costs one inverse per level.
         const NCDataMatrix<float> parts = w.Multiresolution(x);
         const NCDataVector<float>& smooth = parts[parts.SizeRows()];
         c.curve.assign(smooth.begin(), smooth.end());

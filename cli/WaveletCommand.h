@@ -36,7 +36,7 @@ struct WaveletColumn {
     std::vector<float> coefficients; // packed: smooth, then levels J..1
     std::vector<double> shares;      // levels 1..J, then the smooth
     double sumOfSquares = 0.0;       // of the coefficients
-    std::vector<float> curve;        // the denoised series, or the smooth with its trend
+    std::vector<float> curve;        // the denoised series, or for a plot the smooth with its trend
     double threshold = 0.0, sigma = 0.0;
     int kept = 0;                    // details above the threshold
 };

@@ -231,6 +231,17 @@ double SquaredSum(const double* v, Index count)
     return sum;
 }
 
+// Sums of squares of the packed coefficients c[0..n) by band: levels
+// 1..levels, then the smooth.
+std::vector<double> BandSums(const double* c, Index n, int levels)
+{
+    std::vector<double> sums(static_cast<std::size_t>(levels + 1));
+    for (int level = 1; level <= levels; ++level)
+        sums[static_cast<std::size_t>(level - 1)] = SquaredSum(c + (n >> level), n >> level);
+    sums.back() = SquaredSum(c, n >> levels);
+    return sums;
+}
+
 double Median(std::vector<double> v)
 {
     const std::size_t k = v.size();
@@ -374,11 +385,7 @@ std::vector<double> Wavelet::LevelSumsOfSquares(const NCDataVector<float>& coeff
 {
     const int n = CheckedLength(coefficients.Size());
     const std::vector<double> c(coefficients.begin(), coefficients.end());
-    std::vector<double> sums(static_cast<std::size_t>(m_levels + 1));
-    for (int level = 1; level <= m_levels; ++level)
-        sums[static_cast<std::size_t>(level - 1)] = SquaredSum(c.data() + (n >> level), n >> level);
-    sums.back() = SquaredSum(c.data(), n >> m_levels);
-    return sums;
+    return BandSums(c.data(), n, m_levels);
 }
 
 NCDataVector<float> Wavelet::Energy(const NCDataVector<float>& x) const
@@ -386,11 +393,7 @@ NCDataVector<float> Wavelet::Energy(const NCDataVector<float>& x) const
     double intercept = 0.0, slope = 0.0;
     const NCDataVector<float> v = Prepare(x, intercept, slope);
     const int n = v.Size();
-    const std::vector<double> c = ForwardPacked(v.begin(), n);
-    std::vector<double> shares(static_cast<std::size_t>(m_levels + 1));
-    for (int level = 1; level <= m_levels; ++level)
-        shares[static_cast<std::size_t>(level - 1)] = SquaredSum(c.data() + (n >> level), n >> level);
-    shares.back() = SquaredSum(c.data(), n >> m_levels);
+    std::vector<double> shares = BandSums(ForwardPacked(v.begin(), n).data(), n, m_levels);
     double total = 0.0;
     for (double s : shares)
         total += s;
