@@ -17,13 +17,16 @@
 //     s_i = sum_m h[m] x[(2i + m + o) mod N],  d_i = sum_m g[m] x[(2i + m + o) mod N],
 // with o = 1 - L/2, which centres the filter's support on 2i and 2i + 1
 // and gives PyWavelets' "periodization" coefficients exactly. The fast form
-// copies the level once into its even and odd halves with the periodic wrap
-// already in place, so that the filter loop runs over contiguous memory
-// without a modulo and without a stride:
+// copies each block of the level into its even and odd halves with the
+// periodic wrap already in place, so that the filter loop runs over
+// contiguous memory in the first-level cache without a modulo and without
+// a stride:
 //     s_i = sum_p h[2p] E[i + p] + h[2p + 1] O[i + p],
 //     E[j] = x[(2j + o) mod N], O[j] = x[(2j + 1 + o) mod N].
 // The inverse is the same in reverse: each output pair (2q, 2q + 1) gathers
-// the coefficients q - p, p = 0..L/2 - 1, of both bands.
+// the coefficients q - p, p = 0..L/2 - 1, of both bands. Levels never
+// overwrite their own input (the smooths alternate between two buffers), so
+// the blocks of a level are independent and run in parallel.
 
 namespace {
 
@@ -38,48 +41,56 @@ constexpr Index Block = 256;
 // filtering.
 class Work {
 public:
-    explicit Work(Index size) : m_data(new double[static_cast<std::size_t>(size)]) {}
+    explicit Work(Index size) : m_data(new double[static_cast<std::size_t>(std::max<Index>(size, 1))]) {}
     double* data() { return m_data.get(); }
 
 private:
     std::unique_ptr<double[]> m_data;
 };
 
+// Half the longest filter (Coiflet 5, 30 taps): the blocks' local copies
+// hold this many values beyond the block.
+constexpr Index MaxHalf = 16;
+
 Index Wrap(Index k, Index n) { return ((k % n) + n) % n; }
 
-// ext[t] = x[(t + shift) mod n] for t in [0, count), shift <= 0: the
-// wrapped ends by modulo, the stretch in between by a plain copy.
-void FillWrapped(const double* x, Index n, Index shift, Index count, double* ext)
-{
-    const Index lo = std::min(count, -shift), hi = std::max(lo, std::min(count, n - shift));
-    for (Index t = 0; t < lo; ++t)
-        ext[t] = x[Wrap(t + shift, n)];
-    std::copy(x + lo + shift, x + hi + shift, ext + lo);
-    for (Index t = hi; t < count; ++t)
-        ext[t] = x[Wrap(t + shift, n)];
-}
-
-// even[j] = x[(2j + shift) mod n] and odd[j] = x[(2j + 1 + shift) mod n]
-// for j in [0, count), shift <= 0.
+// even[j - first] = x[(2j + shift) mod n] and odd[j - first] =
+// x[(2j + 1 + shift) mod n] for j in [first, first + count), shift <= 0.
 template <class T>
-void SplitWrapped(const T* x, Index n, Index shift, Index count, double* even, double* odd)
+void SplitWrapped(const T* x, Index n, Index shift, Index first, Index count, double* even, double* odd)
 {
     // j in [lo, hi) reads both values without a wrap.
-    const Index lo = std::min(count, (1 - shift) / 2), hi = std::max(lo, std::min(count, (n - shift) / 2));
-    for (Index j = 0; j < lo; ++j) {
-        even[j] = static_cast<double>(x[Wrap(2 * j + shift, n)]);
-        odd[j] = static_cast<double>(x[Wrap(2 * j + 1 + shift, n)]);
+    const Index end = first + count;
+    const Index lo = std::clamp((1 - shift) / 2, first, end), hi = std::clamp((n - shift) / 2, lo, end);
+    for (Index j = first; j < lo; ++j) {
+        even[j - first] = static_cast<double>(x[Wrap(2 * j + shift, n)]);
+        odd[j - first] = static_cast<double>(x[Wrap(2 * j + 1 + shift, n)]);
     }
-    const T* from = x + shift;
+    const T* from = x + shift + 2 * first;
+    double* e = even - first;
+    double* o = odd - first;
 #pragma omp simd
     for (Index j = lo; j < hi; ++j) {
-        even[j] = static_cast<double>(from[2 * j]);
-        odd[j] = static_cast<double>(from[2 * j + 1]);
+        e[j] = static_cast<double>(from[2 * (j - first)]);
+        o[j] = static_cast<double>(from[2 * (j - first) + 1]);
     }
-    for (Index j = hi; j < count; ++j) {
-        even[j] = static_cast<double>(x[Wrap(2 * j + shift, n)]);
-        odd[j] = static_cast<double>(x[Wrap(2 * j + 1 + shift, n)]);
+    for (Index j = hi; j < end; ++j) {
+        even[j - first] = static_cast<double>(x[Wrap(2 * j + shift, n)]);
+        odd[j - first] = static_cast<double>(x[Wrap(2 * j + 1 + shift, n)]);
     }
+}
+
+// ext[u - first] = x[(u + shift) mod n] for u in [first, first + count),
+// shift <= 0: the wrapped start by modulo, the rest by a plain copy.
+void FillWrapped(const double* x, Index n, Index shift, Index first, Index count, double* ext)
+{
+    const Index end = first + count;
+    const Index lo = std::clamp(-shift, first, end), hi = std::clamp(n - shift, lo, end);
+    for (Index u = first; u < lo; ++u)
+        ext[u - first] = x[Wrap(u + shift, n)];
+    std::copy(x + lo + shift, x + hi + shift, ext + (lo - first));
+    for (Index u = hi; u < end; ++u)
+        ext[u - first] = x[Wrap(u + shift, n)];
 }
 
 // One block of analysis outputs: s[i], d[i] for i in [0, count).
@@ -143,64 +154,64 @@ struct Bank {
     int half = 1;
 };
 
+int HalfLength(const WaveletFilters& f)
+{
+    // The blocks' local copies are sized for the longest filter.
+    if (f.GetLength() > 2 * MaxHalf)
+        throw NCInternalError("Wavelet", ExceptionMessage::translate("The wavelet filter is too long."));
+    return f.GetLength() / 2;
+}
+
 Bank AnalysisBank(const WaveletFilters& f)
 {
-    return {f.AnalysisLowpass(), f.AnalysisHighpass(), f.GetLength() / 2};
+    return {f.AnalysisLowpass(), f.AnalysisHighpass(), HalfLength(f)};
 }
 
 Bank SynthesisBank(const WaveletFilters& f)
 {
-    return {f.SynthesisLowpass(), f.SynthesisHighpass(), f.GetLength() / 2};
+    return {f.SynthesisLowpass(), f.SynthesisHighpass(), HalfLength(f)};
 }
 
-// x[0..n-1] (n even) into s[0..n/2) and d[0..n/2); `work` holds at least
-// n + L - 2 values.
+// x[0..n-1] (n even) into s[0..n/2) and d[0..n/2), which must not
+// overlap x.
 template <class T>
-void AnalysisLevel(const T* x, Index n, const Bank& bank, double* work, double* s, double* d)
+void AnalysisLevel(const T* x, Index n, const Bank& bank, double* s, double* d)
 {
-    const Index m = n / 2, half = bank.half, count = m + half - 1;
-    double* even = work;
-    double* odd = even + count;
-    SplitWrapped(x, n, 1 - half, count, even, odd);
-    const Index blocks = (m + Block - 1) / Block;
+    const Index m = n / 2, half = bank.half, blocks = (m + Block - 1) / Block;
 #pragma omp parallel for if (Parallel(m, 2 * bank.half)) schedule(static)
     for (Index b = 0; b < blocks; ++b) {
-        const Index first = b * Block;
-        AnalysisBlock(even + first, odd + first, std::min(Block, m - first), bank.low.data(), bank.high.data(),
-                      bank.half, s + first, d + first);
+        alignas(64) double even[Block + MaxHalf], odd[Block + MaxHalf];
+        const Index first = b * Block, count = std::min(Block, m - first);
+        SplitWrapped(x, n, 1 - half, first, count + half - 1, even, odd);
+        AnalysisBlock(even, odd, count, bank.low.data(), bank.high.data(), bank.half, s + first, d + first);
     }
 }
 
-// s[0..m) and d[0..m) into x[0..2m); x may overlap s and d; `work` holds
-// at least 4m + L - 2 values.
-void SynthesisLevel(const double* s, const double* d, Index m, const Bank& bank, double* work, double* x)
+// s[0..m) and d[0..m) into x[0..2m), which must not overlap them.
+void SynthesisLevel(const double* s, const double* d, Index m, const Bank& bank, double* x)
 {
-    const Index half = bank.half, count = m + half - 1, n = 2 * m;
-    double* sBand = work;
-    double* dBand = sBand + count;
-    double* even = dBand + count;
-    double* odd = even + m;
-    FillWrapped(s, m, 1 - half, count, sBand);
-    FillWrapped(d, m, 1 - half, count, dBand);
-    const Index blocks = (m + Block - 1) / Block;
+    const Index half = bank.half, n = 2 * m, shift = 1 - half, blocks = (m + Block - 1) / Block;
 #pragma omp parallel for if (Parallel(m, 2 * bank.half)) schedule(static)
     for (Index b = 0; b < blocks; ++b) {
-        const Index first = b * Block;
-        SynthesisBlock(sBand + first, dBand + first, std::min(Block, m - first), bank.low.data(), bank.high.data(),
-                       bank.half, even + first, odd + first);
-    }
-    // Pair q lands on x[(2q + o) mod n] and x[(2q + 1 + o) mod n] with
-    // o = 1 - L/2: only the first L/4 pairs wrap.
-    const Index shift = 1 - half, lo = std::min(m, half / 2);
-    for (Index q = 0; q < lo; ++q) {
-        x[Wrap(2 * q + shift, n)] = even[q];
-        x[Wrap(2 * q + 1 + shift, n)] = odd[q];
-    }
-    double* to = x + shift;
+        alignas(64) double sBand[Block + MaxHalf], dBand[Block + MaxHalf], even[Block], odd[Block];
+        const Index first = b * Block, count = std::min(Block, m - first);
+        // Position u of a band holds coefficient u - (L/2 - 1).
+        FillWrapped(s, m, shift, first, count + half - 1, sBand);
+        FillWrapped(d, m, shift, first, count + half - 1, dBand);
+        SynthesisBlock(sBand, dBand, count, bank.low.data(), bank.high.data(), bank.half, even, odd);
+        // Pair q lands on x[(2q + o) mod n] and x[(2q + 1 + o) mod n] with
+        // o = 1 - L/2: only the first L/4 pairs wrap.
+        const Index lo = std::clamp(half / 2, first, first + count);
+        for (Index q = first; q < lo; ++q) {
+            x[Wrap(2 * q + shift, n)] = even[q - first];
+            x[Wrap(2 * q + 1 + shift, n)] = odd[q - first];
+        }
+        double* to = x + shift + 2 * first;
 #pragma omp simd
-    for (Index q = lo; q < m; ++q) {
-        to[2 * q] = even[q];
-        to[2 * q + 1] = odd[q];
+        for (Index q = lo - first; q < count; ++q) {
+            to[2 * q] = even[q];
+            to[2 * q + 1] = odd[q];
+        }
     }
 }
 
@@ -323,27 +334,38 @@ std::vector<double> Wavelet::ForwardPacked(const T* x, int n) const
 {
     const Bank bank = AnalysisBank(m_filters);
     std::vector<double> c(static_cast<std::size_t>(n));
-    Work work(n + m_filters.GetLength());
-    // Level 1 reads the series; each coarser level reads the smooth the
-    // level before left at the front, and SplitWrapped copies it away first.
-    const Index m = n / 2;
-    AnalysisLevel(x, n, bank, work.data(), c.data(), c.data() + m);
-    for (int level = 2; level <= m_levels; ++level) {
+    // The smooths of levels 1, 3, 5, ... go to `odd`, those of 2, 4, ... to
+    // `even`, each read by the next level; the details go to their place.
+    Work odd(n / 2), even(n / 4);
+    const double* input = nullptr;
+    for (int level = 1; level <= m_levels; ++level) {
         const Index length = static_cast<Index>(n) >> (level - 1);
-        AnalysisLevel(c.data(), length, bank, work.data(), c.data(), c.data() + length / 2);
+        double* smooth = level == m_levels ? c.data() : level % 2 == 1 ? odd.data() : even.data();
+        if (level == 1)
+            AnalysisLevel(x, length, bank, smooth, c.data() + length / 2);
+        else
+            AnalysisLevel(input, length, bank, smooth, c.data() + length / 2);
+        input = smooth;
     }
     return c;
 }
 
-void Wavelet::InversePacked(std::vector<double>& c) const
+std::vector<double> Wavelet::InversePacked(const std::vector<double>& c) const
 {
     const Bank bank = SynthesisBank(m_filters);
     const Index n = static_cast<Index>(c.size());
-    Work work(2 * n + m_filters.GetLength());
+    std::vector<double> x(static_cast<std::size_t>(n));
+    // The smooth rebuilt for level j - 1 goes to `odd` for odd j - 1, to
+    // `even` for even j - 1, and to x at the end.
+    Work odd(n / 2), even(n / 4);
+    const double* smooth = c.data();
     for (int level = m_levels; level >= 1; --level) {
         const Index m = n >> level;
-        SynthesisLevel(c.data(), c.data() + m, m, bank, work.data(), c.data());
+        double* out = level == 1 ? x.data() : (level - 1) % 2 == 1 ? odd.data() : even.data();
+        SynthesisLevel(smooth, c.data() + m, m, bank, out);
+        smooth = out;
     }
+    return x;
 }
 
 NCDataVector<float> Wavelet::Forward(const NCDataVector<float>& x) const
@@ -355,9 +377,8 @@ NCDataVector<float> Wavelet::Forward(const NCDataVector<float>& x) const
 NCDataVector<float> Wavelet::Inverse(const NCDataVector<float>& coefficients) const
 {
     const int n = CheckedLength(coefficients.Size());
-    std::vector<double> c(coefficients.begin(), coefficients.begin() + n);
-    InversePacked(c);
-    return ToVector(c);
+    const std::vector<double> c(coefficients.begin(), coefficients.begin() + n);
+    return ToVector(InversePacked(c));
 }
 
 NCDataVector<float> Wavelet::Prepare(const NCDataVector<float>& x, double& intercept, double& slope) const
@@ -417,11 +438,11 @@ NCDataMatrix<float> Wavelet::Multiresolution(const NCDataVector<float>& x) const
         const Index count = smooth ? n >> m_levels : n >> row;
         std::fill(part.begin(), part.end(), 0.0);
         std::copy(c.begin() + first, c.begin() + first + count, part.begin() + first);
-        InversePacked(part);
+        std::vector<double> series = InversePacked(part);
         if (smooth)
             for (int i = 0; i < n; ++i)
-                part[static_cast<std::size_t>(i)] += intercept + slope * (i + 1);
-        parts.SetRow(row, ToVector(part));
+                series[static_cast<std::size_t>(i)] += intercept + slope * (i + 1);
+        parts.SetRow(row, ToVector(series));
     }
     return parts;
 }
@@ -456,10 +477,10 @@ NCDataVector<float> Wavelet::Denoise(const NCDataVector<float>& x, ThresholdMode
     std::vector<double> c = ForwardPacked(v.data(), n);
     const double lambda = Universal(c.data(), n);
     Threshold(c.data(), n, m_levels, lambda, mode);
-    InversePacked(c);
+    std::vector<double> series = InversePacked(c);
     for (int i = 0; i < n; ++i)
-        c[static_cast<std::size_t>(i)] += intercept + slope * (i + 1);
+        series[static_cast<std::size_t>(i)] += intercept + slope * (i + 1);
     if (threshold)
         *threshold = lambda;
-    return ToVector(c);
+    return ToVector(series);
 }

@@ -109,8 +109,8 @@ private:
     // The packed coefficients of x[0..n-1] in double.
     template <class T>
     std::vector<double> ForwardPacked(const T* x, int n) const;
-    // The series of the packed coefficients c (overwritten), in c.
-    void InversePacked(std::vector<double>& c) const;
+    // The series of the packed coefficients c.
+    std::vector<double> InversePacked(const std::vector<double>& c) const;
     // The prepared series in double and the trend removed.
     std::vector<double> PreparedValues(const NCDataVector<float>& x, double& intercept, double& slope) const;
 
