@@ -45,7 +45,7 @@ int RunReported(Command& command, const std::string& bundledData, std::ostream& 
 
 int RunVeltan(int argc, const char* const* argv, const std::string& bundledData, std::ostream& out, std::ostream& err)
 {
-    CLI::App app{"veltan: principal component analysis, PLS and OPLS regression of CSV tables with cross-validation, "
+    CLI::App app{"veltan: principal component analysis, PLS, OPLS and O2PLS regression of CSV tables with cross-validation, "
                  "control charts, normality tests, capability and histograms of measured series, Fisher's exact "
                  "test, and hierarchical clustering of observations",
                  "veltan"};

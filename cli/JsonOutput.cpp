@@ -3,6 +3,7 @@
 #include "cli/CsvWriter.h"
 
 #include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/models/NCO2PLS.h"
 
 #include <nlohmann/json.hpp>
 
@@ -274,6 +275,99 @@ std::string OplsPredictJson(const PredictOptions& options, const DataTable& tabl
         for (int a = 1; a <= orthogonalScores.SizeRows(); ++a)
             to.push_back(Number(orthogonalScores[a][i]));
         rows[static_cast<std::size_t>(i - 1)]["to"] = std::move(to);
+    }
+    doc["predictions"] = std::move(rows);
+    return Finish(doc, files);
+}
+
+namespace {
+
+Json SharesJson(const O2plsShares& s)
+{
+    return {{"joint", Number(s.joint)},
+            {"orthogonal", Number(s.orthogonal)},
+            {"residual", Number(s.residual)},
+            {"predicted", Number(s.predicted)}};
+}
+
+Json GridJson(const O2PLSCVResults& grid)
+{
+    Json cells = Json::array();
+    for (int a = 1; a <= grid.MaxPredictive(); ++a)
+        for (int ox = 0; ox <= grid.MaxOrthogonalX(); ++ox)
+            for (int oy = 0; oy <= grid.MaxOrthogonalY(); ++oy)
+                cells.push_back({{"joint", a},
+                                 {"x_orthogonal", ox},
+                                 {"y_orthogonal", oy},
+                                 {"q2_y_from_x", Number(grid.GetQ2Y(a, ox, oy))},
+                                 {"q2_x_from_y", Number(grid.GetQ2X(a, ox, oy))}});
+    return cells;
+}
+
+} // namespace
+
+std::string O2plsJson(const XYTables& data, const O2plsOptions& options, const O2plsFit& fit,
+                      const std::vector<WrittenFile>& files)
+{
+    Json doc;
+    doc["command"] = "o2pls";
+    doc["x_data"] = data.x.source;
+    doc["y_data"] = data.y.source;
+    doc["observations"] = data.x.Observations();
+    doc["x_variables"] = data.x.variables;
+    doc["y_variables"] = data.y.variables;
+    doc["scaling"] = ScaleOptionName(options.scale);
+    doc["y_scaling"] = ScaleOptionName(options.yScale);
+    doc["log"] = options.logVariables;
+    if (fit.grid) {
+        doc["cv_groups"] = fit.cvGroups;
+        doc["external_q2_limit"] = Number(GetO2PLSExternalQ2Limit());
+        doc["internal_q2_limit"] = Number(GetO2PLSInternalQ2Limit());
+        doc["grid"] = GridJson(*fit.grid);
+    } else {
+        doc["cv_groups"] = nullptr;
+        doc["grid"] = nullptr;
+    }
+    doc["joint"] = fit.predictive;
+    doc["x_orthogonal"] = fit.xOrthogonal;
+    doc["y_orthogonal"] = fit.yOrthogonal;
+    doc["x"] = SharesJson(fit.x);
+    doc["y"] = SharesJson(fit.y);
+    return Finish(doc, files);
+}
+
+std::string O2plsPredictJson(const PredictOptions& options, const DataTable& table, bool fromX,
+                             const std::vector<std::string>& predicted, const NCDataMatrix<float>& predictions,
+                             const NCDataMatrix<float>& scores, const NCDataMatrix<float>& orthogonalScores,
+                             const std::vector<WrittenFile>& files)
+{
+    Json doc;
+    doc["command"] = "predict";
+    doc["model"] = options.model;
+    doc["model_type"] = "o2pls";
+    doc["data"] = table.source;
+    doc["from"] = fromX ? "x" : "y";
+    doc["observations"] = table.Observations();
+    doc["components"] = scores.SizeRows();
+    doc["orthogonal_components"] = orthogonalScores.SizeRows();
+    doc["predicted"] = predicted;
+    Json rows = ObservationRows(table, scores, &predictions);
+    for (int i = 1; i <= table.Observations(); ++i) {
+        Json to = Json::array();
+        for (int a = 1; a <= orthogonalScores.SizeRows(); ++a)
+            to.push_back(Number(orthogonalScores[a][i]));
+        Json& row = rows[static_cast<std::size_t>(i - 1)];
+        row["to"] = std::move(to);
+        // From Y the rows hold predicted X and the joint scores U.
+        if (!fromX) {
+            Json x = std::move(row["y"]), u = std::move(row["t"]), orthogonal = std::move(row["to"]);
+            row.erase("y");
+            row.erase("t");
+            row.erase("to");
+            row["x"] = std::move(x);
+            row["u"] = std::move(u);
+            row["to"] = std::move(orthogonal);
+        }
     }
     doc["predictions"] = std::move(rows);
     return Finish(doc, files);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cli/ChartCommand.h"
+#include "cli/O2plsCommand.h"
 #include "cli/CsvTable.h"
 #include "cli/OplsCommand.h"
 #include "cli/PcaCommand.h"
@@ -35,6 +36,15 @@ std::string OplsPredictJson(const PredictOptions& options, const DataTable& tabl
                             const std::vector<std::string>& responses, const NCDataMatrix<float>& predictions,
                             const NCDataMatrix<float>& scores, const NCDataMatrix<float>& orthogonalScores,
                             const std::vector<WrittenFile>& files);
+
+std::string O2plsJson(const XYTables& data, const O2plsOptions& options, const O2plsFit& fit,
+                      const std::vector<WrittenFile>& files);
+// predictions: n x (the other block's width) in its units; scores: A x n
+// joint, then one row of n per orthogonal component of the given block.
+std::string O2plsPredictJson(const PredictOptions& options, const DataTable& table, bool fromX,
+                             const std::vector<std::string>& predicted, const NCDataMatrix<float>& predictions,
+                             const NCDataMatrix<float>& scores, const NCDataMatrix<float>& orthogonalScores,
+                             const std::vector<WrittenFile>& files);
 
 std::string ChartJson(const ChartResult& result, const ChartOptions& options, const std::vector<WrittenFile>& files);
 

@@ -11,6 +11,7 @@
 #include "cli/ToolError.h"
 
 #include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/models/NCO2PLSPred.h"
 #include "veltancmat/models/NCOPLSPred.h"
 #include "veltancmat/models/NCPCAPred.h"
 #include "veltancmat/models/NCPLSPred.h"
@@ -58,6 +59,26 @@ DataTable ModelVariables(const std::vector<std::string>& variables, const std::v
     return SelectVariables(table, columns);
 }
 
+// The predictors score every row from whatever it has; as for PLS, a row
+// missing most of its values gets nothing rather than a guess.
+void BlankSparseRows(const NCDataMatrix<float>& x, NCDataMatrix<float>& predictions, NCDataMatrix<float>& scores,
+                     NCDataMatrix<float>& orthogonalScores)
+{
+    const int n = x.SizeRows(), k = x.SizeColumns();
+    for (int i = 1; i <= n; ++i) {
+        int missing = 0;
+        for (int j = 1; j <= k; ++j)
+            missing += IsMisVal(x[i][j]) ? 1 : 0;
+        if (static_cast<float>(missing) <= MaxMissingFraction * static_cast<float>(k))
+            continue;
+        for (NCDataMatrix<float>* m : {&scores, &orthogonalScores})
+            for (int a = 1; a <= m->SizeRows(); ++a)
+                (*m)(a, i, NCMisVal<float>);
+        for (int j = 1; j <= predictions.SizeColumns(); ++j)
+            predictions(i, j, NCMisVal<float>);
+    }
+}
+
 } // namespace
 
 void PredictResponses(PlsModelFile& model, const std::string& modelPath, const DataTable& table,
@@ -98,22 +119,38 @@ void PredictOplsResponses(OplsModelFile& model, const std::string& modelPath, co
     predictions = *pred.GetYPred();
     scores = *pred.GetTPred();
     orthogonalScores = *pred.GetTOPred();
-    // The predictor scores every row from whatever it has; as for PLS, a
-    // row missing most of its values gets nothing rather than a guess.
-    const int n = x.SizeRows(), k = x.SizeColumns();
-    for (int i = 1; i <= n; ++i) {
-        int missing = 0;
-        for (int j = 1; j <= k; ++j)
-            missing += IsMisVal(x[i][j]) ? 1 : 0;
-        if (static_cast<float>(missing) <= MaxMissingFraction * static_cast<float>(k))
-            continue;
-        for (NCDataMatrix<float>* m : {&scores, &orthogonalScores})
-            for (int a = 1; a <= m->SizeRows(); ++a)
-                (*m)(a, i, NCMisVal<float>);
-        for (int j = 1; j <= predictions.SizeColumns(); ++j)
-            predictions(i, j, NCMisVal<float>);
-    }
+    BlankSparseRows(x, predictions, scores, orthogonalScores);
     UndoPreprocessing(predictions, model.yTransform.get(), model.yScale);
+}
+
+O2plsPrediction PredictO2pls(O2plsModelFile& model, const std::string& modelPath, const DataTable& table)
+{
+    const auto found = [&](const std::vector<std::string>& names) {
+        const auto count = std::count_if(names.begin(), names.end(), [&](const auto& n) { return table.Find(n); });
+        return static_cast<double>(count) / static_cast<double>(std::max<std::size_t>(names.size(), 1));
+    };
+    O2plsPrediction result;
+    result.fromX = found(model.variables) >= found(model.responses);
+    const std::vector<std::string>& own = result.fromX ? model.variables : model.responses;
+    const std::vector<std::string>& other = result.fromX ? model.responses : model.variables;
+    const DataTable columns = ModelVariables(own, other, modelPath, table);
+    NCDataMatrix<float> rows =
+        result.fromX ? ApplyPreprocessing(columns, model.transform.get(), model.scale)
+                     : ApplyPreprocessing(columns, model.yTransform.get(), model.yScale);
+    const NCO2PLSPred pred = result.fromX
+                                 ? NCO2PLSPred(rows, model.woxprim, model.poxprim, model.wprim, model.btu,
+                                               model.cprim, true)
+                                 : NCO2PLSPred(rows, model.woyprim, model.poyprim, model.cprim, model.but,
+                                               model.wprim, false);
+    result.predictions = pred.GetPrediction();
+    result.scores = pred.GetJointScores();
+    result.orthogonalScores = pred.GetOrthogonalScores();
+    BlankSparseRows(rows, result.predictions, result.scores, result.orthogonalScores);
+    if (result.fromX)
+        UndoPreprocessing(result.predictions, model.yTransform.get(), model.yScale);
+    else
+        UndoPreprocessing(result.predictions, model.transform.get(), model.scale);
+    return result;
 }
 
 namespace {
@@ -137,6 +174,7 @@ struct ResponsePrediction {
     NCDataMatrix<float> scores;
     std::vector<std::string> scoreNames;
     std::string components; // "2 components" in the scores file's announcement
+    const char* predictedWord = "response"; // what the predicted columns are
 };
 
 // The run of a PLS or OPLS prediction: the predicted responses to the file
@@ -160,7 +198,7 @@ int RunResponsePredict(
     };
     steps.write = [&](RunOutputs& files) {
         files.Add("predictions", options.predictionsPath, [&](std::ostream& file) { writeCsv(file, false); },
-                  "Predicted " + Plural(static_cast<int>(result.responses.size()), "response") + " of " +
+                  "Predicted " + Plural(static_cast<int>(result.responses.size()), result.predictedWord) + " of " +
                       Plural(result.table->Observations(), "observation") + " written to " + options.predictionsPath);
         // Without a predictions file the predictions are the output, and
         // the scores file goes unannounced.
@@ -212,6 +250,30 @@ int RunOplsPredict(const PredictOptions& options, std::ostream& out)
     });
 }
 
+int RunO2plsPredict(const PredictOptions& options, std::ostream& out)
+{
+    O2plsPrediction prediction;
+    const auto predict = [&](ResponsePrediction& result) {
+        std::unique_ptr<O2plsModelFile> model = LoadO2plsModel(options.model);
+        prediction = PredictO2pls(*model, options.model, *result.table);
+        result.responses = prediction.fromX ? model->responses : model->variables;
+        result.predictedWord = prediction.fromX ? "Y variable" : "X variable";
+        result.predictions = prediction.predictions;
+        result.scores = prediction.scores;
+        result.scoreNames = Numbered(prediction.fromX ? "t" : "u", prediction.scores.SizeRows());
+        for (int o = 1; o <= prediction.orthogonalScores.SizeRows(); ++o) {
+            result.scores.push_back(prediction.orthogonalScores[o]);
+            result.scoreNames.push_back((prediction.fromX ? "tox" : "toy") + std::to_string(o));
+        }
+        result.components = std::to_string(prediction.scores.SizeRows()) + " joint + " +
+                            std::to_string(prediction.orthogonalScores.SizeRows()) + " orthogonal components";
+    };
+    return RunResponsePredict(options, out, predict, [&](const ResponsePrediction& r, const auto& files) {
+        return O2plsPredictJson(options, *r.table, prediction.fromX, r.responses, r.predictions, prediction.scores,
+                                prediction.orthogonalScores, files);
+    });
+}
+
 int RunPcaPredict(const PredictOptions& options, std::ostream& out)
 {
     std::unique_ptr<PcaModelFile> model;
@@ -246,8 +308,9 @@ class PredictCommand final : public TableCommand<PredictOptions> {
     {
         CLI::App& command =
             *tool.add_subcommand("predict", "Scores of new observations under a model saved by pca --save, or their "
-                                            "predicted responses under one saved by pls --save or opls --save");
-        command.add_option("model", m_options.model, "Model file written by pca --save, pls --save or opls --save")
+                                            "predicted responses under one saved by pls, opls or o2pls --save (an "
+                                            "O2PLS model predicts either block from the other)");
+        command.add_option("model", m_options.model, "Model file written by pca, pls, opls or o2pls --save")
             ->type_name("MODEL")
             ->required();
         AddDataArgument(command, m_options.data, "CSV table with the model's variables, in its order")->required();
@@ -272,6 +335,8 @@ int RunPredict(const PredictOptions& options, std::ostream& out)
         return RunPlsPredict(options, out);
     if (magic == OplsModelFile::MyStreamableData.GetMagic())
         return RunOplsPredict(options, out);
+    if (magic == O2plsModelFile::MyStreamableData.GetMagic())
+        return RunO2plsPredict(options, out);
     if (!options.predictionsPath.empty())
         throw ToolError("--predictions: " + options.model + " is a PCA model, which predicts no responses",
                         ExitUsage);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "cli/CsvTable.h"
+#include "cli/O2plsModelFile.h"
 #include "cli/OplsModelFile.h"
 #include "cli/PcaModelFile.h"
 #include "cli/PlsModelFile.h"
@@ -46,8 +47,22 @@ void PredictOplsResponses(OplsModelFile& model, const std::string& modelPath, co
                           NCDataMatrix<float>& predictions, NCDataMatrix<float>& scores,
                           NCDataMatrix<float>& orthogonalScores);
 
+// What an O2PLS model predicts for a table of either block's variables.
+struct O2plsPrediction {
+    bool fromX = true;                  // the table holds X; Y is predicted
+    NCDataMatrix<float> predictions;    // n x (other block), in its units
+    NCDataMatrix<float> scores;         // joint scores (T' from X, U' from Y)
+    NCDataMatrix<float> orthogonalScores; // of the given block's orthogonal components
+};
+
+// The table's block is the one more of whose variables it names (X on a
+// tie); its variables are then found by name, and besides them the table
+// may hold the other block's only. Rows missing more than
+// MaxMissingFraction of their values get missing scores and predictions.
+O2plsPrediction PredictO2pls(O2plsModelFile& model, const std::string& modelPath, const DataTable& table);
+
 // `veltan predict`: for a PCA model scores as CSV to the file or stdout, or JSON;
-// for a PLS or OPLS model (told apart by the file's magic) predicted
+// for a PLS, OPLS or O2PLS model (told apart by the file's magic) predicted
 // responses, and scores on request. Returns
 // the exit code; throws ToolError for the caller to report.
 int RunPredict(const PredictOptions& options, std::ostream& out);

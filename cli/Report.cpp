@@ -75,10 +75,14 @@ std::string DescribeSignificance(SignificanceE::Significance s, const std::strin
 
 std::string OneLine(std::string text)
 {
-    for (char& c : text)
-        if (c == '\n' || c == '\r')
-            c = ' ';
-    return text;
+    // A blank line between a message's sentences must not leave two spaces.
+    std::string line;
+    for (const char c : text)
+        if (c != '\n' && c != '\r')
+            line += c;
+        else if (!line.empty() && line.back() != ' ')
+            line += ' ';
+    return line;
 }
 
 std::string FitSummary(int kept, bool fixed, const std::string& stopReason)

@@ -3,13 +3,16 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
+#include <chrono>
 #include <cmath>
+#include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <random>
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <fcntl.h>
@@ -116,6 +119,18 @@ inline RunResult WaitTool(const TempDir& dir, pid_t pid)
 inline RunResult RunTool(const TempDir& dir, const std::vector<std::string>& args)
 {
     return WaitTool(dir, StartTool(dir, args));
+}
+
+// Starts the tool, sends Ctrl-C once it has written its first progress to
+// stderr (or after `seconds`), and waits for it.
+inline RunResult InterruptOnceStarted(const TempDir& dir, const std::vector<std::string>& args, int seconds = 15)
+{
+    const pid_t pid = StartTool(dir, args);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    while (fs::file_size(dir.File(".stderr")) == 0 && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    kill(pid, SIGINT);
+    return WaitTool(dir, pid);
 }
 
 // Two latent directions plus noise: clearly two significant components.

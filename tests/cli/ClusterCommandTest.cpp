@@ -317,13 +317,8 @@ TEST(ClusterTool, CtrlCLeavesNoFileBehind)
         big << "\n";
     }
     WriteFile(dir.File("big.csv"), big.str());
-    const pid_t pid = StartTool(dir, {"cluster", dir.File("big.csv"), "--progress", "--assign", dir.File("a.csv"),
-                                      "--plot", dir.File("p.svg")});
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    while (fs::file_size(dir.File(".stderr")) == 0 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    kill(pid, SIGINT);
-    const RunResult r = WaitTool(dir, pid);
+    const RunResult r = InterruptOnceStarted(dir, {"cluster", dir.File("big.csv"), "--progress", "--assign",
+                                                   dir.File("a.csv"), "--plot", dir.File("p.svg")});
     EXPECT_EQ(r.exitCode, 130);
     EXPECT_EQ(r.err.substr(r.err.rfind('\r') + 1), "veltan: Cluster analysis aborted.\n");
     EXPECT_EQ(r.out, "");

@@ -195,12 +195,8 @@ TEST(VeltanFisher, InterruptDuringACall)
 {
     TempDir dir;
     WriteFile(dir.File("big.csv"), "a,b,c,d,e\n8,3,5,9,2\n4,7,6,3,8\n5,9,2,7,4\n6,3,8,5,9\n"); // about 1 s
-    const pid_t pid = StartTool(dir, {"fisher", dir.File("big.csv"), "--workspace", "2048000", "--progress"});
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    while (fs::file_size(dir.File(".stderr")) == 0 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    kill(pid, SIGINT);
-    const RunResult r = WaitTool(dir, pid);
+    const RunResult r =
+        InterruptOnceStarted(dir, {"fisher", dir.File("big.csv"), "--workspace", "2048000", "--progress"});
     EXPECT_EQ(r.exitCode, 130);
     EXPECT_THAT(r.err, HasSubstr("\rFisher's exact test: workspace 2048000"));
     EXPECT_THAT(r.err, testing::ContainsRegex("\\[[-|/\\\\]\\] [0-9] s  stopping\\.\\.\\."));

@@ -454,14 +454,9 @@ TEST(VeltanOpls, InterruptLeavesNoFile)
 {
     TempDir dir;
     WriteFile(dir.File("big.csv"), LatentTable(4000, 60, 2));
-    const pid_t pid = StartTool(dir, {"opls", dir.File("big.csv"), "--y", "y1", "--y", "y2", "--orthogonal", "20",
-                                      "--cv-groups", "100", "--progress", "--fitted", dir.File("f.csv"), "--save",
-                                      dir.File("m.bin")});
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    while (fs::file_size(dir.File(".stderr")) == 0 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    kill(pid, SIGINT);
-    const RunResult r = WaitTool(dir, pid);
+    const RunResult r = InterruptOnceStarted(dir, {"opls", dir.File("big.csv"), "--y", "y1", "--y", "y2",
+                                                   "--orthogonal", "20", "--cv-groups", "100", "--progress", "--fitted",
+                                                   dir.File("f.csv"), "--save", dir.File("m.bin")});
     EXPECT_EQ(r.exitCode, 130);
     const std::string last = r.err.substr(r.err.rfind('\r') + 1);
     EXPECT_TRUE(last == "veltan: OPLS component aborted.\n" || last == "veltan: OPLS cross-validation aborted.\n" ||

@@ -276,13 +276,8 @@ TEST(VeltanPls, UsageErrorsAndInterrupt)
     // Ctrl-C during a long permutation test: the library's cancel message,
     // exit 130, and none of the requested files.
     WriteFile(dir.File("big.csv"), LatentTable(2000, 40, 2));
-    const pid_t pid = StartTool(dir, {"pls", dir.File("big.csv"), "--y", "y1", "--y", "y2", "--permutations",
-                                      "100000", "--progress", "--fitted", dir.File("f.csv")});
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    while (fs::file_size(dir.File(".stderr")) == 0 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    kill(pid, SIGINT);
-    r = WaitTool(dir, pid);
+    r = InterruptOnceStarted(dir, {"pls", dir.File("big.csv"), "--y", "y1", "--y", "y2", "--permutations", "100000",
+                                   "--progress", "--fitted", dir.File("f.csv")});
     EXPECT_EQ(r.exitCode, 130);
     const std::string last = r.err.substr(r.err.rfind('\r') + 1);
     EXPECT_TRUE(last == "veltan: PLS component aborted.\n" || last == "veltan: Computations aborted.\n") << last;

@@ -246,14 +246,9 @@ TEST(VeltanCli, InterruptCancelsCleanly)
 {
     TempDir dir;
     WriteFile(dir.File("big.csv"), TwoFactorTable(6000, 150, 11));
-    const pid_t pid = StartTool(dir, {"pca", dir.File("big.csv"), "--components", "60", "--progress", "--scores",
-                                      dir.File("s.csv")});
     // The bar appears after the show delay, once the fit is under way.
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(15);
-    while (fs::file_size(dir.File(".stderr")) == 0 && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    kill(pid, SIGINT);
-    const RunResult r = WaitTool(dir, pid);
+    const RunResult r = InterruptOnceStarted(
+        dir, {"pca", dir.File("big.csv"), "--components", "60", "--progress", "--scores", dir.File("s.csv")});
     EXPECT_EQ(r.exitCode, 130);
     // The bar is wiped with a carriage return before the message.
     EXPECT_EQ(r.err.substr(r.err.rfind('\r') + 1), "veltan: PC component aborted.\n");

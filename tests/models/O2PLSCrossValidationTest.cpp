@@ -215,6 +215,25 @@ TEST(O2PLSCrossValidation, CellsWithoutAnOrthogonalDimensionAreMissing)
     EXPECT_LE(O2PLSPredictiveComponentEstimator(f, -1.0f, 0.0f).GetPredictive(), 3);
 }
 
+TEST(O2PLSCrossValidation, JointCountsBeyondTheCrossProductsRankAreMissing)
+{
+    // Two Y columns that are one column twice: X'Y has rank one in every
+    // round, so a second joint component has no direction to take.
+    const Blocks b = KnownStructure(18, 0.3);
+    NCDataMatrix<float> y(18, 2);
+    for (int i = 1; i <= 18; ++i) {
+        y(i, 1, b.y[i][1]);
+        y(i, 2, 2.0f * b.y[i][1]);
+    }
+    const O2PLSCVResults r = O2PLSCrossValidation(b.x, y, 2, 1, 0, 3, nullptr).GetResults();
+    for (int ox = 0; ox <= 1; ++ox) {
+        EXPECT_FALSE(IsMisVal(r.GetQ2Y(1, ox, 0))) << ox;
+        EXPECT_TRUE(IsMisVal(r.GetQ2Y(2, ox, 0))) << ox;
+        EXPECT_TRUE(IsMisVal(r.GetQ2X(2, ox, 0))) << ox;
+    }
+    EXPECT_EQ(O2PLSPredictiveComponentEstimator(r, -1.0f, -1.0f).GetPredictive(), 1);
+}
+
 TEST(O2PLSCrossValidation, EstimatorFindsTheKnownStructure)
 {
     const Blocks b = KnownStructure(40, 0.1);

@@ -491,6 +491,36 @@ TEST(O2PLSPred, RowsOfTheWrongWidthAreRefused)
     EXPECT_THROW(NCO2PLSPred(model, model.GetX(), false), NCInternalError);
 }
 
+TEST(O2PLSPred, PartsOfOneDirectionPredictAsTheWholeModelDoes)
+{
+    // What a saved model keeps must be enough: nothing else of the model is read.
+    const NCO2PLS model = Fitted(2, 2, 1);
+    const NCDataMatrix<float> newX = FromRowMajor(O2PLSNewX, O2PLSNewRows, O2PLSXCols);
+    const NCDataMatrix<float> newY = FromRowMajor(O2PLSNewY, O2PLSNewRows, O2PLSYCols);
+    const NCO2PLSXPred whole(model, newX);
+    const NCO2PLSPred parts(newX, model.GetWOXprim(), model.GetPOXprim(), model.GetWprim(), model.GetBTU(),
+                            model.GetCprim(), true);
+    ExpectClose(parts.GetPrediction(), whole.GetPrediction(), 0.0, "Y from X");
+    ExpectClose(parts.GetOrthogonalScores(), whole.GetOrthogonalScores(), 0.0, "TO_X");
+    const NCO2PLSYPred mirror(model, newY);
+    EXPECT_FALSE(mirror.IsFromX());
+    const NCO2PLSPred mirrorParts(newY, model.GetWOYprim(), model.GetPOYprim(), model.GetCprim(), model.GetBUT(),
+                                  model.GetWprim(), false);
+    ExpectClose(mirrorParts.GetPrediction(), mirror.GetPrediction(), 0.0, "X from Y");
+    ExpectClose(mirrorParts.GetJointScores(), mirror.GetJointScores(), 0.0, "U");
+
+    // Parts that do not belong together.
+    EXPECT_THROW(NCO2PLSPred(newY, model.GetWOXprim(), model.GetPOXprim(), model.GetWprim(), model.GetBTU(),
+                             model.GetCprim(), true),
+                 NCInternalError);
+    EXPECT_THROW(NCO2PLSPred(newX, model.GetWOXprim(), model.GetPOYprim(), model.GetWprim(), model.GetBTU(),
+                             model.GetCprim(), true),
+                 NCInternalError);
+    EXPECT_THROW(NCO2PLSPred(newX, model.GetWOXprim(), model.GetPOXprim(), model.GetWprim(), model.GetBTU(),
+                             model.GetCprim().SubMat(1, 1, 1, O2PLSYCols), true),
+                 NCInternalError);
+}
+
 // ---- process-wide settings ----------------------------------------------
 
 TEST(O2PLSSettings, Q2LimitsKeepOnlyValuesInRangeAndDefaultToOnePercentAndTheFlagStartsOff)

@@ -25,6 +25,14 @@ public:
     // the model's block throws NCInternalError ("NCO2PLSPred::NCO2PLSPred").
     // The model is read only during construction.
     NCO2PLSPred(const NCO2PLS& model, const NCDataMatrix<float>& rows, bool fromX);
+    // The same from the parts of one direction alone, as a saved model keeps
+    // them: the given block's orthogonal weights and loadings (one row per
+    // component, as wide as `rows`), its joint weights (W' from X, C' from
+    // Y), the inner relation (B_TU from X, B_UT from Y) and the other block's
+    // joint weights. Shapes that do not fit throw NCInternalError.
+    NCO2PLSPred(const NCDataMatrix<float>& rows, const NCDataMatrix<float>& orthogonalWeights,
+                const NCDataMatrix<float>& orthogonalLoadings, const NCDataMatrix<float>& jointWeights,
+                const NCDataMatrix<float>& relation, const NCDataMatrix<float>& otherWeights, bool fromX);
 
     bool IsFromX() const { return m_fromX; }
     int SizeObservations() const { return m_filtered.SizeRows(); }
@@ -40,10 +48,26 @@ public:
     const NCDataMatrix<float>& GetResiduals() const { return m_residuals; }
 
 private:
+    void Predict(const NCDataMatrix<float>& rows, const NCDataMatrix<float>& orthogonalWeights,
+                 const NCDataMatrix<float>& orthogonalLoadings, const NCDataMatrix<float>& jointWeights,
+                 const NCDataMatrix<float>& relation, const NCDataMatrix<float>& otherWeights);
+
     bool m_fromX;
     NCDataMatrix<float> m_orthogonalScores;
     NCDataMatrix<float> m_filtered;
     NCDataMatrix<float> m_jointScores;
     NCDataMatrix<float> m_prediction;
     NCDataMatrix<float> m_residuals;
+};
+
+// Y predicted from new rows of X.
+class VELTANCMAT_API NCO2PLSXPred : public NCO2PLSPred {
+public:
+    NCO2PLSXPred(const NCO2PLS& model, const NCDataMatrix<float>& x) : NCO2PLSPred(model, x, true) {}
+};
+
+// X predicted from new rows of Y.
+class VELTANCMAT_API NCO2PLSYPred : public NCO2PLSPred {
+public:
+    NCO2PLSYPred(const NCO2PLS& model, const NCDataMatrix<float>& y) : NCO2PLSPred(model, y, false) {}
 };

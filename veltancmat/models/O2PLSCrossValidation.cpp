@@ -8,8 +8,12 @@
 #include "veltancmat/models/NCO2PLSPred.h"
 #include "veltancmat/platform/NCError.h"
 
+#include <Eigen/Dense>
+
 #include <algorithm>
+#include <cmath>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -60,6 +64,107 @@ float Q2(double press, double ss)
     return ss >= ZeroSum ? static_cast<float>(1.0 - press / ss) : Missing;
 }
 
+using Dense = Eigen::MatrixXd;
+
+// A block as a dense double matrix (rows x columns).
+Dense DenseOf(const NCDataMatrix<float>& m)
+{
+    Dense d(m.SizeRows(), m.SizeColumns());
+    for (int i = 1; i <= m.SizeRows(); ++i)
+        for (int j = 1; j <= m.SizeColumns(); ++j)
+            d(i - 1, j - 1) = m[i][j];
+    return d;
+}
+
+// Component rows (one per component, `width` long) as columns.
+Dense ColumnsOf(const NCDataMatrix<float>& rows, int width)
+{
+    Dense d(width, rows.SizeRows());
+    for (int a = 1; a <= rows.SizeRows(); ++a)
+        for (int j = 1; j <= width; ++j)
+            d(j - 1, a - 1) = rows[a][j];
+    return d;
+}
+
+// Columns back as component rows, in float.
+NCDataMatrix<float> RowsOf(const Dense& columns)
+{
+    NCDataMatrix<float> rows(static_cast<int>(columns.cols()), static_cast<int>(columns.rows()));
+    for (int a = 1; a <= rows.SizeRows(); ++a)
+        for (int j = 1; j <= rows.SizeColumns(); ++j)
+            rows(a, j, static_cast<float>(columns(j - 1, a - 1)));
+    return rows;
+}
+
+// The first `count` rows of a model's component matrix, `width` wide even
+// when there are none.
+NCDataMatrix<float> FirstRows(const NCDataMatrix<float>& rows, int count, int width)
+{
+    return count == 0 ? NCDataMatrix<float>(0, width) : rows.SubMat(1, count, 1, width);
+}
+
+// A power iteration that has not settled after this many steps has two
+// singular values too close to tell apart; the last iterate is as good a
+// direction as the joint NIPALS loop would give.
+constexpr int MaxPowerSteps = 5000;
+
+// The leading `count` singular pairs of `m`, one at a time with the
+// deflation m - s w c' between them, as the joint components deflate:
+// w (left) and c (right) of unit length, as columns. False when m has fewer
+// than `count` directions that are not zero against its largest.
+bool LeadingPairs(Dense m, int count, Dense& left, Dense& right)
+{
+    left.resize(m.rows(), count);
+    right.resize(m.cols(), count);
+    double first = 0.0;
+    for (int a = 0; a < count; ++a) {
+        Eigen::Index start = 0;
+        const double largest = m.colwise().squaredNorm().maxCoeff(&start);
+        if (!(largest > 0.0) || !std::isfinite(largest))
+            return false;
+        Eigen::VectorXd w = m.col(start) / std::sqrt(largest);
+        Eigen::VectorXd c = m.transpose() * w;
+        double s = c.norm();
+        c /= s;
+        for (int step = 0; step < MaxPowerSteps; ++step) {
+            w = (m * c).normalized();
+            Eigen::VectorXd next = m.transpose() * w;
+            s = next.norm();
+            next /= s;
+            const double change = (next - c).squaredNorm();
+            c = std::move(next);
+            if (change < 1e-26)
+                break;
+        }
+        if (a == 0)
+            first = s;
+        if (!(s > 1e-10 * first))
+            return false;
+        w = m * c / s;
+        left.col(a) = w;
+        right.col(a) = c;
+        m.noalias() -= s * w * c.transpose();
+    }
+    return true;
+}
+
+// B with `to` ~ `from` B, (from'from)^-1 from'to; false when from'from is
+// singular.
+bool RelationOf(const Dense& from, const Dense& to, NCDataMatrix<float>& relation)
+{
+    const Eigen::LDLT<Dense> gram(from.transpose() * from);
+    if (gram.info() != Eigen::Success || !gram.isPositive() || gram.vectorD().minCoeff() <= 0.0)
+        return false;
+    const Dense b = gram.solve(from.transpose() * to);
+    if (!b.allFinite())
+        return false;
+    relation = NCDataMatrix<float>(static_cast<int>(b.rows()), static_cast<int>(b.cols()));
+    for (int i = 1; i <= relation.SizeRows(); ++i)
+        for (int j = 1; j <= relation.SizeColumns(); ++j)
+            relation(i, j, static_cast<float>(b(i - 1, j - 1)));
+    return true;
+}
+
 } // namespace
 
 O2PLSCVResults::O2PLSCVResults(int maxPredictive, int maxOrthogonalX, int maxOrthogonalY)
@@ -104,6 +209,7 @@ void O2PLSCVResults::SetCell(int a, int ox, int oy, float q2Y, float q2X)
 // ones on the same means.
 struct O2PLSCrossValidation::Split {
     NCDataMatrix<float> xTrain, yTrain, xTest, yTest;
+    Dense x, y, xty; // the kept rows in double, and X'Y of them
 };
 
 // The pooled sums of the grid: per cell (as O2PLSCVResults numbers them)
@@ -137,7 +243,7 @@ O2PLSCrossValidation::Split O2PLSCrossValidation::SplitRound(const NCDataMatrix<
     if (train.Size() < 2)
         BadArgument("A cross-validation round keeps fewer than two observations.");
     Split split{x.GetRowSubMatrix(train), y.GetRowSubMatrix(train), x.GetRowSubMatrix(test),
-                y.GetRowSubMatrix(test)};
+                y.GetRowSubMatrix(test), {}, {}, {}};
     if (!test.empty()) {
         CentreBy(split.xTest, split.xTrain);
         CentreBy(split.yTest, split.yTrain);
@@ -145,6 +251,9 @@ O2PLSCrossValidation::Split O2PLSCrossValidation::SplitRound(const NCDataMatrix<
     const NCDataMatrix<float> xKept(split.xTrain), yKept(split.yTrain);
     CentreBy(split.xTrain, xKept);
     CentreBy(split.yTrain, yKept);
+    split.x = DenseOf(split.xTrain);
+    split.y = DenseOf(split.yTrain);
+    split.xty.noalias() = split.x.transpose() * split.y;
     return split;
 }
 
@@ -199,12 +308,14 @@ O2PLSCrossValidation::O2PLSCrossValidation(const NCDataMatrix<float>& x, const N
     CheckedSetValue(progress, static_cast<float>(rounds * maxPredictive), Aborted);
 }
 
-// Every cell of joint count a in one round. The X-orthogonal components of
-// a model do not depend on its Y-orthogonal ones (each side is found
-// against the other block unfiltered), so one chain of X-side components
-// serves every oy, and each X-side prefix starts one chain of Y-side
-// components; a cell's model is a copy of its chain's link with the joint
-// part fitted on top, which is exactly the sequence of NCO2PLS::Fit.
+// Every cell of joint count a in one round. Each side's orthogonal
+// components depend only on a and its own earlier components, so one chain
+// per side serves every cell: cell (a, ox, oy) takes the first ox of the X
+// chain and the first oy of the Y chain. Its joint part is then that of
+// the filtered blocks X_f = X - TO_X PO_X' and Y_f = Y - TO_Y PO_Y', whose
+// weights are the first a singular pairs of X_f'Y_f (docs/o2pls.md). That
+// cross product is X'Y with low-rank corrections, so a cell needs no NIPALS
+// loop over the rows: only the scores T = X_f W and U = Y_f C take one pass.
 void O2PLSCrossValidation::RunCells(const Split& split, int a, Sums& sums, NCProgress* progress) const
 {
     // A round that leaves nothing out adds nothing to any sum.
@@ -215,38 +326,80 @@ void O2PLSCrossValidation::RunCells(const Split& split, int a, Sums& sums, NCPro
         sums.Fail(a, 0, 0, sums.maxOrthY);
         return;
     }
-    NCO2PLS xChain(split.xTrain, split.yTrain, true, RoundIterations);
-    for (int ox = 0; ox <= sums.maxOrthX; ++ox) {
-        try {
-            if (ox > 0)
-                xChain.NextOrthogonalComponent(true, a);
-        } catch (const NCO2PLSDimensionalityException&) {
-            sums.Fail(a, ox, 0, sums.maxOrthY);
-            return;
-        }
-        NCO2PLS yChain(xChain);
-        for (int oy = 0; oy <= sums.maxOrthY; ++oy) {
+    const int k = split.xTrain.SizeColumns(), m = split.yTrain.SizeColumns();
+    const auto grow = [&](bool xSide, int most) {
+        NCO2PLS chain(split.xTrain, split.yTrain, true, RoundIterations);
+        for (int o = 1; o <= most; ++o) {
             CheckBreak(progress, Aborted);
             try {
-                if (oy > 0)
-                    yChain.NextOrthogonalComponent(false, a);
+                chain.NextOrthogonalComponent(xSide, a);
             } catch (const NCO2PLSDimensionalityException&) {
-                for (int o = oy; o <= sums.maxOrthY; ++o)
-                    sums.failed[sums.Cell(a, ox, o)] = true;
                 break;
             }
-            NCO2PLS cell(yChain);
-            cell.InitPredCompCalculation();
-            for (int c = 1; c <= a; ++c) {
-                cell.NextPredictiveComp();
-                if (c < a)
-                    cell.SubtractLastPredictiveComp();
-            }
-            cell.Finalise();
-            const std::size_t c = sums.Cell(a, ox, oy);
-            sums.pressY[c] += SquaredDistance(split.yTest, NCO2PLSPred(cell, split.xTest, true).GetPrediction());
-            sums.pressX[c] += SquaredDistance(split.xTest, NCO2PLSPred(cell, split.yTest, false).GetPrediction());
         }
+        return chain;
+    };
+    const NCO2PLS xChain = grow(true, sums.maxOrthX), yChain = grow(false, sums.maxOrthY);
+    const int grownX = xChain.SizeOrthogonalX(), grownY = yChain.SizeOrthogonalY();
+    if (grownX < sums.maxOrthX)
+        sums.Fail(a, grownX + 1, 0, sums.maxOrthY);
+    if (grownY < sums.maxOrthY)
+        for (int ox = 0; ox <= sums.maxOrthX; ++ox)
+            for (int oy = grownY + 1; oy <= sums.maxOrthY; ++oy)
+                sums.failed[sums.Cell(a, ox, oy)] = true;
+
+    const Dense tox = ColumnsOf(xChain.GetTOXprim(), split.xTrain.SizeRows());
+    const Dense pox = ColumnsOf(xChain.GetPOXprim(), k);
+    const Dense toy = ColumnsOf(yChain.GetTOYprim(), split.yTrain.SizeRows());
+    const Dense poy = ColumnsOf(yChain.GetPOYprim(), m);
+    const Dense toxY = tox.transpose() * split.y, xToy = split.x.transpose() * toy, toxToy = tox.transpose() * toy;
+
+    // The weights of every cell first, so that one pass over each block
+    // gives the scores of all of them.
+    struct Cell {
+        int ox, oy;
+        Dense w, c;
+    };
+    std::vector<Cell> cells;
+    for (int ox = 0; ox <= grownX; ++ox)
+        for (int oy = 0; oy <= grownY; ++oy) {
+            CheckBreak(progress, Aborted);
+            const auto px = pox.leftCols(ox), py = poy.leftCols(oy);
+            const Dense cross = split.xty - px * toxY.topRows(ox) - xToy.leftCols(oy) * py.transpose() +
+                                px * toxToy.topLeftCorner(ox, oy) * py.transpose();
+            Cell cell{ox, oy, {}, {}};
+            if (LeadingPairs(cross, a, cell.w, cell.c))
+                cells.push_back(std::move(cell));
+            else
+                sums.failed[sums.Cell(a, ox, oy)] = true;
+        }
+    Dense allW(k, static_cast<Eigen::Index>(cells.size()) * a), allC(m, allW.cols());
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        allW.middleCols(static_cast<Eigen::Index>(i) * a, a) = cells[i].w;
+        allC.middleCols(static_cast<Eigen::Index>(i) * a, a) = cells[i].c;
+    }
+    const Dense xw = split.x * allW, yc = split.y * allC;
+
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        CheckBreak(progress, Aborted);
+        const Cell& cell = cells[i];
+        const std::size_t c = sums.Cell(a, cell.ox, cell.oy);
+        const auto px = pox.leftCols(cell.ox), tx = tox.leftCols(cell.ox);
+        const auto py = poy.leftCols(cell.oy), ty = toy.leftCols(cell.oy);
+        const Dense t = xw.middleCols(static_cast<Eigen::Index>(i) * a, a) - tx * (px.transpose() * cell.w);
+        const Dense u = yc.middleCols(static_cast<Eigen::Index>(i) * a, a) - ty * (py.transpose() * cell.c);
+        NCDataMatrix<float> btu, but;
+        if (!RelationOf(t, u, btu) || !RelationOf(u, t, but)) {
+            sums.failed[c] = true;
+            continue;
+        }
+        const NCDataMatrix<float> wprim = RowsOf(cell.w), cprim = RowsOf(cell.c);
+        const NCO2PLSPred fromX(split.xTest, FirstRows(xChain.GetWOXprim(), cell.ox, k),
+                                FirstRows(xChain.GetPOXprim(), cell.ox, k), wprim, btu, cprim, true);
+        const NCO2PLSPred fromY(split.yTest, FirstRows(yChain.GetWOYprim(), cell.oy, m),
+                                FirstRows(yChain.GetPOYprim(), cell.oy, m), cprim, but, wprim, false);
+        sums.pressY[c] += SquaredDistance(split.yTest, fromX.GetPrediction());
+        sums.pressX[c] += SquaredDistance(split.xTest, fromY.GetPrediction());
     }
 }
 
