@@ -124,14 +124,20 @@ void FFT::ReorderFromVec(const float* in, float* out, int fftLength, int count)
         out[count + k] = in[k];
 }
 
-NCDataVector<float> FFT::Prepared(const NCDataVector<float>& x, DetrendMode mode)
+NCDataVector<float> FFT::PreparedSeries(const NCDataVector<float>& x, DetrendMode mode, double& intercept,
+                                         double& slope)
 {
     NCDataVector<float> v;
     v.CopyContent(x);
     v.InterpolateMisVals(nullptr);
-    double intercept = 0.0, slope = 0.0;
     DetrendVector(&v, mode, intercept, slope);
     return v;
+}
+
+NCDataVector<float> FFT::Prepared(const NCDataVector<float>& x, DetrendMode mode)
+{
+    double intercept = 0.0, slope = 0.0;
+    return PreparedSeries(x, mode, intercept, slope);
 }
 
 NCDataVector<float> FFT::Normalised(const NCDataVector<float>& x, DetrendMode mode, int length)

@@ -72,6 +72,13 @@ public:
     // Window value w_j, j = 1..m, of the given kind.
     static double WindowValue(DataWindowMode window, int j, int m);
 
+    // The series every operation transforms: a copy of x with its missing
+    // values interpolated, then detrended; intercept and slope receive the
+    // line removed (value at the 1-based index i: intercept + slope i). Also
+    // the preparation of the wavelet transforms.
+    static NCDataVector<float> PreparedSeries(const NCDataVector<float>& x, DetrendMode mode, double& intercept,
+                                              double& slope);
+
 protected:
     // Applies the detrend mode to the present values; intercept and slope
     // receive the line removed (the mean as intercept for mode 1, zeros for
@@ -93,7 +100,7 @@ protected:
     static void ReorderFromVec(const float* in, float* out, int fftLength, int count);
 
 private:
-    // A copy of x with its missing values interpolated, detrended.
+    // PreparedSeries without the line.
     static NCDataVector<float> Prepared(const NCDataVector<float>& x, DetrendMode mode);
     // Prepared, padded with zeros to `length` and normalised to unit sum of
     // squares: the form both correlations transform.
