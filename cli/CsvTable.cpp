@@ -55,6 +55,37 @@ std::string CellProblem(std::string_view cell, float& v)
     return {};
 }
 
+// Clinger's fast path (1990) for the short decimals most tables hold: a
+// significand of at most 2^24 and at most 10 decimals are both exact in a
+// float, so one division rounds to nearest as from_chars does. Returns the
+// end of the number, or null to leave the text to from_chars.
+const char* ShortDecimal(const char* p, const char* end, float& value)
+{
+    static constexpr float Tens[] = {1e0f, 1e1f, 1e2f, 1e3f, 1e4f, 1e5f, 1e6f, 1e7f, 1e8f, 1e9f, 1e10f};
+    const bool negative = p < end && *p == '-';
+    std::uint32_t significand = 0;
+    int digits = 0, decimals = 0;
+    bool point = false;
+    for (p += negative ? 1 : 0; p < end; ++p) {
+        const unsigned digit = static_cast<unsigned char>(*p) - unsigned{'0'};
+        if (digit < 10) {
+            if (++digits > 9)
+                return nullptr;
+            significand = significand * 10 + digit;
+            decimals += point ? 1 : 0;
+        } else if (*p == '.' && !point) {
+            point = true;
+        } else {
+            break;
+        }
+    }
+    if (digits == 0 || significand > (std::uint32_t{1} << 24) || decimals > 10)
+        return nullptr;
+    const float v = static_cast<float>(significand) / Tens[decimals];
+    value = negative ? -v : v;
+    return p;
+}
+
 // One row of quote-free text: a line holding at least one field, or in a
 // table of one column a blank line between values (empty `begin`..`end`).
 struct PlainRecord {
@@ -155,6 +186,11 @@ public:
             throw ToolError(m_table.source + ": the file is empty");
         if (m_cells.empty() && m_table.observations.empty())
             throw ToolError(m_table.source + ": no data rows below the header row");
+        if (m_valuesFilled) {
+            m_values.RecountMissing();
+            m_table.values = std::move(m_values);
+            return std::move(m_table);
+        }
         const int n = static_cast<int>(m_table.observations.size());
         const int k = static_cast<int>(m_table.variables.size());
         NCDataMatrix<float> values(n, k);
@@ -337,7 +373,14 @@ private:
             return;
         const std::size_t base = m_table.observations.size();
         const std::size_t k = m_table.variables.size();
-        m_cells.resize((base + count) * k);
+        // The rows are parsed straight into the matrix: the cells of a large
+        // table are written once.
+        m_values = NCDataMatrix<float>(static_cast<int>(base + count), static_cast<int>(k));
+        m_rows = m_values.GetMatrixAsPointerPointer();
+        for (std::size_t i = 0; i < base; ++i)
+            std::copy_n(m_cells.data() + i * k, k, m_rows[i + 1] + 1);
+        m_cells = std::vector<float>();
+        m_valuesFilled = true;
         m_table.observations.resize(base + count);
         m_table.fileRows.resize(base + count);
 
@@ -379,12 +422,13 @@ private:
 
     // One data row into observation `obs` (0-based), as Record would take
     // it. A cell that is a plain number up to its comma is read straight
-    // from the text; everything else goes through CellProblem.
+    // from the text (a number from_chars reads whole is what ParseCell
+    // makes of it); everything else goes through CellProblem.
     void ParsePlainRecord(const PlainRecord& record, std::size_t obs, Block& block)
     {
         const std::size_t width = m_header.size();
         const std::size_t names = m_table.hasNames ? 1 : 0;
-        float* const row = m_cells.data() + obs * m_table.variables.size();
+        float* const row = m_rows[obs + 1] + 1;
         const char* const end = record.end;
         std::size_t field = 0;
         for (const char* p = record.begin;; ++field) {
@@ -393,10 +437,14 @@ private:
             const char* fieldEnd = nullptr;
             if (field >= names) {
                 float v = 0.0f;
-                const auto [ptr, ec] = std::from_chars(p, end, v);
-                if (ec == std::errc() && (ptr == end || *ptr == ',') && std::isfinite(v)) {
+                const char* number = ShortDecimal(p, end, v);
+                if (!number || (number != end && *number != ',')) {
+                    const auto [ptr, ec] = std::from_chars(p, end, v);
+                    number = ec == std::errc() && std::isfinite(v) ? ptr : nullptr;
+                }
+                if (number && (number == end || *number == ',')) {
                     row[field - names] = v;
-                    fieldEnd = ptr;
+                    fieldEnd = number;
                 }
             }
             if (!fieldEnd) {
@@ -441,6 +489,10 @@ private:
     std::vector<std::string> m_header;
     std::vector<std::string> m_fields;
     std::vector<float> m_cells;
+    // The matrix the block path parses into, and its row pointers.
+    NCDataMatrix<float> m_values;
+    std::vector<float*> m_rows;
+    bool m_valuesFilled = false;
     bool m_headerSeen = false;
     std::vector<int> m_blankRows;
     int m_row = 0;
@@ -613,25 +665,29 @@ DataTable ReadCsvTable(const std::string& path, NamesColumn names, bool keepText
         const int error = errno;
         throw ToolError(path + ": cannot open: " + std::strerror(error != 0 ? error : ENOENT));
     }
-    // A regular file is read in one piece into storage of its size; growing
-    // a string stream copied a large table several times over.
-    std::string content;
+    // A regular file is read in one piece into storage of its size, left
+    // uninitialised: growing a string stream copied a large table several
+    // times over. A pipe, or a file that grew meanwhile, is read as a stream.
     const std::uintmax_t size = std::filesystem::is_regular_file(path, ec) ? std::filesystem::file_size(path, ec) : 0;
-    if (!ec && size > 0 && size < content.max_size()) {
-        content.resize(static_cast<std::size_t>(size));
-        in.read(content.data(), static_cast<std::streamsize>(size));
-        content.resize(static_cast<std::size_t>(in.gcount()));
+    if (!ec && size > 0 && size < std::numeric_limits<std::size_t>::max() / 2) {
+        const auto content = std::make_unique_for_overwrite<char[]>(static_cast<std::size_t>(size));
+        in.read(content.get(), static_cast<std::streamsize>(size));
         if (in.bad())
             throw ToolError(path + ": read error");
+        const auto got = static_cast<std::size_t>(in.gcount());
+        if (got < size || in.peek() == std::char_traits<char>::eof()) {
+            if (in.bad())
+                throw ToolError(path + ": read error");
+            return ParseCsvTable(std::string_view(content.get(), got), path, names, keepText);
+        }
         in.clear();
+        in.seekg(0);
     }
-    // Whatever the size did not cover: a pipe, or a file that grew.
-    std::ostringstream rest;
-    rest << in.rdbuf();
+    std::ostringstream content;
+    content << in.rdbuf();
     if (in.bad())
         throw ToolError(path + ": read error");
-    content += rest.view();
-    return ParseCsvTable(content, path, names, keepText);
+    return ParseCsvTable(content.view(), path, names, keepText);
 }
 
 } // namespace veltan_cli

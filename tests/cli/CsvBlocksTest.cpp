@@ -216,3 +216,34 @@ TEST(CsvBlocks, LargeTableOnTheTeamMatchesLibcsv)
     EXPECT_EQ(blocks, Reading(text, NamesColumn::Auto, false, CsvReading{false, 0}));
     EXPECT_EQ(blocks.substr(0, 8), "names 1 ");
 }
+
+// Short decimals take a fast path of their own; from_chars, behind libcsv's
+// reading, is the reference for every digit count, sign and decimal count
+// around the path's limits (2^24, 9 digits, 10 decimals).
+TEST(CsvBlocks, DecimalsReadAsFromCharsReadsThem)
+{
+    std::mt19937 rng(24);
+    std::ostringstream csv;
+    csv << "a,b,c,d\n0,0,0,0\n"; // the first data row goes the plain way
+    const std::vector<std::string> edges{"16777216", "16777217", "16777215.0", "-0", "-0.0", "0.0000000001",
+                                         "0.00000000001", "123456789", "1234567890", "5.", ".5", "-.5", "00012",
+                                         "9.999999999", "3355443.3", "0.1", "-99", "-99.00", "1.5e3", "-"};
+    for (std::size_t e = 0; e + 4 <= edges.size(); e += 4)
+        csv << edges[e] << "," << edges[e + 1] << "," << edges[e + 2] << "," << edges[e + 3] << "\n";
+    for (int i = 0; i < 5000; ++i) {
+        for (int j = 0; j < 4; ++j) {
+            const int digits = std::uniform_int_distribution<int>(1, 10)(rng);
+            std::string number = std::uniform_int_distribution<int>(0, 2)(rng) == 0 ? "-" : "";
+            for (int d = 0; d < digits; ++d)
+                number += static_cast<char>('0' + std::uniform_int_distribution<int>(0, 9)(rng));
+            const int point = std::uniform_int_distribution<int>(0, digits)(rng);
+            if (point < digits)
+                number.insert(number.size() - static_cast<std::size_t>(point), ".");
+            csv << (j ? "," : "") << number;
+        }
+        csv << "\n";
+    }
+    const std::string text = csv.str();
+    EXPECT_EQ(Reading(text, NamesColumn::None, true, CsvReading{true, 64}),
+              Reading(text, NamesColumn::None, true, CsvReading{false, 0}));
+}
