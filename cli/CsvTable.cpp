@@ -398,6 +398,9 @@ private:
                 results[b].error = e.what();
             } catch (const std::bad_alloc&) {
                 results[b].error = m_table.source + ": out of memory";
+            } catch (const std::exception& e) {
+                // Nothing may leave a parallel region by an exception.
+                results[b].error = m_table.source + ": " + e.what();
             }
         };
         if (team > 1 && blocks > 1) {
