@@ -301,8 +301,9 @@ private:
         // Most files have LF line ends only, which memchr finds fastest.
         const bool anyCr = std::memchr(p, '\r', text.size()) != nullptr;
         while (p < end) {
-            const char* stop = anyCr ? std::find_if(p, end, IsLineEnd)
-                                     : static_cast<const char*>(std::memchr(p, '\n', static_cast<std::size_t>(end - p)));
+            const std::size_t left = static_cast<std::size_t>(end - p);
+            const char* stop =
+                anyCr ? std::find_if(p, end, IsLineEnd) : static_cast<const char*>(std::memchr(p, '\n', left));
             if (!stop || stop == end) {
                 // libcsv closes a last line without a line end only when it
                 // holds a field.

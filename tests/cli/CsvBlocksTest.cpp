@@ -160,7 +160,8 @@ TEST(CsvBlocks, ErrorsInLaterBlocksNameTheirRows)
     bad.replace(bad.find("r7,71,72"), 8, "r7,71,zz");
     bad.replace(bad.find("r9,91,92"), 8, "r9,91");
     const CsvReading blocks{true, 2};
-    EXPECT_EQ(Reading(bad, NamesColumn::Auto, false, blocks), "error t.csv: row 8, column 3 (\"b\"): \"zz\" is not a number");
+    EXPECT_EQ(Reading(bad, NamesColumn::Auto, false, blocks),
+              "error t.csv: row 8, column 3 (\"b\"): \"zz\" is not a number");
     // Kept as text instead, the later ragged row is the error.
     EXPECT_EQ(Reading(bad, NamesColumn::Auto, true, blocks), "error t.csv: row 10 has 2 cells, the header row has 3");
 
@@ -168,7 +169,8 @@ TEST(CsvBlocks, ErrorsInLaterBlocksNameTheirRows)
     // the count is checked before the cells.
     std::string ragged = text;
     ragged.replace(ragged.find("r5,51,52"), 8, "r5,x,52,53");
-    EXPECT_EQ(Reading(ragged, NamesColumn::Auto, false, blocks), "error t.csv: row 6 has 4 cells, the header row has 3");
+    EXPECT_EQ(Reading(ragged, NamesColumn::Auto, false, blocks),
+              "error t.csv: row 6 has 4 cells, the header row has 3");
 
     std::string kept = text;
     kept.replace(kept.find("r3,31,32"), 8, "r3,u,32");

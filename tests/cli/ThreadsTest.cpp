@@ -45,7 +45,8 @@ TEST(ThreadsOption, CountsOutsideOneToMaxAreUsageErrors)
             ADD_FAILURE() << text << " accepted";
         } catch (const veltan_cli::ToolError& e) {
             EXPECT_EQ(e.Code(), veltan_cli::ExitUsage);
-            EXPECT_EQ(std::string(e.what()), "--threads: \"" + std::string(text) + "\" is not a whole number from 1 to 1024");
+            EXPECT_EQ(std::string(e.what()),
+                      "--threads: \"" + std::string(text) + "\" is not a whole number from 1 to 1024");
         }
     }
 }
