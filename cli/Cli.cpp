@@ -1,6 +1,7 @@
 #include "cli/Cli.h"
 
 #include "cli/Command.h"
+#include "cli/ThreadsOption.h"
 #include "cli/ToolError.h"
 #include "cli/Version.h"
 
@@ -56,14 +57,24 @@ int RunVeltan(int argc, const char* const* argv, const std::string& bundledData,
 #define VELTAN_COMMAND(Name) commands.emplace_back(Make##Name##Command(), nullptr);
 #include "cli/CommandList.h"
 #undef VELTAN_COMMAND
-    for (auto& [command, parsed] : commands)
+    // Every command takes --threads, added here so that no command has to.
+    std::string threads;
+    for (auto& [command, parsed] : commands) {
         parsed = &command->Register(app);
+        AddThreadsOption(*parsed, threads);
+    }
 
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
         const int code = app.exit(e, out, err);
         return code == 0 ? ExitOk : ExitUsage;
+    }
+    try {
+        UseThreads(ThreadCount(threads));
+    } catch (const ToolError& e) {
+        err << "veltan: " << e.what() << "\n";
+        return e.Code();
     }
     for (auto& [command, parsed] : commands)
         if (parsed->parsed())

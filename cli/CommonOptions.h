@@ -50,8 +50,8 @@ void AddSaveOption(CLI::App& command, std::string& path);
 // --json, with the wording of the command's document.
 void AddJsonFlag(CLI::App& command, bool& json, const std::string& help);
 
-// The flags of a fit's run: --json and --progress. (--threads will join
-// them here, so that every fitting command takes it alike.)
+// The flags of a fit's run: --json and --progress. (--threads belongs to
+// every command and is added by the tool itself, ThreadsOption.h.)
 void AddFitRunFlags(CLI::App& command, bool& json, bool& progress);
 
 // A command that fits the bundled data set without DATA: fills `path` with
