@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstdio>
 #include <limits>
 #include <string>
 
@@ -63,7 +64,9 @@ void CopyCells(const char* from, py::ssize_t stride, py::ssize_t n, float* to, c
                                   " is -99, which the engine reserves for missing values; use NaN for a missing "
                                   "value, or shift or rescale the data");
         } else if (!std::isfinite(v) || std::fabs(v) > std::numeric_limits<float>::max()) {
-            throw py::value_error(Cell(name, ndim == 2 ? row : j, j, ndim) + " is " + std::to_string(v) +
+            char text[32];
+            std::snprintf(text, sizeof text, "%g", static_cast<double>(v));
+            throw py::value_error(Cell(name, ndim == 2 ? row : j, j, ndim) + " is " + text +
                                   ", outside the range of the engine's single-precision values");
         } else {
             cell = static_cast<float>(v);

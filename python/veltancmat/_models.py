@@ -63,7 +63,8 @@ class PCA(_Estimator):
     Fitted attributes (A = n_components_ kept components):
     scores_ (N x A), loadings_ (K x A), r2x_, r2x_cum_, eigenvalues_, q2_,
     q2_cum_, q2_limit_ (A each), significance_ (A codes: "R1", "R2", ...),
-    mean_ and scale_ (K, the preprocessing), components_table_ (every
+    mean_ and scale_ (K: a row is preprocessed as (x - mean_) * scale_),
+    components_table_ (every
     component fitted, the rejected one included), stop_reason_.
     """
 
