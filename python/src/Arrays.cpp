@@ -24,8 +24,9 @@ std::string Cell(const char* name, py::ssize_t i, py::ssize_t j, int ndim)
 // numbers with TypeError, before any conversion is tried on it.
 py::array Numeric(const py::handle& object, const char* name, int ndim)
 {
-    py::array array = py::isinstance<py::array>(object) ? py::reinterpret_borrow<py::array>(object)
-                                                         : py::array(py::module_::import("numpy").attr("asarray")(object));
+    py::array array = py::isinstance<py::array>(object)
+                          ? py::reinterpret_borrow<py::array>(object)
+                          : py::array(py::module_::import("numpy").attr("asarray")(object));
     const py::dtype dtype = array.dtype();
     const char kind = dtype.kind();
     if (kind != 'f' && kind != 'i' && kind != 'u' && kind != 'b')
@@ -40,7 +41,8 @@ py::array Numeric(const py::handle& object, const char* name, int ndim)
         if (array.shape(d) == 0)
             throw py::value_error(std::string(name) + " is empty (shape " +
                                   py::str(py::getattr(array, "shape")).cast<std::string>() + ")");
-    if (array.shape(0) > std::numeric_limits<int>::max() || (ndim == 2 && array.shape(1) > std::numeric_limits<int>::max()))
+    constexpr py::ssize_t largest = std::numeric_limits<int>::max();
+    if (array.shape(0) > largest || (ndim == 2 && array.shape(1) > largest))
         throw py::value_error(std::string(name) + " is too large for the engine");
     const bool exact = kind == 'f' && (dtype.itemsize() == 4 || dtype.itemsize() == 8);
     if (exact && dtype.attr("isnative").cast<bool>())

@@ -461,7 +461,8 @@ OplsModel FitOpls(NCDataMatrix<float> x, NCDataMatrix<float> y, const OplsOption
         }
         ComponentRecord stage = StageOf(next, nextCv, x, y);
         const ComponentRecord& before = fit.stages.back();
-        const bool raises = !IsMisVal(before.q2Cum) && !IsMisVal(stage.q2Cum) && stage.q2Cum - before.q2Cum >= MinQ2Gain;
+        const bool raises =
+            !IsMisVal(before.q2Cum) && !IsMisVal(stage.q2Cum) && stage.q2Cum - before.q2Cum >= MinQ2Gain;
         if (!fixed && !raises) {
             stage.significance = "not kept";
             fit.stopReason = "orthogonal component " + std::to_string(o) + " changes Q2(cum) by " +

@@ -120,10 +120,14 @@ void BindModels(py::module_& m)
         .def_property_readonly("cv_groups", [](const OplsModel& f) { return f.cvGroups; })
         .def_property_readonly("stop_reason", [](const OplsModel& f) { return f.stopReason; })
         .def_property_readonly("records", [](const OplsModel& f) { return Records(f.stages); })
-        .def_property_readonly("x_scores", [](const OplsModel& f) { return FromPrim(*f.model->GetTprim(), f.predictive); })
-        .def_property_readonly("x_weights", [](const OplsModel& f) { return FromPrim(*f.model->GetWprim(), f.predictive); })
-        .def_property_readonly("x_loadings", [](const OplsModel& f) { return FromPrim(*f.model->GetPprim(), f.predictive); })
-        .def_property_readonly("y_loadings", [](const OplsModel& f) { return FromPrim(*f.model->GetCprim(), f.predictive); })
+        .def_property_readonly("x_scores",
+                               [](const OplsModel& f) { return FromPrim(*f.model->GetTprim(), f.predictive); })
+        .def_property_readonly("x_weights",
+                               [](const OplsModel& f) { return FromPrim(*f.model->GetWprim(), f.predictive); })
+        .def_property_readonly("x_loadings",
+                               [](const OplsModel& f) { return FromPrim(*f.model->GetPprim(), f.predictive); })
+        .def_property_readonly("y_loadings",
+                               [](const OplsModel& f) { return FromPrim(*f.model->GetCprim(), f.predictive); })
         .def_property_readonly("x_ortho_scores",
                                [](const OplsModel& f) { return FromPrim(*f.model->GetTOprim(), f.orthogonal); })
         .def_property_readonly("x_ortho_weights",
@@ -141,7 +145,8 @@ void BindModels(py::module_& m)
               options.orthogonal = orthogonal;
               options.predictive = predictive.value_or(0);
               if (predictive && *predictive < 1)
-                  throw py::value_error("n_predictive=" + std::to_string(*predictive) + ": must be at least 1, or None");
+                  throw py::value_error("n_predictive=" + std::to_string(*predictive) +
+                                        ": must be at least 1, or None");
               options.scale = ScalingNamed(scale);
               options.cvGroups = cvGroups;
               NCDataMatrix<float> xData = ToMatrix(x, "X");

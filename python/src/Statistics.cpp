@@ -57,7 +57,8 @@ double FisherExact(const py::handle& table, const std::string& alternative)
         const py::array given = py::array(py::module_::import("numpy").attr("asarray")(table));
         const char kind = given.dtype().kind();
         if (kind != 'i' && kind != 'u' && kind != 'f' && kind != 'b')
-            throw py::type_error("table must hold counts; got dtype " + py::str(py::handle(given.dtype())).cast<std::string>());
+            throw py::type_error("table must hold counts; got dtype " +
+                                 py::str(py::handle(given.dtype())).cast<std::string>());
         if (given.ndim() != 2 || given.shape(0) < 2 || given.shape(1) < 2)
             throw py::value_error("table must be a 2-D array of counts with at least 2 rows and 2 columns");
         const py::array rounded = given.attr("astype")(py::dtype::of<long long>());
