@@ -6,6 +6,7 @@
 #include "veltancmat/cluster/ClusterDistances.h"
 #include "veltancmat/cluster/DendroGram.h"
 #include "veltancmat/containers/frame/MissingValue.h"
+#include "veltancmat/signal/Derivate.h"
 #include "veltancmat/spc/FisherExact.h"
 #include "veltancmat/spc/ms_shapiro_wilk.h"
 
@@ -169,6 +170,35 @@ py::array_t<double> Linkage(const py::handle& x, const std::string& method)
     return LinkageMatrix(*root, n, ward);
 }
 
+// Savitzky-Golay smoothing or derivative of a series. The engine widens a
+// window that is even or too narrow for the degree; here, as in SciPy, such
+// a window is an error, so that the window used is the one asked for.
+py::array_t<double> SavgolFilter(const py::handle& x, long window, long order, int deriv, double delta, bool edges)
+{
+    if (order < 0 || order > 20)
+        throw py::value_error("polyorder=" + std::to_string(order) + ": must be 0 to 20");
+    if (window < 1 || window % 2 == 0 || window <= order)
+        throw py::value_error("window_length=" + std::to_string(window) + ": must be odd and greater than polyorder (" +
+                              std::to_string(order) + ")");
+    if (deriv < 0 || deriv > order)
+        throw py::value_error("deriv=" + std::to_string(deriv) + ": must be 0 to polyorder (" +
+                              std::to_string(order) + ")");
+    if (!(std::isfinite(delta) && delta != 0.0))
+        throw py::value_error("delta must be finite and non-zero");
+    const NCDataVector<float> y = ToVector(x, "x");
+    if (y.size() < window)
+        throw py::value_error("x has " + std::to_string(y.size()) + " points, fewer than window_length=" +
+                              std::to_string(window));
+    NCDataVector<float> result;
+    {
+        py::gil_scoped_release release;
+        const Derivate<float> filter(static_cast<Derivate<float>::PolynomialOrder>(order),
+                                     static_cast<std::size_t>(window));
+        result = filter.DoDerivate(y, deriv, static_cast<float>(delta), edges);
+    }
+    return FromVector(result);
+}
+
 } // namespace
 
 void BindStatistics(py::module_& m)
@@ -178,6 +208,11 @@ void BindStatistics(py::module_& m)
     m.def("fisher_exact", &FisherExact, py::arg("table"), py::arg("alternative") = "two-sided",
           "p-value of Fisher's exact test of independence of a table of counts (any r x c; "
           "alternative 'less' or 'greater' for a 2 x 2 table only).");
+    m.def("savgol_filter", &SavgolFilter, py::arg("x"), py::arg("window_length"), py::arg("polyorder"),
+          py::arg("deriv") = 0, py::arg("delta") = 1.0, py::arg("edges") = true,
+          "Savitzky-Golay smoothing (deriv=0) or derivative of a 1-D series; NaN points are left out of every "
+          "window that holds them. With edges, the end points come from the first and last whole windows "
+          "(SciPy's mode='interp'), else they are NaN.");
     m.def("linkage", &Linkage, py::arg("X"), py::arg("method") = "ward",
           "Hierarchical clustering of the rows of X ('ward' or 'single'), as a SciPy linkage matrix.");
 }

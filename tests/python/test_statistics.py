@@ -101,3 +101,48 @@ class TestLinkage:
             veltancmat.linkage(np.ones((4, 2)), "average")
         with pytest.raises(ValueError, match="at least 2 rows"):
             veltancmat.linkage(np.ones((1, 2)))
+
+
+class TestSavgolFilter:
+    @pytest.fixture
+    def series(self, rng):
+        t = np.linspace(0.0, 6.0, 80)
+        return np.sin(t) + 0.1 * rng.normal(size=t.size)
+
+    @pytest.mark.parametrize("window, order, deriv", [(5, 2, 0), (11, 3, 0), (11, 3, 1), (21, 4, 2), (7, 0, 0)])
+    def test_against_scipy(self, series, window, order, deriv):
+        from scipy.signal import savgol_filter
+
+        ours = veltancmat.savgol_filter(series, window, order, deriv=deriv, delta=0.075)
+        theirs = savgol_filter(series, window, order, deriv=deriv, delta=0.075, mode="interp")
+        np.testing.assert_allclose(ours, theirs, atol=2e-5 * max(1.0, np.abs(theirs).max()))
+
+    def test_ends_without_edges_are_missing(self, series):
+        smooth = veltancmat.savgol_filter(series, 7, 2, edges=False)
+        assert np.all(np.isnan(smooth[:3])) and np.all(np.isnan(smooth[-3:]))
+        assert np.all(np.isfinite(smooth[3:-3]))
+
+    def test_gap_is_left_out_of_its_windows(self, series):
+        # A window with a gap is the least-squares polynomial of its present
+        # points, evaluated at the centre.
+        holed = series.copy()
+        holed[40] = np.nan
+        smooth = veltancmat.savgol_filter(holed, 9, 2)
+        assert np.isfinite(smooth[40])
+        for centre in (37, 40, 44):
+            offsets = np.arange(-4, 5)
+            values = holed[centre + offsets]
+            present = ~np.isnan(values)
+            fit = np.polyfit(offsets[present], values[present], 2)
+            assert smooth[centre] == pytest.approx(np.polyval(fit, 0.0), abs=1e-5)
+
+    @pytest.mark.parametrize("kwargs, message", [
+        ({"window_length": 6, "polyorder": 2}, "odd"),
+        ({"window_length": 3, "polyorder": 3}, "greater than polyorder"),
+        ({"window_length": 5, "polyorder": 2, "deriv": 3}, "deriv=3"),
+        ({"window_length": 5, "polyorder": 2, "delta": 0.0}, "delta"),
+        ({"window_length": 101, "polyorder": 2}, "fewer than window_length"),
+    ])
+    def test_refused(self, series, kwargs, message):
+        with pytest.raises(ValueError, match=message):
+            veltancmat.savgol_filter(series, **kwargs)
