@@ -114,6 +114,14 @@ class TestOPLS:
         assert model.q2_ == pytest.approx(model.stages_["q2"][model.n_orthogonal_])
         assert 0 < model.r2y_ <= 1 and model.q2_ <= model.r2y_
 
+    def test_many_orthogonal_components(self, alcohol):
+        # Four or more orthogonal components once crashed the engine (a model
+        # copy growing its component matrices).
+        x, y = alcohol
+        model = veltancmat.OPLS(n_orthogonal=6).fit(x, y)
+        assert model.n_orthogonal_ == 6 and model.x_ortho_loadings_.shape == (12, 6)
+        assert np.all(np.isfinite(model.predict(x)))
+
     def test_too_many_orthogonal_components(self, alcohol):
         x, y = alcohol
         with pytest.raises(ValueError, match="n_orthogonal=12: the data can take at most 11"):
