@@ -10,6 +10,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev libcsv-dev nlohmann-json3-dev
   clang libclang-rt-dev
+  python3-dev pybind11-dev python3-numpy python3-pytest python3-scipy python3-sklearn
 )
 
 missing=()

@@ -85,6 +85,27 @@ TEST(Matrix, ConstructionCopiesAndCounts)
     EXPECT_TRUE(Holds(assigned, {{9, 2, 3}}));
 }
 
+// A matrix grown by push_back has room for more rows; a copy shares that
+// array, and the copy's next push_back unlinks it. The unlinked array holds
+// only the rows in use, so the copy must grow it rather than write past it
+// (the OPLS model copies its component matrices this way between components).
+TEST(Matrix, PushBackOnACopyWithSpareRoom)
+{
+    Matrix grown(0, 3);
+    for (int r = 1; r <= 3; ++r)
+        grown.push_back(Vector(3, static_cast<float>(r)));
+    for (int round = 0; round < 4; ++round) {
+        Matrix copy = grown;
+        copy.push_back(Vector(3, 9.0f));
+        copy.push_back(Vector(3, -99.0f));
+        ASSERT_EQ(copy.SizeRows(), grown.SizeRows() + 2);
+        EXPECT_EQ(copy[copy.SizeRows() - 1][2], 9.0f);
+        EXPECT_EQ(copy.GetColumnMisVal(1), grown.GetColumnMisVal(1) + 1);
+        EXPECT_EQ(grown[grown.SizeRows()][1], grown.SizeRows() <= 3 ? static_cast<float>(grown.SizeRows()) : 7.0f);
+        grown.push_back(Vector(3, 7.0f));
+    }
+}
+
 TEST(Matrix, CopiesOnOtherThreads)
 {
     Matrix source(64, 16, 1.0f);

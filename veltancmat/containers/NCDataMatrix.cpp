@@ -417,10 +417,13 @@ void NCDataMatrix<T>::InsertRow(int at, const Vector& row)
     } else if (row.Size() != m_cols) {
         ThrowSize("InsertRow", "Vectors are of different size.");
     }
+    // Unlinking from a copy keeps only the rows in use, so the spare room
+    // is known only after it: a copy that inherited room for another row
+    // has none once unlinked.
+    if (m_shared)
+        UnlinkMe();
     if (m_rows + 1 > m_reservedRows)
         EnsureRowCapacity(std::max(m_rows + 1, 2 * m_reservedRows));
-    else
-        UnlinkMe();
     Vector copy(row);
     for (int i = m_rows + 1; i > at; --i)
         SwapRowStorage(m_rowArray[i], m_rowArray[i - 1]);
