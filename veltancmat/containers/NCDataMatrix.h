@@ -366,6 +366,11 @@ private:
                               Vector* result);
     static void NipalsRows(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups, int group,
                            Vector* result);
+    // NipalsRows into `scores`, then NipalsColumns on those scores into
+    // `loadings`, in one sweep over the rows: the NIPALS iterations read the
+    // matrix once instead of twice, with the same results to the bit.
+    static void NipalsRowsThenColumns(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups, int group,
+                                      Vector* scores, Vector* loadings);
     // The same behind a public member: the result and the sizes are checked
     // first, and an error names the member as called through `owner`, the
     // qualified prefix of the calling class.
@@ -374,6 +379,8 @@ private:
                                      Vector* result, const char* owner);
     static void CheckedNipalsRows(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups, int group,
                                   Vector* result, const char* owner);
+    static void CheckedNipalsRowsThenColumns(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups,
+                                             int group, Vector* scores, Vector* loadings, const char* owner);
     void GetDensityImpl(int j, const Vector& at, double bandwidth, Vector* result) const;
 
     static constexpr const char* Owner = "NCDataMatrix<FloatType>::";

@@ -121,12 +121,16 @@ int NCPCA::FitComponent(const NCDataMatrixRows<float>& e, int component, int max
     // of its own, so that a host observing new progress objects still sees it.
     std::unique_ptr<NCProgress> own;
     const CancelText aborted("Calculations of", "PC component aborted.");
-    NCDataVector<float> previous;
+    // Each sweep gives an iteration's scores and, from them, the loadings
+    // the next iteration starts from: the last sweep's are not used, but
+    // they cost arithmetic on rows already in cache rather than a read.
+    NCDataVector<float> previous, next;
+    e.SpecialNipalsRegressColumnsFix(t, &next, groups, group);
     for (int iteration = 1;; ++iteration) {
-        previous = t;
-        e.SpecialNipalsRegressColumnsFix(t, &p, groups, group);
+        std::swap(previous, t);
+        std::swap(p, next);
         p.Normalize();
-        e.SpecialNipalsRegressRowsFix(p, &t, groups, group);
+        e.NipalsRowsThenColumns(p, &t, &next, groups, group);
 
         const double x = t.Difference(previous);
         if (IsMisVal(x))
