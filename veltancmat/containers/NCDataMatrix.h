@@ -320,6 +320,7 @@ private:
     friend class NCDataVector<T>;
     template <class>
     friend class NCSVD;
+    friend struct NCNipalsDeflation;
 
     // Keeps the column counts and the total exact around an operation on
     // the cells of row i: the row's missing cells are taken out of the
@@ -379,6 +380,12 @@ private:
                                      Vector* result, const char* owner);
     static void CheckedNipalsRows(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups, int group,
                                   Vector* result, const char* owner);
+    // AddVprimV(t, p, -1.0) and, over each row as soon as it is updated, the
+    // sum of squares of the result (SumSquares) and the column projection on
+    // u (NipalsColumns), to the bit. When an updated cell lands on exactly
+    // -99 the rows' gaps change under the sums: the deflation is kept, *ss
+    // and *w are not written, and the result is false.
+    bool DeflateThenColumns(const Vector& t, const Vector& p, const Vector& u, double* ss, Vector* w);
     static void CheckedNipalsRowsThenColumns(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups,
                                              int group, Vector* scores, Vector* loadings, const char* owner);
     void GetDensityImpl(int j, const Vector& at, double bandwidth, Vector* result) const;

@@ -10,6 +10,7 @@
 #include "veltancmat/containers/NCDataMatrix.h"
 #include "veltancmat/containers/frame/NipalsRule.h"
 #include "veltancmat/containers/frame/ParallelWork.h"
+#include "veltancmat/containers/frame/RankOne.h"
 #include "veltancmat/containers/frame/Simd.h"
 
 #include <omp.h>
@@ -1052,6 +1053,75 @@ void NCDataMatrix<T>::NipalsRowsThenColumns(const NCRowTable<T>& rowTable, const
         ColumnQuotients(rowTable, sums, out, missing == 0, groups, group, loadings->GetVectorForWriting());
 }
 
+// The deflation is elementwise, so it takes the rows in whatever shares the
+// column projection gives the threads; the sums of squares and the column
+// sums then follow SumSquares and NipalsColumns row for row.
+template <class T>
+bool NCDataMatrix<T>::DeflateThenColumns(const Vector& t, const Vector& p, const Vector& u, double* ss, Vector* w)
+{
+    if (t.Size() != m_rows || p.Size() != m_cols || u.Size() != m_rows)
+        NCMatrixErrors::ThrowSize("DeflateThenColumns", "Vectors are of different size.");
+    NCMatrixErrors::CheckResult(w);
+    const int n = m_cols;
+    const int rows = m_rows;
+    if (rows == 0 || n < ShortRow) {
+        // Narrow: the responses' own kernels sum in another order.
+        AddVprimV(t, p, -1.0);
+        return false;
+    }
+    UnlinkMe();
+    const Vector loading(p);
+    const T* pv = loading.GetVector();
+    const T* tv = t.GetVector();
+    const T* uv = u.GetVector();
+    Vector* rowArray = m_rowArray;
+    const bool masked = m_numMis > 0;
+    ColumnSums sums;
+    sums.s12.assign(static_cast<std::size_t>(n) + 1, 0.0);
+    sums.gapSquares.assign(masked ? static_cast<std::size_t>(n) + 1 : 0, 0.0);
+    const ColumnBlockKernels* blocks = nullptr;
+    if constexpr (std::is_same_v<T, float>)
+        blocks = masked ? ColumnBlocksHere() : nullptr;
+    double squares = 0.0, tt = 0.0;
+    int rowsUsed = 0, landed = 0;
+#pragma omp parallel if (WorthParallel(rows, n)) reduction(+ : squares, tt, rowsUsed, landed)
+    {
+        ColumnShare<T> share(n, masked, blocks, false);
+#pragma omp for schedule(static) nowait
+        for (int i = 1; i <= rows; ++i) {
+            Vector& row = rowArray[i];
+            if (!IsMisVal(tv[i])) {
+                const int newlyMissing = RankOneUpdate(row.GetVectorForWriting(), pv, -1.0 * tv[i], n);
+                row.m_numMis += newlyMissing;
+                landed += newlyMissing;
+            }
+            if (row.HasNoMissingValues())
+                squares += DotComplete(row.GetVector(), row.GetVector(), n);
+            else if (row.HasValidValues())
+                squares += row.GetSS();
+            const T ui = uv[i];
+            if (IsMisVal(ui))
+                continue;
+            tt += static_cast<double>(ui * ui);
+            ++rowsUsed;
+            share.Add(row, ui);
+        }
+        share.AddInto(sums);
+    }
+    if (landed > 0) {
+        RecountColumns();
+        return false;
+    }
+    const NCRowTable<T> table = AllRows();
+    const bool anyValid = rows * static_cast<long long>(n) > m_numMis;
+    *ss = anyValid ? squares : dMisVal;
+    sums.tt = tt;
+    sums.rowsUsed = rowsUsed;
+    w->SetSize(n);
+    w->m_numMis = ColumnQuotients(table, sums, uv, u.HasNoMissingValues(), nullptr, 0, w->GetVectorForWriting());
+    return true;
+}
+
 template <class T>
 void NCDataMatrix<T>::CheckedNipalsRowsThenColumns(const NCRowTable<T>& rows, const Vector& p,
                                                    const IndexList* groups, int group, Vector* scores,
@@ -1080,6 +1150,7 @@ void NCDataMatrix<T>::CheckedNipalsRowsThenColumns(const NCRowTable<T>& rows, co
     template void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>&, const Vector&, const IndexList*, int, Vector*); \
     template void NCDataMatrix<T>::NipalsRowsThenColumns(const NCRowTable<T>&, const Vector&, const IndexList*, int, \
                                                          Vector*, Vector*);                                          \
+    template bool NCDataMatrix<T>::DeflateThenColumns(const Vector&, const Vector&, const Vector&, double*, Vector*); \
     template void NCDataMatrix<T>::CheckedNipalsRowsThenColumns(const NCRowTable<T>&, const Vector&,                 \
                                                                 const IndexList*, int, Vector*, Vector*,             \
                                                                 const char*);                                        \

@@ -107,7 +107,7 @@ void PCACrossValidation::ObservationRounds(const NCDataMatrix<float>& e, const N
         rest.SpecialNipalsRegressRowsFix(loading, &start);
         const int iterations = NCPCA::FitComponent(rest, 1, m_model->GetMaxIterations(), progress, nullptr, 0,
                                                    &start, p, t);
-        m_roundCells += static_cast<long long>(iterations) * rest.SizeRows() * k;
+        m_roundCells += static_cast<long long>(iterations + 1) * rest.SizeRows() * k;
         AlignSign(p, loading);
         m_pset.SetRow(r, p);
     }
@@ -138,7 +138,7 @@ void PCACrossValidation::VariableRounds(const NCDataMatrix<float>& e, const NCDa
             continue;
         const NCDataVector<float> start = e.SpecialNipalsRegressRowsFix(loading, &m_varGroups, label);
         rounds.NextComponent(progress, &m_varGroups, label, &start);
-        m_roundCells += static_cast<long long>(rounds.GetIterations()) * n * k;
+        m_roundCells += static_cast<long long>(rounds.GetIterations() + 1) * n * k;
         NCDataVector<float> p = rounds.GetPprim()->back();
         NCDataVector<float> t = rounds.GetTprim()->back();
         AlignSign(p, loading, &t);

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <exception>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace NCNipals {
@@ -32,6 +33,7 @@ struct PlsFit {
     std::span<const int> left;      // rows left out, ascending, 1-based
     std::vector<float> leftScores;  // their X scores from the latest iteration
     float movement = 0.0f;          // of the latest iteration; at or below 0 once converged
+    bool weightsReady = false;      // w already came with the start u (first iteration only)
     bool loadingsDone = false;      // p already came with the last X scores
     int iterations = 0;             // 0 while the fit iterates
     std::exception_ptr failure;     // the correlation error that stopped the fit
@@ -159,7 +161,12 @@ void IteratePls(const Projector& pass, std::span<PlsFit* const> fits, int respon
     for (PlsFit* fit : fits)
         fit->leftScores.resize(fit->left.size());
     for (int iteration = 1; !active.empty(); ++iteration) {
-        PlsPass(pass, false, true, active, u, w);
+        std::vector<PlsFit*> needWeights;
+        for (PlsFit* fit : active)
+            if (!std::exchange(fit->weightsReady, false))
+                needWeights.push_back(fit);
+        if (!needWeights.empty())
+            PlsPass(pass, false, true, std::span<PlsFit* const>(needWeights), u, w);
         eachFit([&](PlsFit& fit) {
             if (strict) {
                 try {
