@@ -1096,11 +1096,16 @@ bool NCDataMatrix<T>::DeflateThenColumns(const Vector& t, const Vector& p, const
         blocks = masked ? ColumnBlocksHere() : nullptr;
     double squares = 0.0, tt = 0.0;
     int rowsUsed = 0, landed = 0;
-#pragma omp parallel if (WorthParallel(rows, n)) reduction(+ : squares, tt, rowsUsed, landed)
+    const bool parallel = WorthParallel(rows, n);
+    const bool prefetch = WorthPrefetching<T>(rows, n, parallel);
+#pragma omp parallel if (parallel) reduction(+ : squares, tt, rowsUsed, landed)
     {
         ColumnShare<T> share(n, masked, blocks, false);
 #pragma omp for schedule(static) nowait
         for (int i = 1; i <= rows; ++i) {
+            // As in the one-sweep projection: arithmetic between the rows.
+            if (prefetch && i + SweepAhead <= rows)
+                PrefetchRow<ColumnLocality>(rowArray[i + SweepAhead].GetVector(), n);
             Vector& row = rowArray[i];
             if (!IsMisVal(tv[i])) {
                 const int newlyMissing = RankOneUpdate(row.GetVectorForWriting(), pv, -1.0 * tv[i], n);
