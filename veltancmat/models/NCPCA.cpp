@@ -121,16 +121,25 @@ int NCPCA::FitComponent(const NCDataMatrixRows<float>& e, int component, int max
     // of its own, so that a host observing new progress objects still sees it.
     std::unique_ptr<NCProgress> own;
     const CancelText aborted("Calculations of", "PC component aborted.");
-    // Each sweep gives an iteration's scores and, from them, the loadings
-    // the next iteration starts from: the last sweep's are not used, but
-    // they cost arithmetic on rows already in cache rather than a read.
+    // On complete data each sweep gives an iteration's scores and, from
+    // them, the loadings the next iteration starts from: the last sweep's
+    // are not used, but they cost arithmetic on rows already in cache rather
+    // than a read. With gaps the two passes are bound by their work per cell,
+    // which one sweep does not reduce, and measured as fast or faster
+    // (docs/performance.md); both give the same bits.
+    const bool sweep = e.GetNumMisVal() == 0;
     NCDataVector<float> previous, next;
-    e.SpecialNipalsRegressColumnsFix(t, &next, groups, group);
     for (int iteration = 1;; ++iteration) {
         std::swap(previous, t);
-        std::swap(p, next);
+        if (sweep && iteration > 1)
+            std::swap(p, next);
+        else
+            e.SpecialNipalsRegressColumnsFix(previous, &p, groups, group);
         p.Normalize();
-        e.NipalsRowsThenColumns(p, &t, &next, groups, group);
+        if (sweep)
+            e.NipalsRowsThenColumns(p, &t, &next, groups, group);
+        else
+            e.SpecialNipalsRegressRowsFix(p, &t, groups, group);
 
         const double x = t.Difference(previous);
         if (IsMisVal(x))

@@ -211,10 +211,16 @@ void NCPLS::CalculateResiduals()
     const NCDataVector<float>& t = (*m_tprim)[a];
     m_f->AddVprimV(t, (*m_cprim)[a], -1.0);
     // The next component, unless it is given a start vector, starts from
-    // the filled start column of the deflated F, and its first sweep over E
-    // (sum of squares, weights) rides along the deflation of E: that sweep
-    // would otherwise read E again right after this one wrote it.
+    // the filled start column of the deflated F, and on complete E its first
+    // sweep over E (sum of squares, weights) rides along the deflation: that
+    // sweep would otherwise read E again right after this one wrote it. With
+    // gaps the separate passes are bound by their work per cell and measured
+    // as fast (docs/performance.md).
     m_firstSweep.reset();
+    if (m_e->GetNumMisVal() > 0) {
+        m_e->AddVprimV(t, (*m_pprim)[a], -1.0);
+        return;
+    }
     FirstSweep next;
     next.u = NCNipals::FilledStartColumn(*m_f);
     if (NCNipalsDeflation::DeflateThenColumns(*m_e, t, (*m_pprim)[a], next.u, &next.ssX, &next.w))

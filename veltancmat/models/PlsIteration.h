@@ -75,6 +75,9 @@ public:
         for (std::size_t r = 0; r < in.size(); ++r)
             (y ? m_y : m_x).SpecialNipalsRegressRowsFix(*in[r], out[r]);
     }
+    // Whether ScoresAndLoadings pays: on complete X. With gaps the passes
+    // are bound by their work per cell, which one sweep does not reduce.
+    bool SweepsPay() const { return m_x.GetNumMisVal() == 0; }
     // The X scores t from the weights w and the loadings p = X't from them,
     // in one sweep over X.
     void ScoresAndLoadings(const NCDataVector<float>& w, NCDataVector<float>* t, NCDataVector<float>* p) const
@@ -185,7 +188,7 @@ void IteratePls(const Projector& pass, std::span<PlsFit* const> fits, int respon
         const bool last = responses == 1 || iteration >= maxIterations;
         const bool fuse = last && std::ranges::all_of(active, [](const PlsFit* fit) { return fit->left.empty(); });
         if constexpr (requires(PlsFit& f) { pass.ScoresAndLoadings(f.w, &f.t, &f.p); }) {
-            if (fuse) {
+            if (fuse && pass.SweepsPay()) {
                 for (PlsFit* fit : active) {
                     pass.ScoresAndLoadings(fit->w, &fit->t, &fit->p);
                     fit->loadingsDone = true;
