@@ -63,8 +63,9 @@ public:
 
     int GetGroups() const { return m_groups; }
     // Cells the rounds' NIPALS passes of the last call read: the sum over
-    // the rounds of (iterations + 1) x rows x columns (one sweep per
-    // iteration and one for the first loadings). For throughput figures.
+    // the rounds of rows x columns times (iterations + 1) on complete rows
+    // (one sweep per iteration and one for the first loadings), else times
+    // 2 x iterations. For throughput figures.
     long long GetRoundCells() const { return m_roundCells; }
 
 private:
