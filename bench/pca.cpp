@@ -6,10 +6,12 @@
 //   BM_PCA_CV      7-group cross-validation of 3 components of 2000 x 200
 //   BM_PlainPass*  the read bandwidth the iterations are compared with
 //
-// Counter nipals_bytes_per_second: every NIPALS iteration reads the matrix
-// twice (loadings from scores, scores from loadings), so it is
-// 2 x iterations x matrix bytes over the time spent in NextComponent (the
-// start column, the iterations and their convergence tests). The reported
+// Counter nipals_bytes_per_second: on complete data a component reads the
+// matrix once for its first loadings and once per NIPALS iteration (the
+// scores and, from them, the next loadings in one sweep); with gaps twice
+// per iteration (loadings from scores, scores from loadings). It is those
+// reads over the time spent in NextComponent (the start column, the
+// iterations and their convergence tests). The reported
 // time is the whole fit, with the copy of the data and the deflations. The
 // cross-validation's rate is taken likewise over the time spent in the
 // model's and the cross-validation's NextComponent, the rounds' bookkeeping
@@ -66,6 +68,12 @@ const NCDataMatrix<float>& Large(bool withMissing)
     return withMissing ? gappy : complete;
 }
 
+// Reads of the matrix in one component's NextComponent, as counted above.
+double Reads(const NCDataMatrix<float>& x, int iterations)
+{
+    return x.GetNumMisVal() == 0 ? iterations + 1.0 : 2.0 * iterations;
+}
+
 const NCDataMatrix<float>& Small()
 {
     static const NCDataMatrix<float> m = MakeTable(2000, 200, false);
@@ -106,13 +114,13 @@ void BM_PCA(benchmark::State& state)
             inIterations += iterated - start;
             fit += Clock::now() - start;
             iterations += pca.GetIterations();
+            cells += Reads(x, pca.GetIterations()) * x.SizeRows() * x.SizeColumns();
         }
         state.SetIterationTime(fit.count());
-        cells += static_cast<double>(iterations) * x.SizeRows() * x.SizeColumns();
         benchmark::DoNotOptimize(pca.GetTprim());
     }
     state.counters["nipals_iterations"] = iterations;
-    plain.Report(state, "nipals_bytes_per_second", 2.0 * cells * sizeof(float), inIterations);
+    plain.Report(state, "nipals_bytes_per_second", cells * sizeof(float), inIterations);
 }
 
 void BM_PCA_CV(benchmark::State& state)
@@ -131,7 +139,7 @@ void BM_PCA_CV(benchmark::State& state)
         for (int a = 1; a <= 3; ++a) {
             const Clock::time_point begin = Clock::now();
             pca.NextComponent(nullptr, nullptr, 0, nullptr);
-            cells += static_cast<double>(pca.GetIterations()) * x.SizeRows() * x.SizeColumns();
+            cells += Reads(x, pca.GetIterations()) * x.SizeRows() * x.SizeColumns();
             cv.NextComponent((*pca.GetPprim())[a], nullptr, a);
             inComponents += Clock::now() - begin;
             cells += static_cast<double>(cv.GetRoundCells());
@@ -140,7 +148,7 @@ void BM_PCA_CV(benchmark::State& state)
         benchmark::DoNotOptimize(cv.GetQ2TotCum());
         state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
     }
-    plain.Report(state, "nipals_bytes_per_second", 2.0 * cells * sizeof(float), inComponents);
+    plain.Report(state, "nipals_bytes_per_second", cells * sizeof(float), inComponents);
 }
 
 } // namespace

@@ -320,6 +320,7 @@ private:
     friend class NCDataVector<T>;
     template <class>
     friend class NCSVD;
+    friend struct NCNipalsDeflation;
 
     // Keeps the column counts and the total exact around an operation on
     // the cells of row i: the row's missing cells are taken out of the
@@ -366,6 +367,11 @@ private:
                               Vector* result);
     static void NipalsRows(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups, int group,
                            Vector* result);
+    // NipalsRows into `scores`, then NipalsColumns on those scores into
+    // `loadings`, in one sweep over the rows: the NIPALS iterations read the
+    // matrix once instead of twice, with the same results to the bit.
+    static void NipalsRowsThenColumns(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups, int group,
+                                      Vector* scores, Vector* loadings);
     // The same behind a public member: the result and the sizes are checked
     // first, and an error names the member as called through `owner`, the
     // qualified prefix of the calling class.
@@ -374,6 +380,14 @@ private:
                                      Vector* result, const char* owner);
     static void CheckedNipalsRows(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups, int group,
                                   Vector* result, const char* owner);
+    // AddVprimV(t, p, -1.0) and, over each row as soon as it is updated, the
+    // sum of squares of the result (SumSquares) and the column projection on
+    // u (NipalsColumns), to the bit. When an updated cell lands on exactly
+    // -99 the rows' gaps change under the sums: the deflation is kept, *ss
+    // and *w are not written, and the result is false.
+    bool DeflateThenColumns(const Vector& t, const Vector& p, const Vector& u, double* ss, Vector* w);
+    static void CheckedNipalsRowsThenColumns(const NCRowTable<T>& rows, const Vector& p, const IndexList* groups,
+                                             int group, Vector* scores, Vector* loadings, const char* owner);
     void GetDensityImpl(int j, const Vector& at, double bandwidth, Vector* result) const;
 
     static constexpr const char* Owner = "NCDataMatrix<FloatType>::";

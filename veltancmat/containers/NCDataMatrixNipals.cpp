@@ -10,6 +10,7 @@
 #include "veltancmat/containers/NCDataMatrix.h"
 #include "veltancmat/containers/frame/NipalsRule.h"
 #include "veltancmat/containers/frame/ParallelWork.h"
+#include "veltancmat/containers/frame/RankOne.h"
 #include "veltancmat/containers/frame/Simd.h"
 
 #include <omp.h>
@@ -206,6 +207,14 @@ bool WorthParallel(long long rows, long long cols)
 // fast or faster than any distance asked for (docs/performance.md).
 constexpr int ColumnAhead = 8;
 constexpr int ColumnLocality = 1; // prefetcht2
+
+// The one-sweep projection alternates reading a row for its score with
+// arithmetic on rows already in cache, and the hardware prefetcher, which
+// serves the row projection alone well, then leaves the memory idle in
+// between. It asks for the row sixteen ahead into the second-level cache:
+// with gaps, where the sweep's arithmetic is heaviest, that was faster than
+// eight ahead, than the first-level cache, and than not asking.
+constexpr int SweepAhead = 16;
 
 // A thread's share of a matrix this small stays in its second-level cache
 // between passes (as in the rounds of a cross-validation), and asking for
@@ -742,8 +751,16 @@ private:
         m_nextScores[static_cast<std::size_t>(m_pending)] = ti;
         if (++m_pending < FlushEvery)
             return;
+        if (!m_prefetch) {
+            // Nothing to ask ahead for: the block is summed while its rows
+            // are still in the first-level cache (the fused sweep has just
+            // read them for their scores).
+            SumBlock(FlushEvery, m_nextRows, m_nextScores, nullptr);
+            m_pending = 0;
+            return;
+        }
         if (m_blockReady)
-            SumBlock(FlushEvery, m_blockRows, m_blockScores, m_prefetch ? m_nextRows.data() : nullptr);
+            SumBlock(FlushEvery, m_blockRows, m_blockScores, m_nextRows.data());
         std::swap(m_blockRows, m_nextRows);
         std::swap(m_blockScores, m_nextScores);
         m_blockReady = true;
@@ -839,19 +856,18 @@ std::vector<int> GapsInUsedRows(const NCRowTable<T>& rowTable, const T* tv, bool
 
 } // namespace
 
+namespace {
+
+// The loadings from the column sums: sum / divisor per column, the divisor
+// reduced by the squares that met a gap wherever the column or the scores
+// have one. Returns how many loadings are missing.
 template <class T>
-void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>& rowTable, const Vector& t, const IndexList* groups,
-                                    int group, Vector* result)
+int ColumnQuotients(const NCRowTable<T>& rowTable, const ColumnSums& sums, const T* tv, bool tComplete,
+                    const NCIntegralVector<int, -99>* groups, int group, T* out)
 {
     const int n = rowTable.cols;
-    const T* tv = t.GetVector();
-    const bool tComplete = t.HasNoMissingValues();
     const bool masked = rowTable.missing > 0;
-    const ColumnSums sums = SumColumns(rowTable, tv, masked);
     const std::vector<int> gaps = masked ? GapsInUsedRows(rowTable, tv, tComplete) : std::vector<int>();
-
-    result->SetSize(n);
-    T* out = result->GetVectorForWriting();
     const int* columnMissing = rowTable.columnMissing;
     const int* labels = groups ? groups->GetPtr() : nullptr;
     int missing = 0;
@@ -863,10 +879,69 @@ void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>& rowTable, const Vector&
             pairs = sums.rowsUsed - gaps[j];
         }
         const bool excluded = labels && labels[j] == group;
-        out[j] = excluded ? MisVal : NipalsQuotient<T>(sums.s12[j], d, pairs);
+        out[j] = excluded ? NCMisVal<T> : NipalsQuotient<T>(sums.s12[j], d, pairs);
         missing += IsMisVal(out[j]) ? 1 : 0;
     }
-    result->m_numMis = missing;
+    return missing;
+}
+
+// A loading as the row kernels want it: missing and excluded entries zero,
+// their squares zero, and a presence flag per variable.
+template <class T>
+struct RowLoading {
+    std::vector<T> pv, p2;
+    std::vector<int> present;
+    double pp = 0.0;
+    int presentInP = 0;
+    bool pComplete = false;
+
+    RowLoading(const NCDataVector<T>& p, const NCIntegralVector<int, -99>* groups, int group, int n)
+        : pv(static_cast<std::size_t>(n) + 1, T(0)), p2(static_cast<std::size_t>(n) + 1, T(0)),
+          present(static_cast<std::size_t>(n) + 1, 0)
+    {
+        const int* labels = groups ? groups->GetPtr() : nullptr;
+        for (int j = 1; j <= n; ++j) {
+            if (IsMisVal(p[j]) || (labels && labels[j] == group))
+                continue;
+            pv[static_cast<std::size_t>(j)] = p[j];
+            p2[static_cast<std::size_t>(j)] = p[j] * p[j];
+            present[static_cast<std::size_t>(j)] = 1;
+            pp += static_cast<double>(p2[static_cast<std::size_t>(j)]);
+            ++presentInP;
+        }
+        pComplete = presentInP == n;
+    }
+
+    // The score of one row at least ShortRow wide.
+    inline __attribute__((always_inline)) T Score(const NCDataVector<T>& row, int n) const
+    {
+        const T* x = row.GetVector();
+        double sum = 0.0, d = pp;
+        int pairs = presentInP;
+        if (row.HasNoMissingValues()) {
+            sum = DotComplete(x, pv.data(), n);
+        } else {
+            double gapSquares = 0.0;
+            sum = DotMasked(x, pv.data(), p2.data(), n, gapSquares);
+            d = NipalsDivisor(pp, pp - gapSquares);
+            pairs -= pComplete ? row.GetNumMisVal() : GapPairs(x, present.data(), n);
+        }
+        return NipalsQuotient<T>(sum, d, pairs);
+    }
+};
+
+} // namespace
+
+template <class T>
+void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>& rowTable, const Vector& t, const IndexList* groups,
+                                    int group, Vector* result)
+{
+    const int n = rowTable.cols;
+    const T* tv = t.GetVector();
+    const ColumnSums sums = SumColumns(rowTable, tv, rowTable.missing > 0);
+    result->SetSize(n);
+    result->m_numMis =
+        ColumnQuotients(rowTable, sums, tv, t.HasNoMissingValues(), groups, group, result->GetVectorForWriting());
 }
 
 template <class T>
@@ -906,56 +981,174 @@ template <class T>
 void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>& rowTable, const Vector& p, const IndexList* groups, int group,
                                  Vector* result)
 {
-    // The loading as the kernels want it: missing and excluded entries
-    // zero, their squares zero, and a presence flag per variable.
     const int n = rowTable.cols;
     const int rows = rowTable.count;
-    std::vector<T> pv(static_cast<std::size_t>(n) + 1, T(0));
-    std::vector<T> p2(static_cast<std::size_t>(n) + 1, T(0));
-    std::vector<int> present(static_cast<std::size_t>(n) + 1, 0);
-    const int* labels = groups ? groups->GetPtr() : nullptr;
-    double pp = 0.0;
-    int presentInP = 0;
-    for (int j = 1; j <= n; ++j) {
-        if (IsMisVal(p[j]) || (labels && labels[j] == group))
-            continue;
-        pv[j] = p[j];
-        p2[j] = p[j] * p[j];
-        present[j] = 1;
-        pp += static_cast<double>(p2[j]);
-        ++presentInP;
-    }
-    const bool pComplete = presentInP == n;
-
+    const RowLoading<T> loading(p, groups, group, n);
     result->SetSize(rows);
     T* out = result->GetVectorForWriting();
     int missing = 0;
     [[maybe_unused]] const bool parallel = WorthParallel(rows, n);
     if (n < ShortRow) {
 #pragma omp parallel if (parallel) reduction(+ : missing)
-        missing += ShortRowKernels<T>[static_cast<std::size_t>(n)](rowTable, pv.data(), p2.data(), present.data(), pp,
-                                                                   presentInP, out);
+        missing += ShortRowKernels<T>[static_cast<std::size_t>(n)](rowTable, loading.pv.data(), loading.p2.data(),
+                                                                   loading.present.data(), loading.pp,
+                                                                   loading.presentInP, out);
         result->m_numMis = missing;
         return;
     }
 #pragma omp parallel for if (parallel) schedule(static) reduction(+ : missing)
     for (int i = 1; i <= rows; ++i) {
-        const Vector& row = rowTable[i];
-        const T* x = row.GetVector();
-        double sum = 0.0, d = pp;
-        int pairs = presentInP;
-        if (row.HasNoMissingValues()) {
-            sum = DotComplete(x, pv.data(), n);
-        } else {
-            double gapSquares = 0.0;
-            sum = DotMasked(x, pv.data(), p2.data(), n, gapSquares);
-            d = NipalsDivisor(pp, pp - gapSquares);
-            pairs -= pComplete ? row.GetNumMisVal() : GapPairs(x, present.data(), n);
-        }
-        out[i] = NipalsQuotient<T>(sum, d, pairs);
+        out[i] = loading.Score(rowTable[i], n);
         missing += IsMisVal(out[i]) ? 1 : 0;
     }
     result->m_numMis = missing;
+}
+
+// Each thread takes the same rows, in the same order, as the two passes
+// would give it, computes a row's score and adds the row times that score
+// into its column sums at once, grouped into blocks exactly as the column
+// pass groups them: the results are those of the two passes to the bit,
+// and the matrix is read once instead of twice.
+template <class T>
+void NCDataMatrix<T>::NipalsRowsThenColumns(const NCRowTable<T>& rowTable, const Vector& p, const IndexList* groups,
+                                            int group, Vector* scores, Vector* loadings)
+{
+    const int n = rowTable.cols;
+    const int rows = rowTable.count;
+    if (n < ShortRow) {
+        // The responses of PLS: narrow enough that both passes stay cheap,
+        // and their row kernel sums in another order.
+        NipalsRows(rowTable, p, groups, group, scores);
+        NipalsColumns(rowTable, *scores, groups, group, loadings);
+        return;
+    }
+    const RowLoading<T> loading(p, groups, group, n);
+    const bool masked = rowTable.missing > 0;
+    ColumnSums sums;
+    sums.s12.assign(static_cast<std::size_t>(n) + 1, 0.0);
+    sums.gapSquares.assign(masked ? static_cast<std::size_t>(n) + 1 : 0, 0.0);
+    const ColumnBlockKernels* blocks = nullptr;
+    if constexpr (std::is_same_v<T, float>)
+        blocks = masked ? ColumnBlocksHere() : nullptr;
+
+    scores->SetSize(rows);
+    T* out = scores->GetVectorForWriting();
+    double tt = 0.0;
+    int rowsUsed = 0, missing = 0;
+    const bool parallel = WorthParallel(rows, n);
+    const bool prefetch = WorthPrefetching<T>(rows, n, parallel);
+#pragma omp parallel if (parallel) reduction(+ : tt, rowsUsed, missing)
+    {
+        ColumnShare<T> share(n, masked, blocks, false);
+#pragma omp for schedule(static) nowait
+        for (int i = 1; i <= rows; ++i) {
+            if (prefetch && i + SweepAhead <= rows)
+                PrefetchRow<ColumnLocality>(rowTable[i + SweepAhead].GetVector(), n);
+            const Vector& row = rowTable[i];
+            const T ti = loading.Score(row, n);
+            out[i] = ti;
+            if (IsMisVal(ti)) {
+                ++missing;
+                continue;
+            }
+            tt += static_cast<double>(ti * ti);
+            ++rowsUsed;
+            share.Add(row, ti);
+        }
+        share.AddInto(sums);
+    }
+    scores->m_numMis = missing;
+    sums.tt = tt;
+    sums.rowsUsed = rowsUsed;
+    loadings->SetSize(n);
+    loadings->m_numMis =
+        ColumnQuotients(rowTable, sums, out, missing == 0, groups, group, loadings->GetVectorForWriting());
+}
+
+// The deflation is elementwise, so it takes the rows in whatever shares the
+// column projection gives the threads; the sums of squares and the column
+// sums then follow SumSquares and NipalsColumns row for row.
+template <class T>
+bool NCDataMatrix<T>::DeflateThenColumns(const Vector& t, const Vector& p, const Vector& u, double* ss, Vector* w)
+{
+    if (t.Size() != m_rows || p.Size() != m_cols || u.Size() != m_rows)
+        NCMatrixErrors::ThrowSize("DeflateThenColumns", "Vectors are of different size.");
+    NCMatrixErrors::CheckResult(w);
+    const int n = m_cols;
+    const int rows = m_rows;
+    if (rows == 0 || n < ShortRow) {
+        // Narrow: the responses' own kernels sum in another order.
+        AddVprimV(t, p, -1.0);
+        return false;
+    }
+    UnlinkMe();
+    const Vector loading(p);
+    const T* pv = loading.GetVector();
+    const T* tv = t.GetVector();
+    const T* uv = u.GetVector();
+    Vector* rowArray = m_rowArray;
+    const bool masked = m_numMis > 0;
+    ColumnSums sums;
+    sums.s12.assign(static_cast<std::size_t>(n) + 1, 0.0);
+    sums.gapSquares.assign(masked ? static_cast<std::size_t>(n) + 1 : 0, 0.0);
+    const ColumnBlockKernels* blocks = nullptr;
+    if constexpr (std::is_same_v<T, float>)
+        blocks = masked ? ColumnBlocksHere() : nullptr;
+    double squares = 0.0, tt = 0.0;
+    int rowsUsed = 0, landed = 0;
+    const bool parallel = WorthParallel(rows, n);
+    const bool prefetch = WorthPrefetching<T>(rows, n, parallel);
+#pragma omp parallel if (parallel) reduction(+ : squares, tt, rowsUsed, landed)
+    {
+        ColumnShare<T> share(n, masked, blocks, false);
+#pragma omp for schedule(static) nowait
+        for (int i = 1; i <= rows; ++i) {
+            // As in the one-sweep projection: arithmetic between the rows.
+            if (prefetch && i + SweepAhead <= rows)
+                PrefetchRow<ColumnLocality>(rowArray[i + SweepAhead].GetVector(), n);
+            Vector& row = rowArray[i];
+            if (!IsMisVal(tv[i])) {
+                const int newlyMissing = RankOneUpdate(row.GetVectorForWriting(), pv, -1.0 * tv[i], n);
+                row.m_numMis += newlyMissing;
+                landed += newlyMissing;
+            }
+            if (row.HasNoMissingValues())
+                squares += DotComplete(row.GetVector(), row.GetVector(), n);
+            else if (row.HasValidValues())
+                squares += row.GetSS();
+            const T ui = uv[i];
+            if (IsMisVal(ui))
+                continue;
+            tt += static_cast<double>(ui * ui);
+            ++rowsUsed;
+            share.Add(row, ui);
+        }
+        share.AddInto(sums);
+    }
+    if (landed > 0) {
+        RecountColumns();
+        return false;
+    }
+    const NCRowTable<T> table = AllRows();
+    const bool anyValid = rows * static_cast<long long>(n) > m_numMis;
+    *ss = anyValid ? squares : dMisVal;
+    sums.tt = tt;
+    sums.rowsUsed = rowsUsed;
+    w->SetSize(n);
+    w->m_numMis = ColumnQuotients(table, sums, uv, u.HasNoMissingValues(), nullptr, 0, w->GetVectorForWriting());
+    return true;
+}
+
+template <class T>
+void NCDataMatrix<T>::CheckedNipalsRowsThenColumns(const NCRowTable<T>& rows, const Vector& p,
+                                                   const IndexList* groups, int group, Vector* scores,
+                                                   Vector* loadings, const char* owner)
+{
+    NCMatrixErrors::CheckResult(scores);
+    NCMatrixErrors::CheckResult(loadings);
+    if (p.Size() != rows.cols || (groups && groups->Size() != rows.cols))
+        NCMatrixErrors::ThrowSizeIn(owner, "NipalsRowsThenColumns", "Vectors are of different size.");
+    NipalsRowsThenColumns(rows, p, groups, group, scores, loadings);
 }
 
 #define VELTAN_INSTANTIATE_NIPALS(T)                                                                                  \
@@ -972,6 +1165,12 @@ void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>& rowTable, const Vector& p,
     template void NCDataMatrix<T>::NipalsColumns(const NCRowTable<T>&, const Vector&, const IndexList*, int,         \
                                                  Vector*);                                                           \
     template void NCDataMatrix<T>::NipalsRows(const NCRowTable<T>&, const Vector&, const IndexList*, int, Vector*); \
+    template void NCDataMatrix<T>::NipalsRowsThenColumns(const NCRowTable<T>&, const Vector&, const IndexList*, int, \
+                                                         Vector*, Vector*);                                          \
+    template bool NCDataMatrix<T>::DeflateThenColumns(const Vector&, const Vector&, const Vector&, double*, Vector*); \
+    template void NCDataMatrix<T>::CheckedNipalsRowsThenColumns(const NCRowTable<T>&, const Vector&,                 \
+                                                                const IndexList*, int, Vector*, Vector*,             \
+                                                                const char*);                                        \
     template void NCDataMatrix<T>::CheckedNipalsColumns(const NCRowTable<T>&, const Vector&, const IndexList*, int,  \
                                                         Vector*, const char*);                                       \
     template void NCDataMatrix<T>::CheckedNipalsRows(const NCRowTable<T>&, const Vector&, const IndexList*, int,     \

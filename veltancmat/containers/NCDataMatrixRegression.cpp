@@ -4,28 +4,13 @@
 
 #include "veltancmat/containers/MatrixErrors.h"
 #include "veltancmat/containers/NCDataMatrix.h"
+#include "veltancmat/containers/frame/RankOne.h"
 #include "veltancmat/containers/frame/Simd.h"
 
 #include <utility>
 #include <vector>
 
 namespace {
-
-// x[j] += f * p[j] where both are present; returns how many cells became
-// exactly -99 (which then reads as missing like any other -99).
-template <class T>
-VELTAN_SIMD_CLONES int RankOneUpdate(T* x, const T* p, double f, int n)
-{
-    int landed = 0;
-#pragma omp simd reduction(+ : landed)
-    for (int j = 1; j <= n; ++j) {
-        const bool both = !IsMisVal(x[j]) && !IsMisVal(p[j]);
-        const T updated = static_cast<T>(x[j] + f * p[j]);
-        x[j] = both ? updated : x[j];
-        landed += (both && IsMisVal(updated)) ? 1 : 0;
-    }
-    return landed;
-}
 
 template <class T>
 VELTAN_SIMD_CLONES void AccumulateSquares(double* ss, const T* x, int n)

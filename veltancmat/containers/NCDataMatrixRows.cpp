@@ -74,6 +74,13 @@ void NCDataMatrixRows<T>::SpecialNipalsRegressRowsFix(const Vector& p, Vector* r
 }
 
 template <class T>
+void NCDataMatrixRows<T>::NipalsRowsThenColumns(const Vector& p, Vector* scores, Vector* loadings,
+                                                const IndexList* groups, int group) const
+{
+    NCDataMatrix<T>::CheckedNipalsRowsThenColumns(m_table, p, groups, group, scores, loadings, Owner);
+}
+
+template <class T>
 NCDataMatrix<T> NCDataMatrixRows<T>::ToMatrix() const
 {
     if (m_pick.empty())

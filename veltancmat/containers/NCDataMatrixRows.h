@@ -43,6 +43,12 @@ public:
                                         int group = 0) const;
     void SpecialNipalsRegressRowsFix(const Vector& p, Vector* result, const IndexList* groups = nullptr,
                                      int group = 0) const;
+    // SpecialNipalsRegressRowsFix on p into `scores`, then
+    // SpecialNipalsRegressColumnsFix on those scores into `loadings`, with
+    // the same results to the bit, reading each row once for both: a NIPALS
+    // iteration's scores and the next iteration's loadings in one sweep.
+    void NipalsRowsThenColumns(const Vector& p, Vector* scores, Vector* loadings, const IndexList* groups = nullptr,
+                               int group = 0) const;
 
     // The selected rows as a matrix of their own (shared, not copied, rows).
     NCDataMatrix<T> ToMatrix() const;

@@ -10,6 +10,7 @@
 
 #include <array>
 #include <memory>
+#include <optional>
 
 class NCError;
 
@@ -120,12 +121,21 @@ private:
         NCDataVector<float> w, p, t, u, c;
         int iterations = 0;
     };
+    // A component's first sweep over E: the sum of squares of E and the
+    // weights from the start scores u. CalculateResiduals takes it within
+    // the deflation, for the start the next component would take without a
+    // start vector.
+    struct FirstSweep {
+        NCDataVector<float> u, w;
+        double ssX = 0.0;
+    };
     // Fits one component of the rows `e` of X on the rows `f` of Y by the
     // iteration the cross-validation rounds share (PlsIteration.h);
     // `component` is its number in the correlation error and progress text.
+    // `first`, when given, is used if the fit starts from exactly its u.
     static Component FitComponent(const NCDataMatrixRows<float>& e, const NCDataMatrixRows<float>& f, int component,
                                   int maxIterations, NCProgress* progress, const NCDataVector<float>* start,
-                                  bool quiet, bool strict);
+                                  bool quiet, bool strict, const FirstSweep* first = nullptr);
     static NCDataVector<float> StartScores(const NCDataMatrixRows<float>& e, const NCDataMatrixRows<float>& f,
                                            const NCDataVector<float>* start);
     void EmptyComponents();
@@ -145,4 +155,7 @@ private:
     int m_maxIterations = 0;
     int m_iterations = 0;
     mutable bool m_streaming = false;
+    // Valid for E and F as CalculateResiduals left them; anything else that
+    // changes either drops it (copies start without one).
+    std::optional<FirstSweep> m_firstSweep;
 };

@@ -28,6 +28,14 @@ void AlignSign(NCDataVector<float>& v, const NCDataVector<float>& reference, NCD
     }
 }
 
+// Reads of the rows by NCPCA::FitComponent in `iterations` iterations: one
+// sweep per iteration and one for the first loadings on complete rows, two
+// passes per iteration with gaps.
+long long NipalsReads(int missing, int iterations)
+{
+    return missing == 0 ? iterations + 1LL : 2LL * iterations;
+}
+
 } // namespace
 
 PCACrossValidation::PCACrossValidation(NCPCA* model, int groups, const IndexList* observationGroups,
@@ -107,7 +115,7 @@ void PCACrossValidation::ObservationRounds(const NCDataMatrix<float>& e, const N
         rest.SpecialNipalsRegressRowsFix(loading, &start);
         const int iterations = NCPCA::FitComponent(rest, 1, m_model->GetMaxIterations(), progress, nullptr, 0,
                                                    &start, p, t);
-        m_roundCells += static_cast<long long>(iterations) * rest.SizeRows() * k;
+        m_roundCells += NipalsReads(rest.GetNumMisVal(), iterations) * rest.SizeRows() * k;
         AlignSign(p, loading);
         m_pset.SetRow(r, p);
     }
@@ -138,7 +146,7 @@ void PCACrossValidation::VariableRounds(const NCDataMatrix<float>& e, const NCDa
             continue;
         const NCDataVector<float> start = e.SpecialNipalsRegressRowsFix(loading, &m_varGroups, label);
         rounds.NextComponent(progress, &m_varGroups, label, &start);
-        m_roundCells += static_cast<long long>(rounds.GetIterations()) * n * k;
+        m_roundCells += NipalsReads(e.GetNumMisVal(), rounds.GetIterations()) * n * k;
         NCDataVector<float> p = rounds.GetPprim()->back();
         NCDataVector<float> t = rounds.GetTprim()->back();
         AlignSign(p, loading, &t);

@@ -62,9 +62,10 @@ public:
     static float GetQ2Lim(int a, bool centred, int observations, int variables);
 
     int GetGroups() const { return m_groups; }
-    // Cells the rounds' NIPALS iterations of the last call went through:
-    // the sum over the rounds of iterations x rows x columns (each iteration
-    // reads them twice). For throughput figures.
+    // Cells the rounds' NIPALS passes of the last call read: the sum over
+    // the rounds of rows x columns times (iterations + 1) on complete rows
+    // (one sweep per iteration and one for the first loadings), else times
+    // 2 x iterations. For throughput figures.
     long long GetRoundCells() const { return m_roundCells; }
 
 private:

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <exception>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace NCNipals {
@@ -32,6 +33,8 @@ struct PlsFit {
     std::span<const int> left;      // rows left out, ascending, 1-based
     std::vector<float> leftScores;  // their X scores from the latest iteration
     float movement = 0.0f;          // of the latest iteration; at or below 0 once converged
+    bool weightsReady = false;      // w already came with the start u (first iteration only)
+    bool loadingsDone = false;      // p already came with the last X scores
     int iterations = 0;             // 0 while the fit iterates
     std::exception_ptr failure;     // the correlation error that stopped the fit
 };
@@ -71,6 +74,15 @@ public:
     {
         for (std::size_t r = 0; r < in.size(); ++r)
             (y ? m_y : m_x).SpecialNipalsRegressRowsFix(*in[r], out[r]);
+    }
+    // Whether ScoresAndLoadings pays: on complete X. With gaps the passes
+    // are bound by their work per cell, which one sweep does not reduce.
+    bool SweepsPay() const { return m_x.GetNumMisVal() == 0; }
+    // The X scores t from the weights w and the loadings p = X't from them,
+    // in one sweep over X.
+    void ScoresAndLoadings(const NCDataVector<float>& w, NCDataVector<float>* t, NCDataVector<float>* p) const
+    {
+        m_x.NipalsRowsThenColumns(w, t, p);
     }
 
 private:
@@ -152,7 +164,12 @@ void IteratePls(const Projector& pass, std::span<PlsFit* const> fits, int respon
     for (PlsFit* fit : fits)
         fit->leftScores.resize(fit->left.size());
     for (int iteration = 1; !active.empty(); ++iteration) {
-        PlsPass(pass, false, true, active, u, w);
+        std::vector<PlsFit*> needWeights;
+        for (PlsFit* fit : active)
+            if (!std::exchange(fit->weightsReady, false))
+                needWeights.push_back(fit);
+        if (!needWeights.empty())
+            PlsPass(pass, false, true, std::span<PlsFit* const>(needWeights), u, w);
         eachFit([&](PlsFit& fit) {
             if (strict) {
                 try {
@@ -165,7 +182,23 @@ void IteratePls(const Projector& pass, std::span<PlsFit* const> fits, int respon
             fit.w.Normalize();
         });
         std::erase_if(active, [](const PlsFit* fit) { return fit->failure != nullptr; });
-        PlsPass(pass, false, false, active, w, t);
+        // When this is surely the last iteration (one response, or the
+        // limit), a projector that can takes the loadings in the same sweep
+        // as the scores. Left-out rows would have to leave t first.
+        const bool last = responses == 1 || iteration >= maxIterations;
+        const bool fuse = last && std::ranges::all_of(active, [](const PlsFit* fit) { return fit->left.empty(); });
+        if constexpr (requires(PlsFit& f) { pass.ScoresAndLoadings(f.w, &f.t, &f.p); }) {
+            if (fuse && pass.SweepsPay()) {
+                for (PlsFit* fit : active) {
+                    pass.ScoresAndLoadings(fit->w, &fit->t, &fit->p);
+                    fit->loadingsDone = true;
+                }
+            } else {
+                PlsPass(pass, false, false, active, w, t);
+            }
+        } else {
+            PlsPass(pass, false, false, active, w, t);
+        }
         eachFit([](PlsFit& fit) {
             if (!fit.left.empty()) {
                 for (std::size_t s = 0; s < fit.left.size(); ++s)
@@ -194,8 +227,14 @@ void IteratePls(const Projector& pass, std::span<PlsFit* const> fits, int respon
 template <class Projector>
 void PlsLoadings(const Projector& pass, std::span<PlsFit* const> fits)
 {
+    std::vector<PlsFit*> pending;
+    for (PlsFit* fit : fits)
+        if (!fit->loadingsDone)
+            pending.push_back(fit);
+    if (pending.empty())
+        return;
     PlsPass(
-        pass, false, true, fits, [](PlsFit& f) -> NCDataVector<float>& { return f.t; },
+        pass, false, true, std::span<PlsFit* const>(pending), [](PlsFit& f) -> NCDataVector<float>& { return f.t; },
         [](PlsFit& f) -> NCDataVector<float>& { return f.p; });
 }
 
