@@ -64,17 +64,11 @@ void CheckOptions(const SmoothOptions& o)
 // The named column as a series, row by row; data errors name file and column.
 SmoothedColumn SeriesOf(const DataTable& table, const std::string& name)
 {
-    const int variable = ColumnNamed(table, name, "--column");
-    const ColumnValues present = ColumnOf(table, variable);
-    if (!present.problem.empty())
-        throw ToolError(present.problem);
-    if (present.values.empty())
-        throw ToolError(table.Where(0, variable) + ": no value is present");
+    ColumnSeries series = SeriesNamed(table, name, "no value is present");
     SmoothedColumn column;
-    column.name = present.name;
-    const NCDataVector<float> values = table.values.GetColumn(variable);
-    column.input.assign(values.begin(), values.end());
-    column.missingIn = values.GetNumMisVal();
+    column.name = std::move(series.name);
+    column.input = std::move(series.values);
+    column.missingIn = series.missing;
     return column;
 }
 

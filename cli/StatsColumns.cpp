@@ -87,6 +87,18 @@ std::string Figure(double v, int digits, const std::string& absent)
     return text;
 }
 
+ColumnSeries SeriesNamed(const DataTable& table, const std::string& name, const std::string& whenEmpty)
+{
+    const int variable = ColumnNamed(table, name, "--column");
+    const ColumnValues present = ColumnOf(table, variable);
+    if (!present.problem.empty())
+        throw ToolError(present.problem);
+    if (present.values.empty())
+        throw ToolError(table.Where(0, variable) + ": " + whenEmpty);
+    const NCDataVector<float> values = table.values.GetColumn(variable);
+    return {present.name, std::vector<float>(values.begin(), values.end()), values.GetNumMisVal()};
+}
+
 StatsJson JsonFigure(double v) { return Computed(v) ? StatsJson(v) : StatsJson(nullptr); }
 
 std::string FinishStatsJson(StatsJson& doc, const std::vector<WrittenFile>& files)

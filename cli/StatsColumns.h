@@ -39,6 +39,17 @@ struct ColumnValues {
 };
 ColumnValues ColumnOf(const DataTable& table, int variable);
 
+// A named column read as a series, row by row, with its missing cells (-99)
+// in place for the library to fill. Text in it, or a column without a
+// single number ("<file>: column C (\"name\"): " + whenEmpty), is refused
+// with a ToolError; an unknown name is a usage error naming --column.
+struct ColumnSeries {
+    std::string name;
+    std::vector<float> values;
+    int missing = 0;
+};
+ColumnSeries SeriesNamed(const DataTable& table, const std::string& name, const std::string& whenEmpty);
+
 // A number typed after `option` (--lsl 9.5). A usage error for text, for a
 // value that is not finite, and for -99, which the library reads as "not
 // given".

@@ -54,18 +54,12 @@ std::string DetrendPhrase(FFT::DetrendMode mode)
 // library to interpolate, but text or a column without a number is refused.
 WaveletColumn SeriesOf(const DataTable& table, const std::string& name)
 {
-    const int j = ColumnNamed(table, name, "--column");
-    const ColumnValues column = ColumnOf(table, j);
-    if (!column.problem.empty())
-        throw ToolError(column.problem);
-    if (column.values.empty())
-        throw ToolError(table.Where(0, j) + ": every value is missing");
-    WaveletColumn c;
-    c.name = column.name;
-    const NCDataVector<float> values = table.values.GetColumn(j);
-    c.input.assign(values.begin(), values.end());
-    c.missing = values.GetNumMisVal();
-    return c;
+    ColumnSeries series = SeriesNamed(table, name, "every value is missing");
+    WaveletColumn column;
+    column.name = std::move(series.name);
+    column.input = std::move(series.values);
+    column.missing = series.missing;
+    return column;
 }
 
 // The rows rounded down and up to powers of two, for the message that
