@@ -13,6 +13,7 @@
 #include <cmath>
 #include <initializer_list>
 #include <limits>
+#include <span>
 #include <tuple>
 #include <type_traits>
 #include <vector>
@@ -23,12 +24,15 @@ using Results = std::vector<double>;
 // A result, its reference value and the allowed difference, under a name.
 using Check = std::tuple<const char*, double, double, double>;
 
-template <class T, std::size_t N>
-NCDataVector<T> FromArray(const float (&values)[N], int n = static_cast<int>(N))
+// The first n values of a reference array (all of them by default).
+template <class T>
+NCDataVector<T> FromArray(std::span<const float> values, int n = -1)
 {
-    NCDataVector<T> v(n);
-    for (int i = 1; i <= n; ++i)
-        v(i, static_cast<T>(values[i - 1]));
+    const std::span<const float> used = n < 0 ? values : values.first(static_cast<std::size_t>(n));
+    NCDataVector<T> v(static_cast<int>(used.size()));
+    int i = 0;
+    for (const float value : used)
+        v(++i, static_cast<T>(value));
     return v;
 }
 

@@ -55,9 +55,10 @@ bool Load(const std::string& bytes, Matrix<T>& m)
 
 std::string Patched(std::string bytes, std::size_t at, std::int32_t value)
 {
-    for (int k = 0; k < 4; ++k)
-        bytes.at(at + k) = static_cast<char>(static_cast<std::uint32_t>(value) >> (8 * k));
-    return bytes;
+    std::array<char, 4> little{};
+    for (std::size_t k = 0; k < little.size(); ++k)
+        little[k] = static_cast<char>(static_cast<std::uint32_t>(value) >> (8 * k));
+    return bytes.replace(at, little.size(), little.data(), little.size());
 }
 
 // Same sizes and cells, and the same counts: rows', columns', total.
