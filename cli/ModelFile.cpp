@@ -121,6 +121,29 @@ void ResetBlock(const std::unique_ptr<NCTransform>& transform, const NCScale& sc
     scale.QvStreamableReset();
 }
 
+bool RegressionBlocks::WriteBlocks(OutputStreamDirectory& directory) const
+{
+    const bool ok = WriteBlock(directory, 0, variables, transform, scale);
+    return WriteBlock(directory, 3, responses, yTransform, yScale) && ok;
+}
+
+bool RegressionBlocks::ReadBlocks(InputStreamDirectory& directory)
+{
+    return ReadBlock(directory, 0, variables, transform, scale) &&
+           ReadBlock(directory, 3, responses, yTransform, yScale);
+}
+
+bool RegressionBlocks::BlocksFit() const
+{
+    return BlockFits(variables, transform, scale) && BlockFits(responses, yTransform, yScale);
+}
+
+void RegressionBlocks::ResetBlocks() const
+{
+    ResetBlock(transform, scale);
+    ResetBlock(yTransform, yScale);
+}
+
 bool WriteNames(const std::vector<std::string>& names, std::ostream& out)
 {
     const auto count = static_cast<std::uint32_t>(names.size());

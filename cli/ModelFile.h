@@ -15,7 +15,7 @@ namespace veltan_cli {
 // What the tool's model files (one stream record each) have in common.
 
 // The X and Y blocks of a regression's model file: the variables' names,
-// their transforms and their scaling.
+// their transforms and their scaling, as the directory's entries 0 to 5.
 struct RegressionBlocks {
     std::vector<std::string> variables;      // X
     std::unique_ptr<NCTransform> transform;  // X; null: none transformed
@@ -23,6 +23,12 @@ struct RegressionBlocks {
     std::vector<std::string> responses;      // Y
     std::unique_ptr<NCTransform> yTransform; // Y; null: none transformed
     NCScale yScale;                          // Y
+
+    bool WriteBlocks(OutputStreamDirectory& directory) const;
+    bool ReadBlocks(InputStreamDirectory& directory);
+    // Whether both blocks read agree with themselves (BlockFits).
+    bool BlocksFit() const;
+    void ResetBlocks() const;
 };
 
 // The record plumbing of a model file: its header (magic and the one

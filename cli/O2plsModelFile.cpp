@@ -45,8 +45,7 @@ O2plsModelFile::O2plsModelFile() : ModelFileRecord(MyStreamableData, FileVersion
 
 void O2plsModelFile::ResetParts() const
 {
-    ResetBlock(transform, scale);
-    ResetBlock(yTransform, yScale);
+    ResetBlocks();
     for (const NCDataMatrix<float>* m : {&wprim, &cprim, &btu, &but, &woxprim, &poxprim, &woyprim, &poyprim})
         m->QvStreamableReset();
 }
@@ -54,8 +53,7 @@ void O2plsModelFile::ResetParts() const
 bool O2plsModelFile::Write(std::ostream& out) const
 {
     OutputStreamDirectory directory(out, EntryCount);
-    bool ok = WriteBlock(directory, 0, variables, transform, scale);
-    ok = WriteBlock(directory, 3, responses, yTransform, yScale) && ok;
+    bool ok = WriteBlocks(directory);
     unsigned short entry = Wprim;
     for (const NCDataMatrix<float>* m : {&wprim, &cprim, &btu, &but, &woxprim, &poxprim, &woyprim, &poyprim})
         ok = (directory.GetOutput(entry++) << *m).good() && ok;
@@ -68,8 +66,7 @@ bool O2plsModelFile::Read(std::istream& in)
     InputStreamDirectory directory(in);
     O2plsModelFile read;
     std::int32_t joint = 0, fitted = 0;
-    if (!ReadBlock(directory, 0, read.variables, read.transform, read.scale) ||
-        !ReadBlock(directory, 3, read.responses, read.yTransform, read.yScale))
+    if (!read.ReadBlocks(directory))
         return false;
     unsigned short entry = Wprim;
     for (NCDataMatrix<float>* m :
@@ -78,19 +75,13 @@ bool O2plsModelFile::Read(std::istream& in)
             return false;
     if (!ReadCounts(directory, Counts, joint, fitted) || !directory.Close())
         return false;
-    if (!BlockFits(read.variables, read.transform, read.scale) ||
-        !BlockFits(read.responses, read.yTransform, read.yScale) || !ModelFits(read, joint))
+    if (!read.BlocksFit() || !ModelFits(read, joint))
         return false;
     const int k = static_cast<int>(read.variables.size()), m = static_cast<int>(read.responses.size());
     for (auto [matrix, width] : {std::pair{&read.wprim, k}, std::pair{&read.woxprim, k}, std::pair{&read.poxprim, k},
                                  std::pair{&read.cprim, m}, std::pair{&read.woyprim, m}, std::pair{&read.poyprim, m}})
         Widen(*matrix, width);
-    variables = std::move(read.variables);
-    transform = std::move(read.transform);
-    scale = read.scale;
-    responses = std::move(read.responses);
-    yTransform = std::move(read.yTransform);
-    yScale = read.yScale;
+    RegressionBlocks::operator=(std::move(read));
     wprim = std::move(read.wprim);
     cprim = std::move(read.cprim);
     btu = std::move(read.btu);

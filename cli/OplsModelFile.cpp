@@ -73,8 +73,7 @@ OplsModelFile::OplsModelFile() : ModelFileRecord(MyStreamableData, FileVersion) 
 
 void OplsModelFile::ResetParts() const
 {
-    ResetBlock(transform, scale);
-    ResetBlock(yTransform, yScale);
+    ResetBlocks();
     for (const MatrixList* list : {&wList, &pList, &cList})
         for (const NCDataMatrix<float>& m : *list)
             m.QvStreamableReset();
@@ -85,8 +84,7 @@ void OplsModelFile::ResetParts() const
 bool OplsModelFile::Write(std::ostream& out) const
 {
     OutputStreamDirectory directory(out, EntryCount);
-    bool ok = WriteBlock(directory, 0, variables, transform, scale);
-    ok = WriteBlock(directory, 3, responses, yTransform, yScale) && ok;
+    bool ok = WriteBlocks(directory);
     ok = WriteMatrices(wList, directory.GetOutput(WList)) && ok;
     ok = WriteMatrices(pList, directory.GetOutput(PList)) && ok;
     ok = WriteMatrices(cList, directory.GetOutput(CList)) && ok;
@@ -102,28 +100,20 @@ bool OplsModelFile::Read(std::istream& in)
     InputStreamDirectory directory(in);
     OplsModelFile read;
     std::int32_t kept = 0, fitted = 0;
-    if (!ReadBlock(directory, 0, read.variables, read.transform, read.scale) ||
-        !ReadBlock(directory, 3, read.responses, read.yTransform, read.yScale) ||
-        !ReadMatrices(directory.GetRequiredInput(WList), read.wList) ||
+    if (!read.ReadBlocks(directory) || !ReadMatrices(directory.GetRequiredInput(WList), read.wList) ||
         !ReadMatrices(directory.GetRequiredInput(PList), read.pList) ||
         !ReadMatrices(directory.GetRequiredInput(CList), read.cList) ||
         !(directory.GetRequiredInput(WOprim) >> read.woprim) || !(directory.GetRequiredInput(POprim) >> read.poprim) ||
         !(directory.GetRequiredInput(COprim) >> read.coprim) || !ReadCounts(directory, Counts, kept, fitted) ||
         !directory.Close())
         return false;
-    if (!BlockFits(read.variables, read.transform, read.scale) ||
-        !BlockFits(read.responses, read.yTransform, read.yScale) || !ModelFits(read, kept))
+    if (!read.BlocksFit() || !ModelFits(read, kept))
         return false;
     const int k = static_cast<int>(read.variables.size()), m = static_cast<int>(read.responses.size());
     Widen(read.woprim, k);
     Widen(read.poprim, k);
     Widen(read.coprim, m);
-    variables = std::move(read.variables);
-    transform = std::move(read.transform);
-    scale = read.scale;
-    responses = std::move(read.responses);
-    yTransform = std::move(read.yTransform);
-    yScale = read.yScale;
+    RegressionBlocks::operator=(std::move(read));
     wList = std::move(read.wList);
     pList = std::move(read.pList);
     cList = std::move(read.cList);

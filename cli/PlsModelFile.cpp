@@ -12,16 +12,14 @@ PlsModelFile::PlsModelFile() : ModelFileRecord(MyStreamableData, FileVersion) {}
 
 void PlsModelFile::ResetParts() const
 {
-    ResetBlock(transform, scale);
-    ResetBlock(yTransform, yScale);
+    ResetBlocks();
     pls.QvStreamableReset();
 }
 
 bool PlsModelFile::Write(std::ostream& out) const
 {
     OutputStreamDirectory directory(out, 9);
-    bool ok = WriteBlock(directory, 0, variables, transform, scale);
-    ok = WriteBlock(directory, 3, responses, yTransform, yScale) && ok;
+    bool ok = WriteBlocks(directory);
     directory.GetOutput(6) << pls;
     ok = WriteCounts(directory, 7) && ok;
     return directory.Close() && ok && out.good();
@@ -45,26 +43,16 @@ bool ModelFits(const NCPLS& pls, int kept, int k, int m)
 bool PlsModelFile::Read(std::istream& in)
 {
     InputStreamDirectory directory(in);
-    std::vector<std::string> readVariables, readResponses;
-    std::unique_ptr<NCTransform> readTransform, readYTransform;
-    NCScale readScale, readYScale;
+    RegressionBlocks blocks;
     NCPLS readPls;
     std::int32_t kept = 0, fitted = 0;
-    if (!ReadBlock(directory, 0, readVariables, readTransform, readScale) ||
-        !ReadBlock(directory, 3, readResponses, readYTransform, readYScale) ||
-        !(directory.GetRequiredInput(6) >> readPls) || !ReadCounts(directory, 7, kept, fitted) ||
-        !directory.Close())
+    if (!blocks.ReadBlocks(directory) || !(directory.GetRequiredInput(6) >> readPls) ||
+        !ReadCounts(directory, 7, kept, fitted) || !directory.Close())
         return false;
-    if (!BlockFits(readVariables, readTransform, readScale) ||
-        !BlockFits(readResponses, readYTransform, readYScale) ||
-        !ModelFits(readPls, kept, static_cast<int>(readVariables.size()), static_cast<int>(readResponses.size())))
+    if (!blocks.BlocksFit() ||
+        !ModelFits(readPls, kept, static_cast<int>(blocks.variables.size()), static_cast<int>(blocks.responses.size())))
         return false;
-    variables = std::move(readVariables);
-    transform = std::move(readTransform);
-    scale = readScale;
-    responses = std::move(readResponses);
-    yTransform = std::move(readYTransform);
-    yScale = readYScale;
+    RegressionBlocks::operator=(std::move(blocks));
     pls = readPls;
     return KeepCounts(kept, fitted, in);
 }
