@@ -27,7 +27,6 @@ namespace {
 constexpr int MaxOrder = 12;
 // A plot marks each value up to this many rows; longer series are drawn as
 // a thin line, which stays readable and keeps the file small.
-constexpr std::size_t MaxPlotPoints = 2000;
 
 ToolError Usage(const std::string& message) { return ToolError(message, ExitUsage); }
 
@@ -179,12 +178,6 @@ void PrintReport(std::ostream& out, const SmoothResult& r)
     PrintNotes(out, r);
 }
 
-// A float result as JSON: its shortest decimal, not the double it widens to.
-StatsJson JsonFloat(double v)
-{
-    return Computed(v) ? StatsJson(std::strtod(Figure(v, 9).c_str(), nullptr)) : StatsJson(nullptr);
-}
-
 std::string ResultName(const SmoothResult& r, const SmoothedColumn& c)
 {
     return c.name + (r.derivative == 0 ? "_smoothed" : "_d" + std::to_string(r.derivative));
@@ -224,26 +217,11 @@ std::string SmoothJson(const SmoothResult& r, const std::vector<WrittenFile>& fi
                         {"min", JsonFloat(low)}, {"max", JsonFloat(high)}};
         if (r.derivative == 0)
             entry["rms_removed"] = JsonFigure(RmsRemoved(c));
-        StatsJson values = StatsJson::array();
-        for (float v : c.result)
-            values.push_back(JsonFloat(v));
-        entry["values"] = values;
+        entry["values"] = JsonFloats(c.result);
         columns.push_back(entry);
     }
     doc["columns"] = columns;
     return FinishStatsJson(doc, files);
-}
-
-PlotSeries Along(PlotSeries::Kind kind, const std::string& name, const std::vector<float>& values)
-{
-    PlotSeries s;
-    s.kind = kind;
-    s.name = name;
-    for (std::size_t i = 0; i < values.size(); ++i) {
-        s.x.push_back(static_cast<double>(i + 1));
-        s.y.push_back(PlotCoordinate(values[i]));
-    }
-    return s;
 }
 
 PlotPanel ColumnPanel(const SmoothResult& r, const SmoothedColumn& c)
@@ -254,10 +232,10 @@ PlotPanel ColumnPanel(const SmoothResult& r, const SmoothedColumn& c)
     const std::string fit = "window " + std::to_string(r.window) + ", " + OrderName(r.order);
     if (r.derivative == 0) {
         const bool marks = c.input.size() <= MaxPlotPoints;
-        PlotSeries values = Along(marks ? PlotSeries::Kind::Points : PlotSeries::Kind::Line, c.name, c.input);
+        PlotSeries values = AlongRows(marks ? PlotSeries::Kind::Points : PlotSeries::Kind::Line, c.name, c.input);
         values.colour = "#9e9e9e";
         panel.series.push_back(std::move(values));
-        panel.series.push_back(Along(PlotSeries::Kind::Line, "smoothed (" + fit + ")", c.result));
+        panel.series.push_back(AlongRows(PlotSeries::Kind::Line, "smoothed (" + fit + ")", c.result));
         panel.yTitle = c.name;
     } else {
         PlotSeries zero;
@@ -267,7 +245,7 @@ PlotPanel ColumnPanel(const SmoothResult& r, const SmoothedColumn& c)
         zero.dashed = true;
         zero.colour = "#9e9e9e";
         panel.series.push_back(std::move(zero));
-        panel.series.push_back(Along(PlotSeries::Kind::Line, WhatIsComputed(r.derivative) + " (" + fit + ")",
+        panel.series.push_back(AlongRows(PlotSeries::Kind::Line, WhatIsComputed(r.derivative) + " (" + fit + ")",
                                      c.result));
         std::string what = WhatIsComputed(r.derivative);
         what[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(what[0])));

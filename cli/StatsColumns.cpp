@@ -5,9 +5,11 @@
 
 #include "veltancmat/containers/frame/MissingValue.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 
 namespace veltan_cli {
 
@@ -100,6 +102,41 @@ ColumnSeries SeriesNamed(const DataTable& table, const std::string& name, const 
 }
 
 StatsJson JsonFigure(double v) { return Computed(v) ? StatsJson(v) : StatsJson(nullptr); }
+
+StatsJson JsonFloat(double v)
+{
+    return Computed(v) ? StatsJson(std::strtod(Figure(v, 9).c_str(), nullptr)) : StatsJson(nullptr);
+}
+
+StatsJson JsonFloats(const std::vector<float>& values)
+{
+    StatsJson list = StatsJson::array();
+    for (const float v : values)
+        list.push_back(JsonFloat(v));
+    return list;
+}
+
+PlotSeries AlongRows(PlotSeries::Kind kind, const std::string& name, const std::vector<float>& values)
+{
+    PlotSeries s;
+    s.kind = kind;
+    s.name = name;
+    const std::size_t n = values.size();
+    const std::size_t stretch = (n + MaxPlotPoints - 1) / MaxPlotPoints;
+    for (std::size_t first = 0; first < n; first += stretch) {
+        const std::size_t last = std::min(n, first + stretch);
+        double sum = 0.0;
+        int present = 0;
+        for (std::size_t i = first; i < last; ++i)
+            if (!IsMisVal(values[i])) {
+                sum += values[i];
+                ++present;
+            }
+        s.x.push_back(0.5 * static_cast<double>(first + 1 + last));
+        s.y.push_back(present > 0 ? sum / present : std::nan(""));
+    }
+    return s;
+}
 
 std::string FinishStatsJson(StatsJson& doc, const std::vector<WrittenFile>& files)
 {

@@ -2,6 +2,7 @@
 
 #include "cli/CsvTable.h"
 #include "cli/RunSkeleton.h"
+#include "cli/SvgPlot.h"
 
 #include <nlohmann/json.hpp>
 
@@ -64,6 +65,17 @@ std::string Figure(double v, int digits = 6, const std::string& absent = "-");
 
 // A result for a JSON document: null when it was not computed.
 StatsJson JsonFigure(double v);
+// A float result likewise, as its shortest decimal rather than the double
+// it widens to; and a series of them.
+StatsJson JsonFloat(double v);
+StatsJson JsonFloats(const std::vector<float>& values);
+
+// A series is drawn through at most this many points.
+constexpr std::size_t MaxPlotPoints = 2000;
+// `values` (-99 missing) over the rows 1..n: every row when there are at
+// most MaxPlotPoints, else the means of MaxPlotPoints stretches at their
+// centres, so that a plot of a million rows stays small and readable.
+PlotSeries AlongRows(PlotSeries::Kind kind, const std::string& name, const std::vector<float>& values);
 
 // The document's "files" and its text.
 std::string FinishStatsJson(StatsJson& doc, const std::vector<WrittenFile>& files);

@@ -26,7 +26,6 @@ namespace {
 // lines through at most this many points per curve (each point the mean
 // of its stretch of rows), which keeps the file small and the figure the
 // same to the eye.
-constexpr std::size_t MaxPlotPoints = 2000;
 
 const std::map<std::string, FFT::DetrendMode> DetrendNames{
     {"none", FFT::DetrendNone}, {"mean", FFT::DetrendMean}, {"linear", FFT::DetrendLinear}};
@@ -254,11 +253,6 @@ void WriteDenoisedCsv(std::ostream& file, const WaveletResult& r)
     }
 }
 
-StatsJson JsonFloat(double v)
-{
-    return Computed(v) ? StatsJson(std::strtod(Figure(v, 9).c_str(), nullptr)) : StatsJson(nullptr);
-}
-
 std::string WaveletJson(const WaveletResult& r, const WaveletOptions& o, const std::vector<WrittenFile>& files)
 {
     StatsJson doc;
@@ -282,47 +276,18 @@ std::string WaveletJson(const WaveletResult& r, const WaveletOptions& o, const s
         for (double s : c.shares)
             shares.push_back(JsonFigure(s));
         entry["energy"] = shares;
-        StatsJson values = StatsJson::array();
         if (o.denoise) {
             entry["threshold"] = JsonFigure(c.threshold);
             entry["sigma"] = JsonFigure(c.sigma);
             entry["kept"] = c.kept;
-            for (float v : c.curve)
-                values.push_back(JsonFloat(v));
-            entry["denoised"] = values;
+            entry["denoised"] = JsonFloats(c.curve);
         } else {
-            for (float v : c.coefficients)
-                values.push_back(JsonFloat(v));
-            entry["coefficients"] = values;
+            entry["coefficients"] = JsonFloats(c.coefficients);
         }
         columns.push_back(entry);
     }
     doc["columns"] = columns;
     return FinishStatsJson(doc, files);
-}
-
-// values as a line over the rows 1..n: every row when there are few, else
-// the means of MaxPlotPoints stretches at their centres.
-PlotSeries Along(PlotSeries::Kind kind, const std::string& name, const std::vector<float>& values)
-{
-    PlotSeries s;
-    s.kind = kind;
-    s.name = name;
-    const std::size_t n = values.size();
-    const std::size_t stretch = (n + MaxPlotPoints - 1) / MaxPlotPoints;
-    for (std::size_t first = 0; first < n; first += stretch) {
-        const std::size_t last = std::min(n, first + stretch);
-        double sum = 0.0;
-        int present = 0;
-        for (std::size_t i = first; i < last; ++i)
-            if (!IsMisVal(values[i])) {
-                sum += values[i];
-                ++present;
-            }
-        s.x.push_back(0.5 * static_cast<double>(first + 1 + last));
-        s.y.push_back(present > 0 ? sum / present : std::nan(""));
-    }
-    return s;
 }
 
 PlotPanel SeriesPanel(const WaveletResult& r, const WaveletOptions& o, const WaveletColumn& c)
@@ -332,13 +297,13 @@ PlotPanel SeriesPanel(const WaveletResult& r, const WaveletOptions& o, const Wav
     panel.xTitle = "row";
     panel.yTitle = c.name;
     const bool marks = c.input.size() <= MaxPlotPoints;
-    PlotSeries values = Along(marks ? PlotSeries::Kind::Points : PlotSeries::Kind::Line, c.name, c.input);
+    PlotSeries values = AlongRows(marks ? PlotSeries::Kind::Points : PlotSeries::Kind::Line, c.name, c.input);
     values.colour = "#9e9e9e";
     panel.series.push_back(std::move(values));
     const std::string curve = o.denoise ? std::string(*o.denoise == Wavelet::SoftThreshold ? "soft" : "hard") +
                                               "-thresholded (" + r.filterName + ")"
                                         : "smooth of level " + std::to_string(r.levels) + " (" + r.filterName + ")";
-    panel.series.push_back(Along(PlotSeries::Kind::Line, curve, c.curve));
+    panel.series.push_back(AlongRows(PlotSeries::Kind::Line, curve, c.curve));
     panel.title = c.name + (o.denoise ? ": denoised" : ": the smooth") +
                   (c.missing > 0 ? ", " + Plural(c.missing, "missing value") + " interpolated" : "");
     return panel;
