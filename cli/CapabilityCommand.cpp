@@ -251,7 +251,7 @@ class CapabilityCommand final : public TableCommand<CapabilityOptions> {
             "capability", "Process capability of one column against specification limits: Cp, Cpk, Cpu, Cpl, Cpm, "
                           "the parts per million outside the limits (observed, and expected for a normal "
                           "distribution) and a Shapiro-Wilk check.");
-        AddDataArgument(command, m_options.data, "CSV table (header row, optional name column)")->required();
+        AddTableArgument(command, m_options.data)->required();
         command.add_option("--column", m_options.column, "The column to study")->type_name("NAME")->required();
         command.add_option("--lsl", m_options.lsl, "Lower specification limit")->type_name("X");
         command.add_option("--usl", m_options.usl, "Upper specification limit")->type_name("X");

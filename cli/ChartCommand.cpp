@@ -568,10 +568,7 @@ class ChartCommand final : public TableCommand<ChartOptions> {
         CLI::App& command = *tool.add_subcommand(
             "chart", "Draw a control chart of one column: its centre line and limits, and the subgroups the run "
                      "rules or the chart's limits flag.");
-        AddDataArgument(command, m_options.data,
-                        "CSV table: a header row of variable names, an optional first column of observation names; "
-                        "empty cells, NA and -99 are missing")
-            ->required();
+        AddTableArgument(command, m_options.data)->required();
         command.add_option("--column", m_options.column, "The column to chart")->type_name("NAME")->required();
         command
             .add_option("--type", m_type,

@@ -518,10 +518,7 @@ class ClusterCommand final : public TableCommand<ClusterOptions> {
         CLI::App& command = *tool.add_subcommand(
             "cluster", "Hierarchical clustering of the observations: merge the two nearest clusters until one is "
                        "left, report the highest merges and the clusters of a cut.");
-        AddDataArgument(command, m_options.data,
-                        "CSV table: a header row of variable names, an optional first column of observation names; "
-                        "empty cells, NA and -99 are missing")
-            ->required();
+        AddTableArgument(command, m_options.data)->required();
         command
             .add_option("--method", m_options.method,
                         "ward (increase of the error sum of squares), ward-sqrt (its square root), single (single "

@@ -26,6 +26,18 @@ CLI::Option* AddDataArgument(CLI::App& command, std::string& path, const std::st
     return command.add_option("data", path, help)->type_name("DATA");
 }
 
+CLI::Option* AddTableArgument(CLI::App& command, std::string& path)
+{
+    return AddDataArgument(command, path,
+                           "CSV table: a header row of variable names, an optional first column of observation "
+                           "names; empty cells, NA and -99 are missing");
+}
+
+CLI::Option* AddColumnsOption(CLI::App& command, std::vector<std::string>& columns, const std::string& help)
+{
+    return command.add_option("--column", columns, help)->type_name("NAME")->allow_extra_args(false)->required();
+}
+
 void AddNamesOption(CLI::App& command, std::string& mode)
 {
     command

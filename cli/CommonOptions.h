@@ -23,6 +23,13 @@ NamesColumn NamesColumnNamed(const std::string& name);
 // The DATA positional (a CSV table); the caller adds ->required() when the
 // command has no bundled table to fall back on.
 CLI::Option* AddDataArgument(CLI::App& command, std::string& path, const std::string& help);
+// The same for a table of variables, with the help every such command
+// gives: its layout and which cells are missing.
+CLI::Option* AddTableArgument(CLI::App& command, std::string& path);
+
+// --column NAME, repeatable and required, for the commands that read the
+// columns they are given.
+CLI::Option* AddColumnsOption(CLI::App& command, std::vector<std::string>& columns, const std::string& help);
 
 // --names auto|first|none.
 void AddNamesOption(CLI::App& command, std::string& mode);

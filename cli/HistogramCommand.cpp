@@ -140,12 +140,8 @@ class HistogramCommand final : public TableCommand<HistogramOptions> {
         CLI::App& command = *tool.add_subcommand(
             "histogram", "Frequency histograms of one or more columns over one set of rounded bins, so that they "
                          "can be compared bin by bin.");
-        AddDataArgument(command, m_options.data, "CSV table (header row, optional name column)")->required();
-        command
-            .add_option("--column", m_options.columns, "A column to count (repeatable; all share the bins)")
-            ->type_name("NAME")
-            ->allow_extra_args(false)
-            ->required();
+        AddTableArgument(command, m_options.data)->required();
+        AddColumnsOption(command, m_options.columns, "A column to count (repeatable; all share the bins)");
         AddNamesOption(command, m_names);
         AddOutputOption(command, "--out", m_options.outPath, "Write one row per bin (centre, edges, counts) as CSV");
         AddOutputOption(command, "--plot", m_options.plotPath, "Draw the histograms overlaid as SVG", "FILE.svg");

@@ -154,7 +154,7 @@ class NormalityCommand final : public TableCommand<NormalityOptions> {
         CLI::App& command = *tool.add_subcommand(
             "normality", "Shapiro-Wilk test of normality of each column: W, its p-value and, where the test cannot "
                          "be done, why.");
-        AddDataArgument(command, m_options.data, "CSV table (header row, optional name column)")->required();
+        AddTableArgument(command, m_options.data)->required();
         command
             .add_option("--column", m_options.columns, "Test the column NAME (repeatable; default: every column "
                                                         "holding numbers)")

@@ -200,9 +200,7 @@ class PcaCommand final : public TableCommand<PcaOptions> {
         CLI::App& command = *tool.add_subcommand(
             "pca", "Fit a PCA model, one cross-validated component at a time, and print its component table. "
                    "Without DATA, the bundled wine data set is analysed.");
-        AddDataArgument(command, m_options.data,
-                        "CSV table: a header row of variable names, an optional first column of observation names; "
-                        "empty cells, NA and -99 are missing");
+        AddTableArgument(command, m_options.data);
         AddComponentsOption(command, m_options.components);
         AddCvGroupsOption(command, m_options.cvGroups);
         AddScaleOption(command, m_scale, "Column scaling: uv (unit variance), pareto, center, none");

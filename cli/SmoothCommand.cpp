@@ -261,11 +261,8 @@ class SmoothCommand final : public TableCommand<SmoothOptions> {
     {
         CLI::App& command = *tool.add_subcommand(
             "smooth", "Savitzky-Golay smoothing or derivatives of series: a polynomial fitted to a moving window.");
-        AddDataArgument(command, m_options.data, "CSV table (header row, optional name column)")->required();
-        command.add_option("--column", m_options.columns, "A column holding a series (repeatable)")
-            ->type_name("NAME")
-            ->allow_extra_args(false)
-            ->required();
+        AddTableArgument(command, m_options.data)->required();
+        AddColumnsOption(command, m_options.columns, "A column holding a series (repeatable)");
         command.add_option("--window", m_options.window, "Points per window (made odd and above the order)")
             ->type_name("W")
             ->required();

@@ -349,14 +349,8 @@ class SpectrumCommand final : public TableCommand<SpectrumOptions> {
         CLI::App& command = *tool.add_subcommand(
             "spectrum", "Autocorrelation, cross-correlation or power spectrum of one or more columns read as series "
                         "(missing values interpolated), through fast Fourier transforms.");
-        AddDataArgument(command, m_options.data,
-                        "CSV table: a header row of variable names, an optional first column of observation names; "
-                        "empty cells, NA and -99 are missing")
-            ->required();
-        command.add_option("--column", m_options.columns, "A column to analyse (repeatable)")
-            ->type_name("NAME")
-            ->allow_extra_args(false)
-            ->required();
+        AddTableArgument(command, m_options.data)->required();
+        AddColumnsOption(command, m_options.columns, "A column to analyse (repeatable)");
         command.add_option("--acf", m_acf, "Autocorrelation at lags 0..MAXLAG")->type_name("MAXLAG");
         command.add_option("--ccf", m_options.other, "Cross-correlation of each column with this one")
             ->type_name("OTHER");

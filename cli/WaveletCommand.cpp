@@ -390,14 +390,8 @@ class WaveletCommand final : public TableCommand<WaveletOptions> {
         CLI::App& command = *tool.add_subcommand(
             "wavelet", "Periodic discrete wavelet transform of columns read as series (a power of two of rows, "
                        "missing values interpolated): energy per level, coefficients, denoising.");
-        AddDataArgument(command, m_options.data,
-                        "CSV table: a header row of variable names, an optional first column of observation names; "
-                        "empty cells, NA and -99 are missing")
-            ->required();
-        command.add_option("--column", m_options.columns, "A column to transform (repeatable)")
-            ->type_name("NAME")
-            ->allow_extra_args(false)
-            ->required();
+        AddTableArgument(command, m_options.data)->required();
+        AddColumnsOption(command, m_options.columns, "A column to transform (repeatable)");
         command
             .add_option("--filter", m_options.filter,
                         "Beylkin, CoifletN (N 1-5), DaubechiesN (N taps, 4-20 even), SymmletN (N 4-10) or "
