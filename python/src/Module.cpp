@@ -177,7 +177,6 @@ PYBIND11_MODULE(_core, m)
     // wheel's build prefix is not; the package points it at the folder it
     // finds beside itself (see __init__.py).
     m.attr("_installed_catalogues") = VELTAN_PYTHON_CATALOGUES;
-    m.def("_use_catalogues", [](const std::string& folder) {
-        MessageCatalog::SetLanguage(MessageCatalog::GetLanguage(), folder);
-    });
+    m.def("_use_catalogues",
+          [](const std::string& folder) { MessageCatalog::SetLanguage(MessageCatalog::GetLanguage(), folder); });
 }

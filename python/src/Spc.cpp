@@ -72,10 +72,9 @@ struct ChartRequest {
     bool runRules = false;
 };
 
-ChartRequest Request(const std::string& chart, std::optional<int> subgroup, bool byTime,
-                     std::optional<double> interval, std::optional<double> target, std::optional<double> sigma,
-                     std::optional<double> lambda, const std::optional<std::string>& ewma,
-                     const std::optional<std::string>& rules)
+ChartRequest Request(const std::string& chart, std::optional<int> subgroup, bool byTime, std::optional<double> interval,
+                     std::optional<double> target, std::optional<double> sigma, std::optional<double> lambda,
+                     const std::optional<std::string>& ewma, const std::optional<std::string>& rules)
 {
     ChartRequest r;
     const auto named = ChartNames.find(chart);
@@ -163,10 +162,9 @@ Series ReadSeries(const py::handle& x, const py::handle& times, const ChartReque
         if (IsMisVal(s.times[i]))
             continue;
         if (previous > 0 && (ascending ? s.times[i] < s.times[previous] : s.times[i] > s.times[previous]))
-            throw py::value_error(std::string(timesName) + "[" + std::to_string(i - 1) + "] is " +
-                                  Shown(s.times[i]) + ", after " + Shown(s.times[previous]) + " at [" +
-                                  std::to_string(previous - 1) + "]; the times must " +
-                                  (ascending ? "ascend" : "descend for a negative interval"));
+            throw py::value_error(std::string(timesName) + "[" + std::to_string(i - 1) + "] is " + Shown(s.times[i]) +
+                                  ", after " + Shown(s.times[previous]) + " at [" + std::to_string(previous - 1) +
+                                  "]; the times must " + (ascending ? "ascend" : "descend for a negative interval"));
         previous = i;
     }
     return s;
@@ -308,10 +306,10 @@ void Signals(ChartResult& out, const ChartRequest& r)
         return;
     }
     const bool cusum = r.type == ControlChartEnum::CuSum;
-    out.rules = cusum ? std::vector<std::string>{"upper CuSum above the decision interval H",
-                                                 "lower CuSum above the decision interval H"}
-                      : std::vector<std::string>{"EWMA above the upper control limit",
-                                                 "EWMA below the lower control limit"};
+    out.rules =
+        cusum ? std::vector<std::string>{"upper CuSum above the decision interval H",
+                                         "lower CuSum above the decision interval H"}
+              : std::vector<std::string>{"EWMA above the upper control limit", "EWMA below the lower control limit"};
     const NCDataVector<float>& high = cusum ? out.upper : out.ewma;
     for (int i = 1; i <= high.Size(); ++i) {
         if (cusum) {
@@ -434,8 +432,7 @@ py::dict ControlChartOf(const py::handle& x, const std::string& chart, std::opti
                         const std::optional<std::string>& ewma, const std::optional<std::string>& rules,
                         const py::handle& reference, const py::handle& referenceTimes)
 {
-    const ChartRequest r =
-        Request(chart, subgroup, !times.is_none(), interval, target, sigma, lambda, ewma, rules);
+    const ChartRequest r = Request(chart, subgroup, !times.is_none(), interval, target, sigma, lambda, ewma, rules);
     const Series series = ReadSeries(x, times, r, "x", "times");
     std::optional<Series> limits;
     if (!reference.is_none())
@@ -460,8 +457,7 @@ NCDataVector<float> Present(const py::handle& x, const char* name, int atLeast, 
         if (!IsMisVal(all[i]))
             present.push_back(all[i]);
     if (static_cast<int>(present.size()) < atLeast)
-        throw py::value_error(std::string(name) + " has " + std::to_string(present.size()) + " present values; " +
-                              why);
+        throw py::value_error(std::string(name) + " has " + std::to_string(present.size()) + " present values; " + why);
     NCDataVector<float> v;
     v.CopyZeroBasedVector(present.data(), static_cast<int>(present.size()));
     return v;
@@ -532,8 +528,7 @@ void BindSpc(py::module_& m)
     m.def("control_chart", &ControlChartOf, py::arg("x"), py::arg("chart"), py::arg("subgroup_size") = py::none(),
           py::arg("times") = py::none(), py::arg("interval") = py::none(), py::arg("target") = py::none(),
           py::arg("sigma") = py::none(), py::arg("ewma_lambda") = py::none(), py::arg("ewma") = py::none(),
-          py::arg("rules") = py::none(), py::arg("reference") = py::none(),
-          py::arg("reference_times") = py::none(),
+          py::arg("rules") = py::none(), py::arg("reference") = py::none(), py::arg("reference_times") = py::none(),
           "The quantities of a control chart of one series, as a dict (see veltancmat.control_chart).");
     m.def("capability", &Capability, py::arg("x"), py::arg("lsl") = py::none(), py::arg("usl") = py::none(),
           py::arg("target") = py::none(), py::arg("reference") = py::none(),

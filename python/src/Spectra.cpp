@@ -87,15 +87,15 @@ py::array_t<double> CrossCorrelation(const py::handle& x, const py::handle& y, i
     return Written(out, 2 * maxLag + 1);
 }
 
-py::tuple PowerSpectrum(const py::handle& x, int m, bool overlap, const std::string& window,
-                        const std::string& detrend, const std::string& scaling)
+py::tuple PowerSpectrum(const py::handle& x, int m, bool overlap, const std::string& window, const std::string& detrend,
+                        const std::string& scaling)
 {
     const FFT::DataWindowMode w = Named(WindowNames, window, "window");
     const FFT::DetrendMode mode = Named(DetrendNames, detrend, "detrend");
     const FFT::ScalingMode scale = Named(ScalingNames, scaling, "scaling");
     if (m < 2 || (m & (m - 1)) != 0)
-        throw py::value_error("nperseg=" + std::to_string(m) + ": the segment length must be a power of two of at "
-                                                                "least 2");
+        throw py::value_error("nperseg=" + std::to_string(m) +
+                              ": the segment length must be a power of two, 2 or more");
     const NCDataVector<float> v = Series(x, "x");
     // A segment much longer than the series would be mostly padding: it
     // may reach the series' length rounded up to a power of two.

@@ -29,7 +29,7 @@ def _catalogues():
     here = pathlib.Path(__file__).resolve().parent
     for folder in (here / _core._installed_catalogues, here.parent.parent / "locale"):
         if any(folder.glob("*/LC_MESSAGES/veltancmat.mo")):
-            return folder
+            return folder.resolve()
     return None
 
 

@@ -61,8 +61,7 @@ def control_chart(x, chart="individual", subgroup_size=None, *, times=None, inte
     """
     fields = _core.control_chart(x, chart, subgroup_size, times, interval, target, sigma, ewma_lambda, ewma,
                                  rules, reference, reference_times)
-    fields["chart"] = chart
-    return ControlChartResult(fields)
+    return ControlChartResult({"chart": chart, **fields})
 
 
 def capability(x, lsl=None, usl=None, target=None, reference=None):

@@ -1,9 +1,14 @@
 """Control charts, capability and histograms against hand computations with
 NumPy and the published Shewhart factors."""
 
+import json
+import pathlib
+import subprocess
+
 import numpy as np
 import pytest
 import scipy.stats
+from conftest import DATA
 
 import veltancmat
 
@@ -235,3 +240,56 @@ def test_histogram(rng):
     np.testing.assert_array_equal(counts, np.histogram(x[3:], edges)[0])
     with pytest.raises(ValueError, match="every value is missing"):
         veltancmat.histogram([np.nan])
+
+
+TOOL = pathlib.Path(veltancmat.__file__).resolve().parents[2] / "cli" / "veltan"
+FILL_WEIGHTS = DATA / "fill-weights.csv"
+
+
+@pytest.mark.skipif(not TOOL.exists(), reason="the veltan tool is not built")
+class TestAgreesWithTheTool:
+    """The binding sets charts up as `veltan chart` does: the same limits and signals."""
+
+    def tool(self, *args):
+        run = subprocess.run([str(TOOL), "chart", *map(str, args), "--column", "weight", "--json"],
+                             capture_output=True, text=True, check=True)
+        return json.loads(run.stdout)
+
+    def compare(self, tool, r):
+        assert r.sigma == pytest.approx(tool["sigma"], rel=1e-6)
+        assert r.center == pytest.approx(tool["target"], rel=1e-6)
+        plotted = next(iter(tool["limits"].values()))  # the means', the EWMA's or the CuSum's
+        for name in plotted.keys() - {"centre"}:
+            assert r[name] == pytest.approx(plotted[name], rel=1e-6), name
+        assert r.rules == tool["rule_descriptions"]
+        assert {p: set(np.flatnonzero(row)) for p, row in enumerate(r.violations) if row.any()} == \
+            {f["point"]: set(f["rules"]) for f in tool["flagged"]}
+
+    @pytest.mark.parametrize("chart, options", [
+        ("individual", {"rules": "we"}),
+        ("mean-range", {"subgroup_size": 5, "rules": "we"}),
+        ("mean-sd", {"subgroup_size": 5, "rules": "we", "target": 500.0}),
+        ("cusum", {"subgroup_size": 5}),
+        ("ewma", {"subgroup_size": 5}),
+        ("ewma-overall", {"ewma_lambda": 0.2, "ewma": "predictive"}),
+    ])
+    def test_chart(self, chart, options):
+        weight = np.genfromtxt(FILL_WEIGHTS, delimiter=",", skip_header=1, usecols=2)
+        flags = [f"--{name.replace('subgroup_size', 'subgroup').replace('ewma_lambda', 'lambda')}"
+                 for name in options]
+        args = [x for flag, value in zip(flags, options.values()) for x in (flag, value)]
+        self.compare(self.tool(FILL_WEIGHTS, "--type", chart, *args),
+                     veltancmat.control_chart(weight, chart, **options))
+
+    def test_time_groups_and_reference_period(self, tmp_path):
+        table = np.genfromtxt(FILL_WEIGHTS, delimiter=",", skip_header=1, usecols=(1, 2))
+        phase1, phase2 = tmp_path / "phase1.csv", tmp_path / "phase2.csv"
+        for path, rows in ((phase1, table[:60]), (phase2, table[60:])):
+            lines = ["minute,weight"] + [",".join("" if np.isnan(v) else repr(v) for v in row) for row in rows]
+            path.write_text("\n".join(lines) + "\n")
+        tool = self.tool(phase2, "--type", "mean-sd", "--time", "minute", "--interval", 15, "--rules", "we",
+                         "--limits-from", phase1)
+        r = veltancmat.control_chart(table[60:, 1], "mean-sd", times=table[60:, 0], interval=15.0, rules="we",
+                                     reference=table[:60, 1], reference_times=table[:60, 0])
+        self.compare(tool, r)
+        assert r.subgroup_size == tool["subgroup_size"]
