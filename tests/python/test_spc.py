@@ -238,6 +238,10 @@ def test_histogram(rng):
     assert np.isclose(mantissa, np.arange(1.0, 10.0, 0.5)).any()
     assert edges[0] <= np.nanmin(x) and np.nanmax(x) <= edges[-1]
     np.testing.assert_array_equal(counts, np.histogram(x[3:], edges)[0])
+    # Values on the edges: each counts in the bin above, the largest in the last.
+    counts, edges = veltancmat.histogram(np.arange(0.0, 50.0, 5.0))
+    np.testing.assert_array_equal(edges, [0, 10, 20, 30, 40, 50])
+    np.testing.assert_array_equal(counts, [2, 2, 2, 2, 2])
     with pytest.raises(ValueError, match="every value is missing"):
         veltancmat.histogram([np.nan])
 
