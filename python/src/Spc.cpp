@@ -416,13 +416,16 @@ py::dict ChartDict(const ChartResult& c, const ChartRequest& r)
             if (point < count && k < c.rules.size())
                 cells(point, static_cast<py::ssize_t>(k)) = true;
     d["violations"] = violations;
-    py::array_t<bool> beyond(static_cast<py::ssize_t>(count));
-    auto flags = beyond.mutable_unchecked<1>();
-    for (int i = 0; i < count; ++i) {
-        const bool present = HasSpread(r.type) && i < c.spread.Size() && !IsMisVal(c.spread[i + 1]);
-        flags(i) = present && (c.spread[i + 1] > c.second.ucl || c.spread[i + 1] < c.second.lcl);
+    d["spread_beyond"] = none;
+    if (HasSpread(r.type)) {
+        py::array_t<bool> beyond(static_cast<py::ssize_t>(count));
+        auto flags = beyond.mutable_unchecked<1>();
+        for (int i = 0; i < count; ++i) {
+            const bool present = i < c.spread.Size() && !IsMisVal(c.spread[i + 1]);
+            flags(i) = present && (c.spread[i + 1] > c.second.ucl || c.spread[i + 1] < c.second.lcl);
+        }
+        d["spread_beyond"] = beyond;
     }
-    d["spread_beyond"] = beyond;
     return d;
 }
 

@@ -31,7 +31,7 @@ class TestShewhart:
         assert (r.lcl, r.ucl) == pytest.approx((r.center - 3 * sigma, r.center + 3 * sigma), rel=1e-5)
         np.testing.assert_array_equal(r.means, x)
         assert r.violations.shape == (60, 0) and r.rules == []
-        assert r.spread is None and r.upper_cusum is None and r.ewma is None
+        assert r.spread is None and r.spread_beyond is None and r.upper_cusum is None and r.ewma is None
 
     @pytest.mark.parametrize("chart, a, lower, upper, spread", [
         # n = 5: A2, D3, D4 and A3, B3, B4 as tabulated (ASTM STP 15D).
@@ -266,6 +266,8 @@ class TestAgreesWithTheTool:
         for name in plotted.keys() - {"centre"}:
             assert r[name] == pytest.approx(plotted[name], rel=1e-6), name
         assert r.rules == tool["rule_descriptions"]
+        if r.spread is not None:
+            assert list(np.flatnonzero(r.spread_beyond)) == tool["spread_beyond_limits"]
         assert {p: set(np.flatnonzero(row)) for p, row in enumerate(r.violations) if row.any()} == \
             {f["point"]: set(f["rules"]) for f in tool["flagged"]}
 
