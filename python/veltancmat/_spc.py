@@ -66,7 +66,7 @@ def control_chart(x, chart="individual", subgroup_size=None, *, times=None, inte
 
 def capability(x, lsl=None, usl=None, target=None, reference=None):
     """Process capability of the present values of the 1-D series x against
-    the specification limits lsl and usl (either or both) and a target.
+    the lower and upper limits lsl and usl (either or both) and a target.
 
     Returns a :class:`CapabilityResult`: mean, std_dev, cp, cpk, cpu, cpl,
     cpm, ppm_observed, ppm_expected, shapiro_w, shapiro_p, reference_mean
