@@ -5,7 +5,11 @@
 #include "Arrays.h"
 #include "Engine.h"
 #include "Models.h"
+#include "Spc.h"
+#include "Spectra.h"
 #include "Statistics.h"
+
+#include "veltancmat/platform/ExceptionMessage.h"
 
 #include <pybind11/stl.h>
 
@@ -167,4 +171,12 @@ PYBIND11_MODULE(_core, m)
     RegisterExceptionTranslators();
     BindModels(m);
     BindStatistics(m);
+    BindSpc(m);
+    BindSpectra(m);
+    // The library looks for its catalogues where it was installed, which a
+    // wheel's build prefix is not; the package points it at the folder it
+    // finds beside itself (see __init__.py).
+    m.attr("_installed_catalogues") = VELTAN_PYTHON_CATALOGUES;
+    m.def("_use_catalogues",
+          [](const std::string& folder) { MessageCatalog::SetLanguage(MessageCatalog::GetLanguage(), folder); });
 }
