@@ -17,6 +17,7 @@
 #include "veltancmat/models/NCOPLS.h"
 #include "veltancmat/models/NipalsDefaults.h"
 #include "veltancmat/models/OPLSCrossValidation.h"
+#include "veltancmat/models/OPLSExplained.h"
 #include "veltancmat/platform/NCError.h"
 
 #include <algorithm>
@@ -31,65 +32,17 @@ namespace {
 
 constexpr float Missing = NCMisVal<float>;
 
-// Cell (i, j) of the sum of the outer products of the rows of two
-// component matrices (scores' x loadings); missing when a score is.
-double ComponentCell(const NCDataMatrix<float>& scores, const NCDataMatrix<float>& loadings, int i, int j,
-                     bool& present)
-{
-    double sum = 0.0;
-    present = true;
-    for (int a = 1; a <= scores.SizeRows(); ++a) {
-        present = present && !IsMisVal(scores[a][i]);
-        sum += static_cast<double>(scores[a][i]) * loadings[a][j];
-    }
-    return sum;
-}
-
-float Share(double part, double whole) { return whole > 0.0 ? static_cast<float>(part / whole) : Missing; }
-
 // The R2 figures of the model's current stage and the cross-validation's Q2.
 OplsStage StageOf(const NCOPLS& model, const OPLSCrossValidation& cv, const NCDataMatrix<float>& x,
                   const NCDataMatrix<float>& y)
 {
-    const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
+    const OPLSExplained explained = GetOPLSExplained(model, x, y);
     OplsStage stage;
     stage.orthogonal = model.SizeOrthogonalComponents();
-
-    // SS(T P') and SS(TO' PO') over the cells X has: with missing cells the
-    // parts are not exactly orthogonal, and the shares need not add up to
-    // what the two parts explain together.
-    double ssX = 0.0, ssPredictive = 0.0, ssOrthogonal = 0.0;
-    for (int i = 1; i <= n; ++i)
-        for (int j = 1; j <= k; ++j) {
-            if (IsMisVal(x[i][j]))
-                continue;
-            bool present = true, orthogonalPresent = true;
-            const double p = ComponentCell(*model.GetTprim(), *model.GetPprim(), i, j, present);
-            const double o = ComponentCell(*model.GetTOprim(), *model.GetPOprim(), i, j, orthogonalPresent);
-            ssX += static_cast<double>(x[i][j]) * x[i][j];
-            ssPredictive += present ? p * p : 0.0;
-            ssOrthogonal += orthogonalPresent ? o * o : 0.0;
-        }
-    stage.r2xPredictive = Share(ssPredictive, ssX);
-    stage.r2xOrthogonal = Share(ssOrthogonal, ssX);
-
-    const NCDataMatrix<float> fitted =
-        OplsFittedY(*model.GetTprim(), *model.GetCprim(), *model.GetTOprim(), *model.GetCOprim());
-    stage.r2yResponses = NCDataVector<float>(m, Missing);
-    double ssY = 0.0, ssResidual = 0.0;
-    for (int j = 1; j <= m; ++j) {
-        double column = 0.0, residual = 0.0;
-        for (int i = 1; i <= n; ++i)
-            if (!IsMisVal(y[i][j]) && !IsMisVal(fitted[i][j])) {
-                const double e = static_cast<double>(y[i][j]) - fitted[i][j];
-                column += static_cast<double>(y[i][j]) * y[i][j];
-                residual += e * e;
-            }
-        stage.r2yResponses(j, column > 0.0 ? Share(column - residual, column) : Missing);
-        ssY += column;
-        ssResidual += residual;
-    }
-    stage.r2y = ssY > 0.0 ? Share(ssY - ssResidual, ssY) : Missing;
+    stage.r2xPredictive = explained.r2xPredictive;
+    stage.r2xOrthogonal = explained.r2xOrthogonal;
+    stage.r2y = explained.r2y;
+    stage.r2yResponses = explained.r2yResponses;
     stage.q2Cum = cv.GetQ2TotCum();
     stage.q2CumResponses = cv.GetQ2YVarCum();
     stage.q2Limit = cv.GetQ2Lim();
@@ -111,7 +64,7 @@ void KeepModel(OplsFit& fit, const NCOPLS& model, const OPLSCrossValidation& cv)
     fit.orthogonalScores = *model.GetTOprim();
     fit.loadings = *model.GetPprim();
     fit.orthogonalLoadings = *model.GetPOprim();
-    fit.fitted = OplsFittedY(fit.scores, *model.GetCprim(), fit.orthogonalScores, *model.GetCOprim());
+    fit.fitted = GetOPLSFittedY(fit.scores, *model.GetCprim(), fit.orthogonalScores, *model.GetCOprim());
     fit.cvPredicted = cv.GetYPred();
     UndoPreprocessing(fit.fitted, file.yTransform.get(), file.yScale);
     UndoPreprocessing(fit.cvPredicted, file.yTransform.get(), file.yScale);
@@ -152,21 +105,6 @@ std::string LimitPhrase(const OplsFit& fit, int n, int k)
 }
 
 } // namespace
-
-NCDataMatrix<float> OplsFittedY(const NCDataMatrix<float>& tprim, const NCDataMatrix<float>& cprim,
-                                const NCDataMatrix<float>& toprim, const NCDataMatrix<float>& coprim)
-{
-    const int n = tprim.SizeColumns(), m = cprim.SizeColumns();
-    NCDataMatrix<float> fitted(n, m, 0.0f);
-    for (int i = 1; i <= n; ++i)
-        for (int j = 1; j <= m; ++j) {
-            bool present = true, orthogonalPresent = true;
-            const double sum = ComponentCell(tprim, cprim, i, j, present) +
-                               (toprim.SizeRows() > 0 ? ComponentCell(toprim, coprim, i, j, orthogonalPresent) : 0.0);
-            fitted(i, j, present && orthogonalPresent ? static_cast<float>(sum) : Missing);
-        }
-    return fitted;
-}
 
 namespace {
 

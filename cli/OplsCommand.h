@@ -73,12 +73,6 @@ struct OplsFit {
     NCDataMatrix<float> cvPredicted;       // N x M, in the responses' units
 };
 
-// The fitted responses of a model on the preprocessed scale: the Y part of
-// every orthogonal component plus that of the predictive part, T C'.
-// N x M; missing where a score is.
-NCDataMatrix<float> OplsFittedY(const NCDataMatrix<float>& tprim, const NCDataMatrix<float>& cprim,
-                                const NCDataMatrix<float>& toprim, const NCDataMatrix<float>& coprim);
-
 // Preprocesses and fits as the options say. Throws ToolError for data the
 // model cannot take (usage errors for counts it cannot reach),
 // CancelException when `progress` is broken.

@@ -7,6 +7,7 @@
 #include "veltancmat/models/NCPLSPred.h"
 #include "veltancmat/models/NipalsDefaults.h"
 #include "veltancmat/models/OPLSCrossValidation.h"
+#include "veltancmat/models/OPLSExplained.h"
 #include "veltancmat/models/PCA_CrossValidated.h"
 #include "veltancmat/models/PLS_CrossValidated.h"
 #include "veltancmat/platform/NCError.h"
@@ -317,58 +318,16 @@ NCDataMatrix<float> PlsModel::Predict(NCDataMatrix<float> x) const
 
 namespace {
 
-// Sum over components of scores' x loadings at cell (i, j); missing when a
-// score is.
-double ComponentCell(const NCDataMatrix<float>& scores, const NCDataMatrix<float>& loadings, int i, int j,
-                     bool& present)
-{
-    double sum = 0.0;
-    present = true;
-    for (int a = 1; a <= scores.SizeRows(); ++a) {
-        present = present && !IsMisVal(scores[a][i]);
-        sum += static_cast<double>(scores[a][i]) * loadings[a][j];
-    }
-    return sum;
-}
-
-float Share(double part, double whole) { return whole > 0.0 ? static_cast<float>(part / whole) : Missing; }
-
-// The R2 figures of the model's current stage and the validation's Q2: the
-// shares of X in T P' and in TO PO', and of Y in the fitted T C' + TO CO'.
-// With missing cells the parts are not exactly orthogonal.
+// The R2 figures of the model's current stage and the validation's Q2.
 ComponentRecord StageOf(const NCOPLS& model, const OPLSCrossValidation& cv, const NCDataMatrix<float>& x,
                         const NCDataMatrix<float>& y)
 {
-    const int n = x.SizeRows(), k = x.SizeColumns(), m = y.SizeColumns();
-    double ssX = 0.0, ssPredictive = 0.0, ssOrthogonal = 0.0;
-    for (int i = 1; i <= n; ++i)
-        for (int j = 1; j <= k; ++j) {
-            if (IsMisVal(x[i][j]))
-                continue;
-            bool present = true, orthogonalPresent = true;
-            const double p = ComponentCell(*model.GetTprim(), *model.GetPprim(), i, j, present);
-            const double o = ComponentCell(*model.GetTOprim(), *model.GetPOprim(), i, j, orthogonalPresent);
-            ssX += static_cast<double>(x[i][j]) * x[i][j];
-            ssPredictive += present ? p * p : 0.0;
-            ssOrthogonal += orthogonalPresent ? o * o : 0.0;
-        }
-    double ssY = 0.0, ssResidual = 0.0;
-    for (int i = 1; i <= n; ++i)
-        for (int j = 1; j <= m; ++j) {
-            bool present = true, orthogonalPresent = true;
-            const double fitted = ComponentCell(*model.GetTprim(), *model.GetCprim(), i, j, present) +
-                                  ComponentCell(*model.GetTOprim(), *model.GetCOprim(), i, j, orthogonalPresent);
-            if (IsMisVal(y[i][j]) || !present || !orthogonalPresent)
-                continue;
-            const double e = static_cast<double>(y[i][j]) - fitted;
-            ssY += static_cast<double>(y[i][j]) * y[i][j];
-            ssResidual += e * e;
-        }
+    const OPLSExplained explained = GetOPLSExplained(model, x, y);
     ComponentRecord r;
-    r.r2x = Share(ssPredictive, ssX);
-    r.r2xOrthogonal = Share(ssOrthogonal, ssX);
-    r.r2xCum = Share(ssPredictive + ssOrthogonal, ssX);
-    r.r2y = r.r2yCum = Share(ssY - ssResidual, ssY);
+    r.r2x = explained.r2xPredictive;
+    r.r2xOrthogonal = explained.r2xOrthogonal;
+    r.r2xCum = IsMisVal(r.r2x) ? Missing : r.r2x + r.r2xOrthogonal;
+    r.r2y = r.r2yCum = explained.r2y;
     r.q2 = r.q2Cum = cv.GetQ2TotCum();
     r.q2Limit = cv.GetQ2Lim();
     return r;

@@ -4,6 +4,7 @@
 #include "cli/OplsCommand.h"
 
 #include "veltancmat/models/NCOPLS.h"
+#include "veltancmat/models/OPLSExplained.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -244,7 +245,7 @@ TEST(VeltanOpls, FittedValuesAreTheScaledResponsesLessTheModelsResiduals)
     NCOPLS model(&x, &y, 0, 200);
     for (int stage = 0; stage <= 2; ++stage) {
         model.NextComponent(nullptr);
-        const NCDataMatrix<float> fitted = veltan_cli::OplsFittedY(*model.GetTprim(), *model.GetCprim(),
+        const NCDataMatrix<float> fitted = GetOPLSFittedY(*model.GetTprim(), *model.GetCprim(),
                                                                    *model.GetTOprim(), *model.GetCOprim());
         const NCDataMatrix<float> residuals = model.GetYResiduals();
         ASSERT_EQ(fitted.SizeRows(), n);

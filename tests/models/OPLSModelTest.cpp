@@ -1,6 +1,7 @@
 #include "veltancmat/models/NCOPLS.h"
 #include "veltancmat/models/NCOPLSPred.h"
 #include "veltancmat/models/NCPCA.h"
+#include "veltancmat/models/OPLSExplained.h"
 #include "veltancmat/platform/Exception.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -498,4 +499,33 @@ TEST(OPLSModel, DegenerateResponsesDoNotStopTheFit)
     NCOPLS wide(&fewRows, &wideY, 0, 200);
     wide.NextComponent(nullptr);
     EXPECT_LE(wide.GetNumPredictive(), 2);
+}
+
+// The shares the tool and the Python module report for a stage: on complete
+// data X splits into T P', TO PO' and the residuals, and Y's share is what
+// its residuals leave; a response without variation (all missing here) has
+// no share at all.
+TEST(OPLSModel, ExplainedSharesAddUpWithTheResiduals)
+{
+    const NCDataMatrix<float> x = FromRowMajor(PLSX, PLSRows, PLSCols);
+    const NCDataMatrix<float> y = FromRowMajor(PLSY, PLSRows, 1);
+    const NCOPLS opls = Fit(x, y, 2);
+    const OPLSExplained explained = GetOPLSExplained(opls, x, y);
+    const NCDataMatrix<float> fitted =
+        GetOPLSFittedY(*opls.GetTprim(), *opls.GetCprim(), *opls.GetTOprim(), *opls.GetCOprim());
+    EXPECT_LT(MaxAbsDifference(fitted, Fitted(y, opls)), 1e-4);
+    EXPECT_NEAR(explained.r2y, 1.0 - opls.GetYResiduals().GetSS() / y.GetSS(), 1e-5);
+    EXPECT_NEAR(explained.r2yResponses[1], explained.r2y, 1e-6);
+    EXPECT_GT(explained.r2xOrthogonal, 0.0f);
+    EXPECT_NEAR(explained.r2xPredictive + explained.r2xOrthogonal + opls.GetXResiduals().GetSS() / x.GetSS(), 1.0,
+                1e-4);
+
+    NCDataMatrix<float> wide = LowRankTable(12, 5, 2, 0.5), gappy = ThreeResponses(wide);
+    for (int i = 1; i <= 12; ++i)
+        gappy(i, 2, -99.0f);
+    const OPLSExplained partial = GetOPLSExplained(Fit(wide, gappy, 1), wide, gappy);
+    EXPECT_TRUE(IsMisVal(partial.r2yResponses[2]));
+    EXPECT_GT(partial.r2yResponses[1], 0.0f);
+    EXPECT_LE(partial.r2yResponses[1], 1.0f);
+    EXPECT_FALSE(IsMisVal(partial.r2y));
 }
