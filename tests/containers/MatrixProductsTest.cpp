@@ -9,6 +9,8 @@
 #include <gmock/gmock.h>
 #include "containers/MatrixChecks.h"
 
+#include "platform/OmpTeam.h"
+
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -135,19 +137,16 @@ TYPED_TEST(MatrixProducts, MissingRuleAliasingAndThreads)
 
     // Each cell is summed in the same order whatever the team size. Without
     // dynamic adjustment a busy machine cannot quietly give one thread.
-    const int saved = omp_get_max_threads(), savedDynamic = omp_get_dynamic();
-    omp_set_dynamic(0);
+    const OmpTeam team(1);
     for (const double missing : {0.0, 0.1}) {
         const M l = Random<TypeParam>(200, 150, 7, missing), r = Random<TypeParam>(150, 600, 8, missing);
-        omp_set_num_threads(1);
+        team.Use(1);
         const M serial = l * r;
-        omp_set_num_threads(2);
+        team.Use(2);
         const M parallel = l * r;
         for (int i = 1; i <= serial.SizeRows(); ++i)
             ASSERT_EQ(serial[i], parallel[i]) << i;
     }
-    omp_set_num_threads(saved);
-    omp_set_dynamic(savedDynamic);
 }
 
 TYPED_TEST(MatrixProducts, SumTransposeAndCrossProduct)

@@ -2,6 +2,8 @@
 
 #include "veltancmat/platform/NCError.h"
 
+#include "platform/OmpTeam.h"
+
 #include <gtest/gtest.h>
 
 #include <omp.h>
@@ -54,21 +56,7 @@ struct Shape {
 };
 
 class NipalsBatchTest : public ::testing::TestWithParam<int> {
-protected:
-    void SetUp() override
-    {
-        omp_set_dynamic(0);
-        omp_set_num_threads(GetParam());
-    }
-    void TearDown() override
-    {
-        omp_set_dynamic(m_dynamic);
-        omp_set_num_threads(m_threads);
-    }
-
-private:
-    int m_dynamic = omp_get_dynamic();
-    int m_threads = omp_get_max_threads();
+    const OmpTeam m_team{GetParam()};
 };
 
 // Widths with and without a tail after the last strip of eight, narrow

@@ -11,6 +11,8 @@
 #include "veltancmat/containers/NipalsDeflation.h"
 #include "veltancmat/platform/NCError.h"
 
+#include "platform/OmpTeam.h"
+
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -27,28 +29,6 @@ namespace {
 using Vec = NCDataVector<float>;
 using Mat = NCDataMatrix<float>;
 using IndexList = NCIntegralVector<int, -99>;
-
-// A fixed OpenMP team for the scope; dynamic adjustment off so that a busy
-// machine cannot hand a pass fewer threads than asked.
-class Team {
-public:
-    explicit Team(int threads) : m_saved(omp_get_max_threads()), m_dynamic(omp_get_dynamic())
-    {
-        omp_set_dynamic(0);
-        omp_set_num_threads(threads);
-    }
-    ~Team()
-    {
-        omp_set_num_threads(m_saved);
-        omp_set_dynamic(m_dynamic);
-    }
-    Team(const Team&) = delete;
-    Team& operator=(const Team&) = delete;
-
-private:
-    int m_saved;
-    int m_dynamic;
-};
 
 // rows x cols, two latent directions under noise, about `gaps` of the cells
 // missing.
@@ -159,7 +139,7 @@ void TwoPasses(const Mat& m, const Vec& p, const IndexList* groups, int group, V
 TEST(NipalsSweep, ScoresAndNextLoadingsAreThoseOfTwoPasses)
 {
     for (const int threads : {1, 2}) {
-        const Team team(threads);
+        const OmpTeam team(threads);
         for (const Case& c : Cases()) {
             const std::string what = std::string(c.name) + ", " + std::to_string(threads) + " thread(s)";
             Vec p = Loading(c.table.SizeColumns(), 21);
@@ -176,7 +156,7 @@ TEST(NipalsSweep, ScoresAndNextLoadingsAreThoseOfTwoPasses)
 
 TEST(NipalsSweep, ExcludedVariablesAndRowSelections)
 {
-    const Team team(2);
+    const OmpTeam team(2);
     const Mat m = Table(403, 100, 0.05, 12);
     const Vec p = Loading(100, 22);
     IndexList groups(100);
@@ -271,7 +251,7 @@ Vec Scores(int rows, unsigned seed, int missingRow = 0)
 TEST(NipalsSweep, DeflationWithSweepMatchesSeparatePasses)
 {
     for (const int threads : {1, 2}) {
-        const Team team(threads);
+        const OmpTeam team(threads);
         for (const Case& c : Cases()) {
             const std::string what = std::string(c.name) + ", " + std::to_string(threads) + " thread(s)";
             const int rows = c.table.SizeRows(), cols = c.table.SizeColumns();
@@ -303,7 +283,7 @@ TEST(NipalsSweep, DeflationWithSweepMatchesSeparatePasses)
 
 TEST(NipalsSweep, DeflationLandingOnTheMarkerGivesNoSweep)
 {
-    const Team team(2);
+    const OmpTeam team(2);
     // Cell (2, 5) becomes exactly -99 and from then on reads as missing: the
     // sums taken during the sweep no longer describe the rows' gaps.
     Mat m = Table(403, 100, 0.0, 15);

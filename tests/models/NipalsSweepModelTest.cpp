@@ -10,6 +10,8 @@
 #include "veltancmat/models/NCPLS.h"
 #include "veltancmat/models/NipalsStart.h"
 
+#include "platform/OmpTeam.h"
+
 #include <gtest/gtest.h>
 #include <omp.h>
 
@@ -23,26 +25,6 @@ namespace {
 
 using Vec = NCDataVector<float>;
 using Mat = NCDataMatrix<float>;
-
-class Team {
-public:
-    explicit Team(int threads) : m_saved(omp_get_max_threads()), m_dynamic(omp_get_dynamic())
-    {
-        omp_set_dynamic(0);
-        omp_set_num_threads(threads);
-    }
-    ~Team()
-    {
-        omp_set_num_threads(m_saved);
-        omp_set_dynamic(m_dynamic);
-    }
-    Team(const Team&) = delete;
-    Team& operator=(const Team&) = delete;
-
-private:
-    int m_saved;
-    int m_dynamic;
-};
 
 void ExpectSameRows(const Mat& got, const Mat& want, const std::string& what)
 {
@@ -168,7 +150,7 @@ std::vector<Table> Tables()
 TEST(NipalsSweepModels, PcaAgreesWithTwoPasses)
 {
     for (const int threads : {1, 2}) {
-        const Team team(threads);
+        const OmpTeam team(threads);
         for (const Table& table : Tables()) {
             const std::string what = table.name + ", " + std::to_string(threads) + " thread(s)";
             const int components = table.x.SizeColumns() == 1 ? 1 : 3;
@@ -203,7 +185,7 @@ TEST(NipalsSweepModels, PcaIterationLimitStillStopsTheSweeps)
 TEST(NipalsSweepModels, PlsAgreesWithTwoPasses)
 {
     for (const int threads : {1, 2}) {
-        const Team team(threads);
+        const OmpTeam team(threads);
         for (const Table& table : Tables()) {
             if (table.x.SizeColumns() < 2)
                 continue; // a one-variable X is the one-column case below
@@ -264,7 +246,7 @@ TEST(NipalsSweepModels, PlsOnOneVariableAndOneRow)
 // without it gives.
 TEST(NipalsSweepModels, PlsPreparedSweepOnlyServesItsOwnStart)
 {
-    const Team team(2);
+    const OmpTeam team(2);
     const Mat x = LowRankTable(420, 90, 4, 0.5, 12); // complete: the models sweep only such X
     Mat y = LowRankTable(420, 3, 2, 0.5, 14);
     y(9, 1, -99.0f);

@@ -10,6 +10,8 @@
 #include "models/ModelData.h"
 #include "platform/Caught.h"
 
+#include "platform/OmpTeam.h"
+
 #include <gtest/gtest.h>
 
 #include <omp.h>
@@ -186,10 +188,9 @@ TEST(PLSCrossValidation, EachRoundIsTheComponentOfAModelOnItsKeptRows)
     const NCDataMatrix<float>&e = *pls.GetXResiduals(), &f = *pls.GetYResiduals();
     const NCIntegralVector<int, -99> labels = GetDeafultCVGroupsVector(300, 7);
 
-    const int dynamic = omp_get_dynamic(), threads = omp_get_max_threads();
-    omp_set_dynamic(0);
+    const OmpTeam omp(1);
     for (int team : {1, 2}) {
-        omp_set_num_threads(team);
+        omp.Use(team);
         CV cv(&pls, 7, nullptr);
         cv.NextComponent(nullptr, 500, pls.GetTprim()->back(), nullptr, true);
         ExpectCountsExact(cv.GetTSet());
@@ -220,8 +221,6 @@ TEST(PLSCrossValidation, EachRoundIsTheComponentOfAModelOnItsKeptRows)
                 EXPECT_NEAR(cv.GetTPred()[left[s]], scored[static_cast<int>(s) + 1], 1e-4) << round;
         }
     }
-    omp_set_dynamic(dynamic);
-    omp_set_num_threads(threads);
 }
 
 // A round whose kept rows leave X without information about Y fails the
