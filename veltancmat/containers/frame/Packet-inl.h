@@ -51,32 +51,33 @@ struct Gaps {
 template <class T>
 inline constexpr int Widened = static_cast<int>(sizeof(double) / sizeof(T));
 
+// The packet whose vector k is part(k).
+template <class T, class Part>
+HWY_INLINE Packet<T> EachPart(Part part)
+{
+    Packet<T> p;
+    for (std::size_t k = 0; k < Packet<T>::Parts; ++k)
+        p.part[k] = part(k);
+    return p;
+}
+
 template <class T>
 HWY_INLINE Packet<T> Zero()
 {
-    Packet<T> p;
-    for (auto& v : p.part)
-        v = hn::Zero(typename Packet<T>::D());
-    return p;
+    return EachPart<T>([](std::size_t) { return hn::Zero(typename Packet<T>::D()); });
 }
 
 template <class T>
 HWY_INLINE Packet<T> Set(T value)
 {
-    Packet<T> p;
-    for (auto& v : p.part)
-        v = hn::Set(typename Packet<T>::D(), value);
-    return p;
+    return EachPart<T>([value](std::size_t) { return hn::Set(typename Packet<T>::D(), value); });
 }
 
 template <class T>
 HWY_INLINE Packet<T> Load(const T* from)
 {
     const typename Packet<T>::D d;
-    Packet<T> p;
-    for (std::size_t k = 0; k < Packet<T>::Parts; ++k)
-        p.part[k] = hn::LoadU(d, from + k * hn::MaxLanes(d));
-    return p;
+    return EachPart<T>([from, d](std::size_t k) { return hn::LoadU(d, from + k * hn::MaxLanes(d)); });
 }
 
 template <class T>
@@ -90,19 +91,13 @@ HWY_INLINE void Store(const Packet<T>& p, T* to)
 template <class T>
 HWY_INLINE Packet<T> operator+(const Packet<T>& a, const Packet<T>& b)
 {
-    Packet<T> p;
-    for (std::size_t k = 0; k < Packet<T>::Parts; ++k)
-        p.part[k] = hn::Add(a.part[k], b.part[k]);
-    return p;
+    return EachPart<T>([&](std::size_t k) { return hn::Add(a.part[k], b.part[k]); });
 }
 
 template <class T>
 HWY_INLINE Packet<T> operator*(const Packet<T>& a, const Packet<T>& b)
 {
-    Packet<T> p;
-    for (std::size_t k = 0; k < Packet<T>::Parts; ++k)
-        p.part[k] = hn::Mul(a.part[k], b.part[k]);
-    return p;
+    return EachPart<T>([&](std::size_t k) { return hn::Mul(a.part[k], b.part[k]); });
 }
 
 template <class T>
@@ -125,20 +120,14 @@ HWY_INLINE Gaps<T> GapsOf(const Packet<T>& x)
 template <class T>
 HWY_INLINE Packet<T> Present(const Packet<T>& x, const Gaps<T>& gaps)
 {
-    Packet<T> p;
-    for (std::size_t k = 0; k < Packet<T>::Parts; ++k)
-        p.part[k] = hn::IfThenZeroElse(gaps.part[k], x.part[k]);
-    return p;
+    return EachPart<T>([&](std::size_t k) { return hn::IfThenZeroElse(gaps.part[k], x.part[k]); });
 }
 
 // v where the cells are missing, zero elsewhere.
 template <class T>
 HWY_INLINE Packet<T> AtGaps(const Packet<T>& v, const Gaps<T>& gaps)
 {
-    Packet<T> p;
-    for (std::size_t k = 0; k < Packet<T>::Parts; ++k)
-        p.part[k] = hn::IfThenElseZero(gaps.part[k], v.part[k]);
-    return p;
+    return EachPart<T>([&](std::size_t k) { return hn::IfThenElseZero(gaps.part[k], v.part[k]); });
 }
 
 // total[0 .. Widened<T> - 1] += v in double: lanes 0-3 of a float packet go
