@@ -687,6 +687,11 @@ bool NCDataMatrix<T>::DeflateThenColumns(const Vector& t, const Vector& p, const
                 row.m_numMis += newlyMissing;
                 landed += newlyMissing;
             }
+            // Once a cell lands on the marker the sums are thrown away, and
+            // a share made for a complete matrix has no room for the squares
+            // of a row with gaps: only the deflation goes on.
+            if (landed > 0)
+                continue;
             if (row.HasNoMissingValues())
                 squares += kernels.dotComplete(row.GetVector(), row.GetVector(), n);
             else if (row.HasValidValues())
