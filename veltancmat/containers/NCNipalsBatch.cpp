@@ -9,11 +9,9 @@
 #include <omp.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
-#include <utility>
+#include <vector>
 
 namespace {
 
