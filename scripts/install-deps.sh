@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential g++ cmake ninja-build pkg-config gettext
   libboost-dev libboost-locale-dev libboost-math-dev
-  libeigen3-dev libomp-dev libkissfft-dev
+  libeigen3-dev libomp-dev libkissfft-dev libhwy-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev libcsv-dev nlohmann-json3-dev
   clang libclang-rt-dev

@@ -1,3 +1,4 @@
+#include "veltancmat/containers/frame/SimdTargets.h"
 #include "veltancmat/containers/frame/ThreadingControl.h"
 #include "veltancmat/platform/ConfigSection.h"
 #include "veltancmat/preprocess/NCTransform.h"
@@ -216,6 +217,31 @@ TEST(Transform, MatricesAgreeWithTheOneValueFormAndBreakByColumn)
     EXPECT_GT(records.size(), 32u);
     EXPECT_LT(records.size(), 96u);
     EXPECT_EQ(records.front().column, 1);
+}
+
+// The logarithm's vector loop on every instruction set this processor runs,
+// against the one-value form: runs of columns shorter than a vector, of one
+// vector and a tail, and failing cells inside the lanes.
+TEST(Transform, LogarithmsAgreeOnEveryTarget)
+{
+    // Log 1, none, NegLog 3, none, Log 5, NegLog 11.
+    NCTransform logs(22);
+    logs[1] = TransformStruct(T::Log, 2, 1);
+    for (int j = 3; j <= 22; ++j)
+        logs[j] = j == 6   ? TransformStruct()
+                  : j < 6  ? TransformStruct(T::NegLog)
+                  : j < 12 ? TransformStruct(T::Log, 0.5f, 0)
+                           : TransformStruct(T::NegLog, 3, -1);
+    Matrix m = Random(40, 22, 1e-30f, 3e38f, 5);
+    m(3, 1, -5), m(5, 9, 0), m(6, 15, 0.25f), m(40, 22, -1e30f);
+    for (const std::string& target : NCSimdTargets::Available()) {
+        SCOPED_TRACE(target);
+        NCSimdTargets::Use(target);
+        Records records;
+        TransformBothWays(logs, m, 1, &records);
+        EXPECT_EQ(records, (Records{{3, 1, D, true}, {5, 9, D, true}, {6, 15, D, true}, {40, 22, D, true}}));
+    }
+    NCSimdTargets::Use("");
 }
 
 TEST(Transform, LogarithmIsCorrectlyRounded)

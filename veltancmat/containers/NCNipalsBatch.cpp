@@ -1,222 +1,62 @@
 #include "veltancmat/containers/NCNipalsBatch.h"
 
+#include "veltancmat/containers/frame/BatchKernels.h"
 #include "veltancmat/containers/frame/MissingValue.h"
 #include "veltancmat/containers/frame/NipalsRule.h"
 #include "veltancmat/containers/frame/ParallelWork.h"
-#include "veltancmat/containers/frame/Simd.h"
 #include "veltancmat/platform/NCError.h"
 
 #include <omp.h>
 
 #include <algorithm>
-#include <array>
 #include <cmath>
 #include <cstdint>
-#include <cstring>
-#include <utility>
+#include <vector>
 
 namespace {
 
-// Explicit 32-byte vectors, as in the single-vector kernels; the helpers
-// taking them are always inlined, so no vector argument crosses a call.
-using FloatVec = float __attribute__((vector_size(32)));
-using DoubleVec = double __attribute__((vector_size(32)));
-using IntVec = int __attribute__((vector_size(32)));
-constexpr int Width = 8;
-constexpr int MaxVectors = NCNipalsBatch::MaxVectors;
-
-// Products are summed in float over this many strips of a row (row
-// projection) or rows (column projection) before they are widened into
-// double: the sums stay in registers, and no float sum runs over more than
-// eight or sixteen terms. The column projection widens R vectors of sums
-// into memory per block, which with blocks of eight rows cost about as much
-// as the products; blocks of sixteen halve that.
-constexpr int FlushEvery = 8;
-constexpr int ColumnBlockRows = 16;
-
-inline __attribute__((always_inline)) FloatVec Load(const float* p)
-{
-    FloatVec v;
-    std::memcpy(&v, p, sizeof v);
-    return v;
-}
-
-// The cells of x with the missing ones as zero.
-inline __attribute__((always_inline)) FloatVec Present(FloatVec x)
-{
-    const IntVec gap = x == (FloatVec{} + NCMisVal<float>);
-    return reinterpret_cast<FloatVec>(reinterpret_cast<IntVec>(x) & ~gap);
-}
-
-// Converted whole and then split: GCC turns the conversion of each half
-// into two two-lane conversions and an insert, about twice the work.
-inline __attribute__((always_inline)) void Widen(DoubleVec* total, FloatVec v)
-{
-    using Double8 = double __attribute__((vector_size(64)));
-    const Double8 d = __builtin_convertvector(v, Double8);
-    total[0] += __builtin_shufflevector(d, d, 0, 1, 2, 3);
-    total[1] += __builtin_shufflevector(d, d, 4, 5, 6, 7);
-}
-
-// total[0 .. 7] += v, in memory.
-inline __attribute__((always_inline)) void WidenInto(double* total, FloatVec v)
-{
-    DoubleVec t[2];
-    std::memcpy(t, total, sizeof t);
-    Widen(t, v);
-    std::memcpy(total, t, sizeof t);
-}
-
-inline __attribute__((always_inline)) float Cell(const float* x, int j, bool masked)
-{
-    return masked ? PresentOrZero(x[j]) : x[j];
-}
-
-// For the B <= ColumnBlockRows rows x[0 .. B-1], adds x[b][j] * s[b * R + r] to
-// totals[r * stride + j] for every column j and vector r. Each strip of
-// eight columns keeps one float sum per vector in registers over the rows,
-// so every cell loaded serves all R vectors. With Masked, missing cells count
-// as zero.
-template <int R, bool Masked>
-VELTAN_SIMD_CLONES void ColumnBlock(double* __restrict totals, int stride, const float* const* x,
-                                    const float* __restrict s, int rows, int n)
-{
-    int j = 1;
-    for (; j + Width - 1 <= n; j += Width) {
-        FloatVec sum[R] = {};
-        for (int b = 0; b < rows; ++b) {
-            FloatVec xv = Load(x[b] + j);
-            if constexpr (Masked)
-                xv = Present(xv);
-            for (int r = 0; r < R; ++r)
-                sum[r] += xv * s[b * R + r];
-        }
-        for (int r = 0; r < R; ++r)
-            WidenInto(totals + static_cast<std::ptrdiff_t>(r) * stride + j, sum[r]);
-    }
-    for (; j <= n; ++j) {
-        float sum[R] = {};
-        for (int b = 0; b < rows; ++b) {
-            const float v = Cell(x[b], j, Masked);
-            for (int r = 0; r < R; ++r)
-                sum[r] += v * s[b * R + r];
-        }
-        for (int r = 0; r < R; ++r)
-            totals[static_cast<std::ptrdiff_t>(r) * stride + j] += sum[r];
-    }
-}
-
-// sums[r] = the sum over the columns of x[j] * p[r][j]. With Masked, missing
-// cells of x count as zero.
-template <int R, bool Masked>
-VELTAN_SIMD_CLONES void Dots(const float* __restrict x, const float* const* p, int n, double* sums)
-{
-    FloatVec sum[R] = {};
-    DoubleVec total[R][2] = {};
-    int j = 1, strips = 0;
-    for (; j + Width - 1 <= n; j += Width) {
-        FloatVec xv = Load(x + j);
-        if constexpr (Masked)
-            xv = Present(xv);
-        for (int r = 0; r < R; ++r)
-            sum[r] += xv * Load(p[r] + j);
-        if (++strips == FlushEvery) {
-            for (int r = 0; r < R; ++r) {
-                Widen(total[r], sum[r]);
-                sum[r] = FloatVec{};
-            }
-            strips = 0;
-        }
-    }
-    for (int r = 0; r < R; ++r) {
-        Widen(total[r], sum[r]);
-        const DoubleVec t = total[r][0] + total[r][1];
-        sums[r] = (t[0] + t[1]) + (t[2] + t[3]);
-    }
-    for (; j <= n; ++j) {
-        const float v = Cell(x, j, Masked);
-        for (int r = 0; r < R; ++r)
-            sums[r] += v * p[r][j];
-    }
-}
-
-// The same for rows of fewer than NarrowRow cells (the few responses of a
-// PLS model), where a strip loop would be mostly set-up and tail: the
-// vectors' weights come column by column, one lane per vector
-// (lanes[8 * j + r]), and a row's products with all of them are one
-// vector multiply per cell, summed in double.
-constexpr int NarrowRow = 2 * Width;
-
-VELTAN_SIMD_CLONES void NarrowDots(const float* __restrict x, const float* __restrict lanes, int n, bool masked,
-                                   double* sums)
-{
-    DoubleVec total[2] = {};
-    for (int j = 1; j <= n; ++j) {
-        const float v = masked ? PresentOrZero(x[j]) : x[j];
-        Widen(total, v * Load(lanes + Width * j));
-    }
-    std::memcpy(sums, total, sizeof total);
-}
+using NCBatchKernels::ColumnBlockRows;
+using NCBatchKernels::MaxVectors;
+using NCBatchKernels::NarrowRow;
+using NCBatchKernels::Width;
 
 // A missing cell's share for every vector at once: the squares it removes
 // from each vector's sum of squares, and the pairs from each count.
 struct GapShare {
-    static_assert(MaxVectors == 8, "one pair of double vectors and one int vector per gap");
-    DoubleVec squares[2] = {};
-    IntVec pairs = {};
+    double squares[MaxVectors] = {};
+    int pairs[MaxVectors] = {};
 
     // The share stored at squares[0 .. 7], counts[0 .. 7].
-    static inline __attribute__((always_inline)) GapShare Load(const double* squares, const int* counts)
+    static GapShare Load(const double* squares, const int* counts)
     {
         GapShare share;
-        std::memcpy(share.squares, squares, sizeof share.squares);
-        std::memcpy(&share.pairs, counts, sizeof share.pairs);
+        std::copy_n(squares, MaxVectors, share.squares);
+        std::copy_n(counts, MaxVectors, share.pairs);
         return share;
     }
 
-    inline __attribute__((always_inline)) void Store(double* squares, int* counts) const
+    void Store(double* squares, int* counts) const
     {
-        std::memcpy(squares, this->squares, sizeof this->squares);
-        std::memcpy(counts, &pairs, sizeof pairs);
+        std::copy_n(this->squares, MaxVectors, squares);
+        std::copy_n(pairs, MaxVectors, counts);
     }
 
-    inline __attribute__((always_inline)) void Add(const GapShare& other)
+    void Add(const GapShare& other)
     {
-        squares[0] += other.squares[0];
-        squares[1] += other.squares[1];
-        pairs += other.pairs;
+        for (int r = 0; r < MaxVectors; ++r) {
+            squares[r] += other.squares[r];
+            pairs[r] += other.pairs[r];
+        }
     }
 };
 
 // The share stored at squares, counts plus `add`, stored back.
-inline __attribute__((always_inline)) void AddGap(double* squares, int* counts, const GapShare& add)
+void AddGap(double* squares, int* counts, const GapShare& add)
 {
     GapShare sum = GapShare::Load(squares, counts);
     sum.Add(add);
     sum.Store(squares, counts);
 }
-
-using ColumnKernel = void (*)(double*, int, const float* const*, const float*, int, int);
-using DotKernel = void (*)(const float*, const float* const*, int, double*);
-
-template <bool Masked, std::size_t... R>
-constexpr std::array<ColumnKernel, MaxVectors> ColumnKernels(std::index_sequence<R...>)
-{
-    return {&ColumnBlock<static_cast<int>(R) + 1, Masked>...};
-}
-
-template <bool Masked, std::size_t... R>
-constexpr std::array<DotKernel, MaxVectors> DotKernels(std::index_sequence<R...>)
-{
-    return {&Dots<static_cast<int>(R) + 1, Masked>...};
-}
-
-// Indexed by [masked][vectors - 1].
-const std::array<ColumnKernel, MaxVectors> ColumnKernelTable[2] = {
-    ColumnKernels<false>(std::make_index_sequence<MaxVectors>()),
-    ColumnKernels<true>(std::make_index_sequence<MaxVectors>())};
-const std::array<DotKernel, MaxVectors> DotKernelTable[2] = {DotKernels<false>(std::make_index_sequence<MaxVectors>()),
-                                                             DotKernels<true>(std::make_index_sequence<MaxVectors>())};
 
 // Room for `count` elements from index 1 on, where element 1 starts a cache
 // line: the sums are stored as whole 64-byte vectors, and a store that
@@ -259,6 +99,7 @@ NCNipalsBatch::NCNipalsBatch(const NCDataMatrix<float>& matrix) : m_matrix(matri
     for (int i = 1; i <= rows; ++i)
         m_gapStart[static_cast<std::size_t>(i) + 1] = m_gapStart[static_cast<std::size_t>(i)] + matrix[i].GetNumMisVal();
     m_gaps.resize(static_cast<std::size_t>(m_gapStart.back()));
+    const NCBatchKernels::Kernels& kernels = NCBatchKernels::Here();
 #pragma omp parallel for if (WorthParallel(rows, n, 1)) schedule(static)
     for (int i = 1; i <= rows; ++i) {
         const NCDataVector<float>& row = matrix[i];
@@ -266,7 +107,7 @@ NCNipalsBatch::NCNipalsBatch(const NCDataMatrix<float>& matrix) : m_matrix(matri
         const float* self[1] = {x};
         const bool complete = row.HasNoMissingValues();
         // The row against itself: with its gaps zero in one factor, they add nothing.
-        DotKernelTable[complete ? 0 : 1][0](x, self, n, &m_rowSS[static_cast<std::size_t>(i)]);
+        kernels.dots[complete ? 0 : 1][0](x, self, n, &m_rowSS[static_cast<std::size_t>(i)]);
         if (!complete) {
             int* gap = m_gaps.data() + m_gapStart[static_cast<std::size_t>(i)];
             for (int j = 1; j <= n; ++j)
@@ -365,8 +206,8 @@ struct GapList {
 // Adds the rows first .. first + count - 1 into `mine`: the products of
 // every cell with the scores, and where a row has gaps, the squares and
 // pairs its missing cells remove from their columns.
-void SumColumnBlock(const NCDataMatrix<float>& m, const GapList& gapList, const float* const* t, int vectors,
-                    int first, int count, int stride, ThreadColumnSums& mine)
+void SumColumnBlock(const NCBatchKernels::Kernels& kernels, const NCDataMatrix<float>& m, const GapList& gapList,
+                    const float* const* t, int vectors, int first, int count, int stride, ThreadColumnSums& mine)
 {
     const int n = m.SizeColumns();
     const float* x[ColumnBlockRows];
@@ -387,7 +228,7 @@ void SumColumnBlock(const NCDataMatrix<float>& m, const GapList& gapList, const 
             mine.used[r] += present ? 1 : 0;
         }
     }
-    ColumnKernelTable[masked][static_cast<std::size_t>(vectors) - 1](mine.total, stride, x, s, count, n);
+    kernels.columns[masked][static_cast<std::size_t>(vectors) - 1](mine.total, stride, x, s, count, n);
     if (!masked)
         return;
     // A missing cell removes the squares of the scores it meets from its
@@ -396,7 +237,7 @@ void SumColumnBlock(const NCDataMatrix<float>& m, const GapList& gapList, const 
         GapShare share;
         for (int r = 0; r < vectors; ++r) {
             const float v = s[b * vectors + r];
-            share.squares[r / 4][r % 4] = static_cast<double>(v * v);
+            share.squares[r] = static_cast<double>(v * v);
             share.pairs[r] = used[b * vectors + r] ? 1 : 0;
         }
         const int* gap = gapList.gaps + gapList.start[first + b];
@@ -447,6 +288,7 @@ void NCNipalsBatch::ColumnsUpTo8(std::span<const NCDataVector<float>* const> sco
     const bool parallel = WorthParallel(rows, n, vectors);
     ColumnPassSums sums(TeamSize(parallel), vectors, n, gaps);
     const GapList gapList{m_gaps.data(), m_gapStart.data()};
+    const NCBatchKernels::Kernels& kernels = NCBatchKernels::Here();
     const int blocks = (rows + ColumnBlockRows - 1) / ColumnBlockRows;
     const float* t[MaxVectors];
     for (int r = 0; r < vectors; ++r)
@@ -460,7 +302,7 @@ void NCNipalsBatch::ColumnsUpTo8(std::span<const NCDataVector<float>* const> sco
 #pragma omp for schedule(static) nowait
         for (int block = 0; block < blocks; ++block) {
             const int first = block * ColumnBlockRows + 1;
-            SumColumnBlock(m_matrix, gapList, t, vectors, first, std::min(ColumnBlockRows, rows - first + 1),
+            SumColumnBlock(kernels, m_matrix, gapList, t, vectors, first, std::min(ColumnBlockRows, rows - first + 1),
                            sums.stride, mine);
         }
         std::copy_n(mine.tt, MaxVectors, sums.tt.data() + me * MaxVectors);
@@ -515,15 +357,16 @@ void NCNipalsBatch::RowsUpTo8(std::span<const NCDataVector<float>* const> weight
             lanes[static_cast<std::size_t>(j) * Width + r] = pv[r][j];
 
     const std::size_t kernel = static_cast<std::size_t>(vectors) - 1;
+    const NCBatchKernels::Kernels& kernels = NCBatchKernels::Here();
 #pragma omp parallel for if (WorthParallel(rows, n, vectors)) schedule(static)
     for (int i = 1; i <= rows; ++i) {
         const NCDataVector<float>& row = m_matrix[i];
         const bool complete = row.HasNoMissingValues();
         double sums[MaxVectors];
         if (narrow)
-            NarrowDots(row.GetVector(), lanes.data(), n, !complete, sums);
+            kernels.narrowDots(row.GetVector(), lanes.data(), n, !complete, sums);
         else
-            DotKernelTable[complete ? 0 : 1][kernel](row.GetVector(), pv, n, sums);
+            kernels.dots[complete ? 0 : 1][kernel](row.GetVector(), pv, n, sums);
         GapShare gaps;
         const int* gap = m_gaps.data() + m_gapStart[static_cast<std::size_t>(i)];
         const int* end = m_gaps.data() + m_gapStart[static_cast<std::size_t>(i) + 1];
@@ -531,7 +374,7 @@ void NCNipalsBatch::RowsUpTo8(std::span<const NCDataVector<float>* const> weight
             gaps.Add(GapShare::Load(p2.data() + static_cast<std::size_t>(*gap) * MaxVectors,
                                     present.data() + static_cast<std::size_t>(*gap) * MaxVectors));
         for (int r = 0; r < vectors; ++r) {
-            const double d = complete ? pp[r] : NipalsDivisor(pp[r], pp[r] - gaps.squares[r / 4][r % 4]);
+            const double d = complete ? pp[r] : NipalsDivisor(pp[r], pp[r] - gaps.squares[r]);
             out[r][i] = NipalsQuotient<float>(sums[r], d, presentInP[r] - gaps.pairs[r]);
         }
     }

@@ -1,7 +1,15 @@
+// The logarithm's vector loop and the failure scan are compiled once per
+// instruction set: hwy/foreach_target.h includes this file again for each
+// target; the rest of the file is compiled once (HWY_ONCE).
+#undef HWY_TARGET_INCLUDE
+#define HWY_TARGET_INCLUDE "veltancmat/preprocess/TransformKernel.cpp"
+#include <hwy/foreach_target.h>
+
+#include <hwy/highway.h>
+
 #include "veltancmat/preprocess/TransformKernel.h"
 
 #include "veltancmat/containers/frame/ParallelWork.h"
-#include "veltancmat/containers/frame/Simd.h"
 #include "veltancmat/platform/ExceptionMessage.h"
 #include "veltancmat/platform/NCError.h"
 
@@ -12,11 +20,154 @@
 #include <cstdint>
 #include <exception>
 
-#if defined(__x86_64__)
-#include <immintrin.h>
+HWY_BEFORE_NAMESPACE();
+namespace NCTransformKernel::HWY_NAMESPACE {
+
+namespace hn = hwy::HWY_NAMESPACE;
+
+// Cells x[0 .. n-1] of one row within a run, results to out[0 .. n-1]:
+// each cell's logarithm where it can be stored in place, the cell itself
+// where not. The present cells of the second kind (an argument outside the
+// normal positive range, or a result that is the missing marker) are
+// flagged for the cell-by-cell path. Returns the number flagged. Writing
+// to a buffer keeps every store unconditional: a select back into x would
+// become a masked store, which is slow on some processors.
+//
+// The vector loop gives the bits of the one-cell LogCell: same Apply
+// arithmetic, NaturalLog operation for operation (NaturalLogOf).
+inline bool LogCell(float v, double c1, double c2, double sign, float& out)
+{
+    const double a = c1 * v + c2;
+    const bool present = v != fMisVal;
+    const bool normal = a >= DoubleMin && a <= DoubleMax;
+    const float r = normal ? static_cast<float>(sign * (NaturalLog(a) * InvLn10)) : 0.0f;
+    const bool stored = present && normal && r != fMisVal;
+    out = stored ? r : v;
+    return present && !stored;
+}
+
+int LogCellsScalar(const float* x, float* out, const double* c1, const double* c2, double sign, std::int64_t* flagged,
+                   int n)
+{
+    int count = 0;
+    for (int j = 0; j < n; ++j) {
+        flagged[j] = LogCell(x[j], c1[j], c2[j], sign, out[j]) ? 1 : 0;
+        count += static_cast<int>(flagged[j]);
+    }
+    return count;
+}
+
+// NaturalLog's fused multiply-adds are fused instructions from AVX2 on. The
+// targets below would round the product apart (Highway's MulAdd), so there
+// the cells are taken one at a time. (Decided anew for each target.)
+#undef VELTAN_LOG_VECTORS
+#if HWY_ARCH_X86 && HWY_TARGET <= HWY_AVX2
+#define VELTAN_LOG_VECTORS 1
+
+// table[i] in each lane, for a table of sixteen doubles: with eight lanes,
+// the whole table in two registers and one two-table permute, which
+// Highway 1.0 does not offer; with four, a gather.
+template <class D, class VU>
+HWY_INLINE hn::Vec<D> Lookup16(D d, const double* table, VU i)
+{
+#if HWY_TARGET <= HWY_AVX3
+    if constexpr (hn::MaxLanes(D()) == 8) {
+        const hn::Vec<D> low = hn::LoadU(d, table), high = hn::LoadU(d, table + 8);
+        return hn::Vec<D>{_mm512_permutex2var_pd(low.raw, i.raw, high.raw)};
+    }
+#endif
+    return hn::GatherIndex(d, table, hn::BitCast(hn::RebindToSigned<D>(), i));
+}
+
+// NaturalLog (TransformKernel.h) in every lane of a, for normal, finite
+// a > 0.
+template <class D>
+HWY_INLINE hn::Vec<D> NaturalLogOf(D d, hn::Vec<D> a)
+{
+    using namespace LogSteps;
+    const hn::RebindToUnsigned<D> du;
+    const auto tmp = hn::Sub(hn::BitCast(du, a), hn::Set(du, Offset));
+    const auto position = hn::And(tmp, hn::Set(du, Mantissa));
+    const auto i = hn::ShiftRight<48>(position);
+    const auto biased = hn::ShiftRight<52>(hn::Add(tmp, hn::Set(du, std::uint64_t{1024} << 52)));
+    const auto k = hn::Sub(hn::BitCast(d, hn::Or(hn::Set(du, 0x4330000000000000ULL), biased)),
+                           hn::Set(d, 4503599627370496.0 + 1024.0));
+    const auto z = hn::BitCast(d, hn::Add(hn::Set(du, Offset), position));
+    const auto c = hn::BitCast(d, hn::Add(hn::And(position, hn::Set(du, StepMask)), hn::Set(du, Offset + Half)));
+    const auto r = hn::Mul(hn::Sub(z, c), Lookup16(d, InvC, i));
+    auto p = hn::MulAdd(hn::Set(d, P[8]), r, hn::Set(d, P[7]));
+    for (int m = 6; m >= 0; --m)
+        p = hn::MulAdd(p, r, hn::Set(d, P[m]));
+    const auto tail = hn::Mul(hn::Mul(r, r), hn::MulAdd(r, p, hn::Set(d, -0.5)));
+    const auto hi = hn::MulAdd(k, hn::Set(d, Ln2Hi), Lookup16(d, LogC, i));
+    const auto lo = hn::MulAdd(k, hn::Set(d, Ln2Lo), tail);
+    return hn::Add(hi, hn::Add(r, lo));
+}
+
+// The lanes of m as bits, lane 0 lowest (at most eight lanes).
+template <class D>
+HWY_INLINE unsigned MaskBits(D d, hn::Mask<D> m)
+{
+    std::uint8_t bits[8] = {};
+    hn::StoreMaskBits(d, m, bits);
+    return bits[0];
+}
 #endif
 
+int LogCells(const float* x, float* out, const double* c1, const double* c2, double sign, std::int64_t* flagged, int n)
+{
+    int count = 0;
+    int j = 0;
+#ifdef VELTAN_LOG_VECTORS
+    // A lane per cell, in double: the conversions between float and double
+    // lanes keep the lane count.
+    const hn::ScalableTag<double> d;
+    const hn::Rebind<float, decltype(d)> df;
+    const hn::Rebind<std::int64_t, decltype(d)> di;
+    constexpr int N = static_cast<int>(hn::MaxLanes(d));
+    const auto missing = hn::Set(df, fMisVal);
+    for (; j + N <= n; j += N) {
+        const auto v = hn::LoadU(df, x + j);
+        const auto a = hn::Add(hn::Mul(hn::LoadU(d, c1 + j), hn::PromoteTo(d, v)), hn::LoadU(d, c2 + j));
+        const auto result =
+            hn::DemoteTo(df, hn::Mul(hn::Set(d, sign), hn::Mul(NaturalLogOf(d, a), hn::Set(d, InvLn10))));
+        const unsigned present = MaskBits(df, hn::Ne(v, missing));
+        const unsigned normal =
+            MaskBits(d, hn::And(hn::Ge(a, hn::Set(d, DoubleMin)), hn::Le(a, hn::Set(d, DoubleMax))));
+        const std::uint8_t stored = static_cast<std::uint8_t>(present & normal & MaskBits(df, hn::Ne(result, missing)));
+        const std::uint8_t flag = static_cast<std::uint8_t>(present & ~stored);
+        hn::StoreU(hn::IfThenElse(hn::LoadMaskBits(df, &stored), result, v), df, out + j);
+        hn::StoreU(hn::IfThenElseZero(hn::LoadMaskBits(di, &flag), hn::Set(di, 1)), di, flagged + j);
+        count += static_cast<int>(hwy::PopCount(flag));
+    }
+#endif
+    return count + LogCellsScalar(x + j, out + j, c1 + j, c2 + j, sign, flagged + j, n - j);
+}
+
+// Whether row x has a failing cell in columns 1 .. limit - 1. `logged` is
+// 1 for Log and NegLog columns and 0 for the others, which never fail,
+// whatever their cells hold. A plain loop, vectorised by the compiler.
+bool AnyFailure(const float* HWY_RESTRICT x, const float* HWY_RESTRICT lo, const float* HWY_RESTRICT hi,
+                const float* HWY_RESTRICT logged, int limit)
+{
+    int any = 0;
+#pragma omp simd reduction(| : any)
+    for (int j = 1; j < limit; ++j) {
+        const float v = x[j];
+        any |= (logged[j] != 0.0f && v != fMisVal && !(lo[j] < v && v < hi[j])) ? 1 : 0;
+    }
+    return any != 0;
+}
+
+} // namespace NCTransformKernel::HWY_NAMESPACE
+HWY_AFTER_NAMESPACE();
+
+#if HWY_ONCE
 namespace NCTransformKernel {
+
+HWY_EXPORT(LogCells);
+HWY_EXPORT(AnyFailure);
+
 namespace {
 
 using T = TransformE;
@@ -217,184 +368,6 @@ bool LogRuns(const std::vector<Coefficients>& k, int c, std::vector<LogRun>& run
     return true;
 }
 
-// Cells x[0 .. n-1] of one row within a run, results to out[0 .. n-1]:
-// each cell's logarithm where it can be stored in place, the cell itself
-// where not. The present cells of the second kind (an argument outside the
-// normal positive range, or a result that is the missing marker) are
-// flagged for the cell-by-cell path. Returns the number flagged. Writing
-// to a buffer keeps every store unconditional: a select back into x would
-// become a masked store, which is slow on some processors.
-//
-// Three versions give the same bits: one cell at a time, and two vector
-// loops written with intrinsics (GCC does not vectorise NaturalLog's table
-// lookups and fused multiply-adds inside target clones). The vector ones
-// follow NaturalLog operation for operation.
-inline bool LogCell(float v, double c1, double c2, double sign, float& out)
-{
-    const double a = c1 * v + c2;
-    const bool present = v != fMisVal;
-    const bool normal = a >= DoubleMin && a <= DoubleMax;
-    const float r = normal ? static_cast<float>(sign * (NaturalLog(a) * InvLn10)) : 0.0f;
-    const bool stored = present && normal && r != fMisVal;
-    out = stored ? r : v;
-    return present && !stored;
-}
-
-int LogCellsScalar(const float* x, float* out, const double* c1, const double* c2, double sign, std::int64_t* flagged,
-                   int n)
-{
-    int count = 0;
-    for (int j = 0; j < n; ++j) {
-        flagged[j] = LogCell(x[j], c1[j], c2[j], sign, out[j]) ? 1 : 0;
-        count += static_cast<int>(flagged[j]);
-    }
-    return count;
-}
-
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__SANITIZE_THREAD__)
-#define VELTAN_LOG_VECTORS 1
-// GCC 12 takes the undefined upper lanes inside some AVX-512 intrinsics for
-// uninitialised variables.
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-
-__attribute__((target("avx512f,avx512dq,avx512vl,avx512bw,fma"))) int
-LogCells512(const float* x, float* out, const double* c1, const double* c2, double sign, std::int64_t* flagged, int n)
-{
-    using namespace LogSteps;
-    const __m512d invLo = _mm512_load_pd(InvC), invHi = _mm512_load_pd(InvC + 8);
-    const __m512d logLo = _mm512_load_pd(LogC), logHi = _mm512_load_pd(LogC + 8);
-    const __m512i offset = _mm512_set1_epi64(static_cast<long long>(Offset));
-    const __m512i mantissa = _mm512_set1_epi64(static_cast<long long>(Mantissa));
-    const __m512i stepMask = _mm512_set1_epi64(static_cast<long long>(StepMask));
-    const __m512i centre = _mm512_set1_epi64(static_cast<long long>(Offset + Half));
-    const __m512i bias = _mm512_set1_epi64(static_cast<long long>(std::uint64_t{1024} << 52));
-    const __m512i magic = _mm512_set1_epi64(0x4330000000000000LL);
-    const __m512d magicValue = _mm512_set1_pd(4503599627370496.0 + 1024.0);
-    const __m512i one = _mm512_set1_epi64(1);
-    const __m256 missing = _mm256_set1_ps(fMisVal);
-    int count = 0;
-    int j = 0;
-    for (; j + 8 <= n; j += 8) {
-        const __m256 v = _mm256_loadu_ps(x + j);
-        const __m512d a = _mm512_add_pd(_mm512_mul_pd(_mm512_loadu_pd(c1 + j), _mm512_cvtps_pd(v)),
-                                        _mm512_loadu_pd(c2 + j));
-        const __m512i tmp = _mm512_sub_epi64(_mm512_castpd_si512(a), offset);
-        const __m512i position = _mm512_and_si512(tmp, mantissa);
-        const __m512i i = _mm512_srli_epi64(position, 48);
-        const __m512i biased = _mm512_srli_epi64(_mm512_add_epi64(tmp, bias), 52);
-        const __m512d k = _mm512_sub_pd(_mm512_castsi512_pd(_mm512_or_si512(magic, biased)), magicValue);
-        const __m512d z = _mm512_castsi512_pd(_mm512_add_epi64(offset, position));
-        const __m512d c = _mm512_castsi512_pd(_mm512_add_epi64(_mm512_and_si512(position, stepMask), centre));
-        const __m512d r = _mm512_mul_pd(_mm512_sub_pd(z, c), _mm512_permutex2var_pd(invLo, i, invHi));
-        __m512d p = _mm512_fmadd_pd(_mm512_set1_pd(P[8]), r, _mm512_set1_pd(P[7]));
-        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[6]));
-        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[5]));
-        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[4]));
-        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[3]));
-        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[2]));
-        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[1]));
-        p = _mm512_fmadd_pd(p, r, _mm512_set1_pd(P[0]));
-        const __m512d tail = _mm512_mul_pd(_mm512_mul_pd(r, r), _mm512_fmadd_pd(r, p, _mm512_set1_pd(-0.5)));
-        const __m512d hi = _mm512_fmadd_pd(k, _mm512_set1_pd(Ln2Hi), _mm512_permutex2var_pd(logLo, i, logHi));
-        const __m512d lo = _mm512_fmadd_pd(k, _mm512_set1_pd(Ln2Lo), tail);
-        const __m512d ln = _mm512_add_pd(hi, _mm512_add_pd(r, lo));
-        const __m256 result =
-            _mm512_cvtpd_ps(_mm512_mul_pd(_mm512_set1_pd(sign), _mm512_mul_pd(ln, _mm512_set1_pd(InvLn10))));
-        const __mmask8 present = _mm256_cmp_ps_mask(v, missing, _CMP_NEQ_UQ);
-        const __mmask8 normal = _mm512_cmp_pd_mask(a, _mm512_set1_pd(DoubleMin), _CMP_GE_OQ) &
-                                _mm512_cmp_pd_mask(a, _mm512_set1_pd(DoubleMax), _CMP_LE_OQ);
-        const __mmask8 stored = present & normal & _mm256_cmp_ps_mask(result, missing, _CMP_NEQ_UQ);
-        const __mmask8 flag = present & static_cast<__mmask8>(~stored);
-        _mm256_storeu_ps(out + j, _mm256_mask_blend_ps(stored, v, result));
-        _mm512_storeu_si512(flagged + j, _mm512_maskz_mov_epi64(flag, one));
-        count += __builtin_popcount(flag);
-    }
-    return count + LogCellsScalar(x + j, out + j, c1 + j, c2 + j, sign, flagged + j, n - j);
-}
-
-__attribute__((target("avx2,fma"))) int LogCells256(const float* x, float* out, const double* c1, const double* c2,
-                                                     double sign, std::int64_t* flagged, int n)
-{
-    using namespace LogSteps;
-    const __m256i offset = _mm256_set1_epi64x(static_cast<long long>(Offset));
-    const __m256i mantissa = _mm256_set1_epi64x(static_cast<long long>(Mantissa));
-    const __m256i stepMask = _mm256_set1_epi64x(static_cast<long long>(StepMask));
-    const __m256i centre = _mm256_set1_epi64x(static_cast<long long>(Offset + Half));
-    const __m256i bias = _mm256_set1_epi64x(static_cast<long long>(std::uint64_t{1024} << 52));
-    const __m256i magic = _mm256_set1_epi64x(0x4330000000000000LL);
-    const __m256d magicValue = _mm256_set1_pd(4503599627370496.0 + 1024.0);
-    const __m256i one = _mm256_set1_epi64x(1);
-    const __m128 missing = _mm_set1_ps(fMisVal);
-    int count = 0;
-    int j = 0;
-    for (; j + 4 <= n; j += 4) {
-        const __m128 v = _mm_loadu_ps(x + j);
-        const __m256d a =
-            _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(c1 + j), _mm256_cvtps_pd(v)), _mm256_loadu_pd(c2 + j));
-        const __m256i tmp = _mm256_sub_epi64(_mm256_castpd_si256(a), offset);
-        const __m256i position = _mm256_and_si256(tmp, mantissa);
-        const __m256i i = _mm256_srli_epi64(position, 48);
-        const __m256i biased = _mm256_srli_epi64(_mm256_add_epi64(tmp, bias), 52);
-        const __m256d k = _mm256_sub_pd(_mm256_castsi256_pd(_mm256_or_si256(magic, biased)), magicValue);
-        const __m256d z = _mm256_castsi256_pd(_mm256_add_epi64(offset, position));
-        const __m256d c = _mm256_castsi256_pd(_mm256_add_epi64(_mm256_and_si256(position, stepMask), centre));
-        const __m256d r = _mm256_mul_pd(_mm256_sub_pd(z, c), _mm256_i64gather_pd(InvC, i, 8));
-        __m256d p = _mm256_fmadd_pd(_mm256_set1_pd(P[8]), r, _mm256_set1_pd(P[7]));
-        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[6]));
-        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[5]));
-        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[4]));
-        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[3]));
-        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[2]));
-        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[1]));
-        p = _mm256_fmadd_pd(p, r, _mm256_set1_pd(P[0]));
-        const __m256d tail = _mm256_mul_pd(_mm256_mul_pd(r, r), _mm256_fmadd_pd(r, p, _mm256_set1_pd(-0.5)));
-        const __m256d hi = _mm256_fmadd_pd(k, _mm256_set1_pd(Ln2Hi), _mm256_i64gather_pd(LogC, i, 8));
-        const __m256d lo = _mm256_fmadd_pd(k, _mm256_set1_pd(Ln2Lo), tail);
-        const __m256d ln = _mm256_add_pd(hi, _mm256_add_pd(r, lo));
-        const __m128 result =
-            _mm256_cvtpd_ps(_mm256_mul_pd(_mm256_set1_pd(sign), _mm256_mul_pd(ln, _mm256_set1_pd(InvLn10))));
-        const __m128 present = _mm_cmp_ps(v, missing, _CMP_NEQ_UQ);
-        const __m256d normalWide = _mm256_and_pd(_mm256_cmp_pd(a, _mm256_set1_pd(DoubleMin), _CMP_GE_OQ),
-                                                 _mm256_cmp_pd(a, _mm256_set1_pd(DoubleMax), _CMP_LE_OQ));
-        const int normalBits = _mm256_movemask_pd(normalWide);
-        const int presentBits = _mm_movemask_ps(present);
-        const int storedBits = presentBits & normalBits & _mm_movemask_ps(_mm_cmp_ps(result, missing, _CMP_NEQ_UQ));
-        const int flagBits = presentBits & ~storedBits;
-        const __m128i storedMask = _mm_set_epi32(-((storedBits >> 3) & 1), -((storedBits >> 2) & 1),
-                                                 -((storedBits >> 1) & 1), -(storedBits & 1));
-        _mm_storeu_ps(out + j, _mm_blendv_ps(v, result, _mm_castsi128_ps(storedMask)));
-        const __m256i flagMask = _mm256_set_epi64x(-((flagBits >> 3) & 1), -((flagBits >> 2) & 1),
-                                                   -((flagBits >> 1) & 1), -(flagBits & 1));
-        _mm256_storeu_si256(reinterpret_cast<__m256i*>(flagged + j), _mm256_and_si256(flagMask, one));
-        count += __builtin_popcount(static_cast<unsigned>(flagBits));
-    }
-    return count + LogCellsScalar(x + j, out + j, c1 + j, c2 + j, sign, flagged + j, n - j);
-}
-#pragma GCC diagnostic pop
-#endif
-
-using LogCellsFunction = int (*)(const float*, float*, const double*, const double*, double, std::int64_t*, int);
-
-LogCellsFunction PickLogCells()
-{
-#ifdef VELTAN_LOG_VECTORS
-    __builtin_cpu_init();
-    if (__builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512dq") &&
-        __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512bw"))
-        return LogCells512;
-    if (__builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma"))
-        return LogCells256;
-#endif
-    return LogCellsScalar;
-}
-
-int LogCells(const float* x, float* out, const double* c1, const double* c2, double sign, std::int64_t* flagged, int n)
-{
-    static const LogCellsFunction chosen = PickLogCells();
-    return chosen(x, out, c1, c2, sign, flagged, n);
-}
-
 // Whether a Log or NegLog cell fails: its argument is not in (0, max], so
 // the log would be -inf or NaN.
 inline bool ArgumentFails(float v, double c1, double c2)
@@ -462,21 +435,6 @@ PassRange MakePassRange(double c1, double c2)
     return {-Inf, KeyFloat(failing)};
 }
 
-// Whether row x has a failing cell in columns 1 .. limit - 1. `logged` is
-// 1 for Log and NegLog columns and 0 for the others, which never fail,
-// whatever their cells hold.
-VELTAN_SIMD_CLONES bool AnyFailure(const float* __restrict x, const float* __restrict lo, const float* __restrict hi,
-                                   const float* __restrict logged, int limit)
-{
-    int any = 0;
-#pragma omp simd reduction(| : any)
-    for (int j = 1; j < limit; ++j) {
-        const float v = x[j];
-        any |= (logged[j] != 0.0f && v != fMisVal && !(lo[j] < v && v < hi[j])) ? 1 : 0;
-    }
-    return any != 0;
-}
-
 // The constants of every column as the vector loops read them.
 struct LogConstants {
     std::vector<double> c1, c2;
@@ -523,8 +481,9 @@ std::unique_ptr<NCTransformErrors> TransformLogRows(const std::vector<Coefficien
                     break;
                 const int j1 = std::min(run.j1, last);
                 const int w = j1 - run.j0 + 1;
-                const int count = LogCells(row + run.j0, buffer, lc.c1.data() + run.j0, lc.c2.data() + run.j0,
-                                           run.sign, flagged.data() + run.j0, w);
+                const int count =
+                    HWY_DYNAMIC_DISPATCH(LogCells)(row + run.j0, buffer, lc.c1.data() + run.j0, lc.c2.data() + run.j0,
+                                                   run.sign, flagged.data() + run.j0, w);
                 std::copy(buffer, buffer + w, row + run.j0);
                 if (count == 0)
                     continue;
@@ -548,7 +507,7 @@ int FirstFailingColumn(const LogConstants& lc, const NCDataMatrix<float>& m)
         // A row needs looking at only before the earliest failure this thread has seen.
         const int limit = std::min(first, c + 1);
         const float* x = m[i].GetVector();
-        if (!AnyFailure(x, lc.lo.data(), lc.hi.data(), lc.logged.data(), limit))
+        if (!HWY_DYNAMIC_DISPATCH(AnyFailure)(x, lc.lo.data(), lc.hi.data(), lc.logged.data(), limit))
             continue;
         for (int j = 1; j < limit; ++j)
             if (lc.logged[j] != 0.0f && LogFails(x[j], lc.c1[j], lc.c2[j])) {
@@ -679,3 +638,4 @@ void TransformMatrix(const std::vector<Coefficients>& k, NCDataMatrix<float>& m)
 }
 
 } // namespace NCTransformKernel
+#endif
