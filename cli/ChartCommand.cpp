@@ -47,8 +47,6 @@ std::string Shown(double v)
     return buffer;
 }
 
-ToolError Usage(const std::string& message) { return ToolError(message, ExitUsage); }
-
 // The checks that need no data: the options must make one chart.
 void CheckOptions(const ChartOptions& o)
 {

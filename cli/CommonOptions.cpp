@@ -38,6 +38,24 @@ CLI::Option* AddColumnsOption(CLI::App& command, std::vector<std::string>& colum
     return command.add_option("--column", columns, help)->type_name("NAME")->allow_extra_args(false)->required();
 }
 
+namespace {
+
+const std::map<std::string, FFT::DetrendMode> DetrendNames{
+    {"none", FFT::DetrendNone}, {"mean", FFT::DetrendMean}, {"linear", FFT::DetrendLinear}};
+
+} // namespace
+
+void AddDetrendOption(CLI::App& command, std::string& text)
+{
+    command.add_option("--detrend", text, "Remove from each series first: none, mean or linear")
+        ->check(CLI::IsMember({"none", "mean", "linear"}))
+        ->default_str("mean");
+}
+
+FFT::DetrendMode DetrendNamed(const std::string& name) { return DetrendNames.at(name); }
+
+std::string DetrendName(FFT::DetrendMode mode) { return NameOf(DetrendNames, mode); }
+
 void AddNamesOption(CLI::App& command, std::string& mode)
 {
     command

@@ -3,9 +3,11 @@
 #include "cli/CsvTable.h"
 
 #include "veltancmat/preprocess/NCScale.h"
+#include "veltancmat/signal/FFT.h"
 
 #include <CLI/CLI.hpp>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -30,6 +32,22 @@ CLI::Option* AddTableArgument(CLI::App& command, std::string& path);
 // --column NAME, repeatable and required, for the commands that read the
 // columns they are given.
 CLI::Option* AddColumnsOption(CLI::App& command, std::vector<std::string>& columns, const std::string& help);
+
+// The name `names` gives `value`; "" when none does.
+template <class Value>
+std::string NameOf(const std::map<std::string, Value>& names, Value value)
+{
+    for (const auto& [name, v] : names)
+        if (v == value)
+            return name;
+    return "";
+}
+
+// --detrend none|mean|linear (default mean) of the series commands, kept
+// as text; the mode its text names, and back.
+void AddDetrendOption(CLI::App& command, std::string& text);
+FFT::DetrendMode DetrendNamed(const std::string& name);
+std::string DetrendName(FFT::DetrendMode mode);
 
 // --names auto|first|none.
 void AddNamesOption(CLI::App& command, std::string& mode);

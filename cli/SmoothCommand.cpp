@@ -25,10 +25,6 @@ namespace {
 // Beyond this the monomials of the fit are too alike for float data: the
 // curve follows the noise and the weights lose their precision.
 constexpr int MaxOrder = 12;
-// A plot marks each value up to this many rows; longer series are drawn as
-// a thin line, which stays readable and keeps the file small.
-
-ToolError Usage(const std::string& message) { return ToolError(message, ExitUsage); }
 
 std::string OrderName(int order)
 {

@@ -21,19 +21,6 @@ namespace {
 
 const std::map<std::string, FFT::DataWindowMode> WindowNames{
     {"rect", FFT::Rectangular}, {"hann", FFT::Hann}, {"triangle", FFT::Triangular}, {"parabolic", FFT::Parabolic}};
-const std::map<std::string, FFT::DetrendMode> DetrendNames{
-    {"none", FFT::DetrendNone}, {"mean", FFT::DetrendMean}, {"linear", FFT::DetrendLinear}};
-
-template <class Value>
-std::string NameOf(const std::map<std::string, Value>& names, Value value)
-{
-    for (const auto& [name, v] : names)
-        if (v == value)
-            return name;
-    return "";
-}
-
-ToolError Usage(const std::string& message) { return ToolError(message, ExitUsage); }
 
 bool IsCorrelation(const SpectrumOptions& o) { return o.kind != SpectrumKind::Power; }
 
@@ -242,7 +229,7 @@ std::string SpectrumJson(const SpectrumResult& r, const SpectrumOptions& o, cons
     const bool power = o.kind == SpectrumKind::Power;
     doc["kind"] = power ? "power" : o.kind == SpectrumKind::Autocorrelation ? "autocorrelation" : "cross-correlation";
     doc["rows"] = r.rows;
-    doc["detrend"] = NameOf(DetrendNames, o.detrend);
+    doc["detrend"] = DetrendName(o.detrend);
     if (o.kind == SpectrumKind::CrossCorrelation)
         doc["other"] = o.other;
     if (power) {
@@ -362,9 +349,7 @@ class SpectrumCommand final : public TableCommand<SpectrumOptions> {
             command.add_option("--window", m_window, "The segments' window: rect, hann, triangle or parabolic")
                 ->check(CLI::IsMember({"rect", "hann", "triangle", "parabolic"}))
                 ->default_str("hann");
-        command.add_option("--detrend", m_detrend, "Remove from each series first: none, mean or linear")
-            ->check(CLI::IsMember({"none", "mean", "linear"}))
-            ->default_str("mean");
+        AddDetrendOption(command, m_detrend);
         AddNamesOption(command, m_names);
         AddOutputOption(command, "--out", m_options.outPath, "Write one row per lag or frequency as CSV", "FILE.csv");
         AddOutputOption(command, "--plot", m_options.plotPath,
@@ -401,7 +386,7 @@ class SpectrumCommand final : public TableCommand<SpectrumOptions> {
                             ": the segment length must be a power of two of at least 2 (2, 4, 8, ..., 1024, ...)");
         }
         m_options.window = WindowNames.at(m_window);
-        m_options.detrend = DetrendNames.at(m_detrend);
+        m_options.detrend = DetrendNamed(m_detrend);
         return RunSpectrum(m_options, out);
     }
 };

@@ -27,6 +27,9 @@ private:
     ExitCode m_code;
 };
 
+// A usage error: the options or the arguments are wrong (exit 2).
+inline ToolError Usage(const std::string& message) { return ToolError(message, ExitUsage); }
+
 // A name as error messages show it: in double quotes.
 inline std::string Quoted(const std::string& text)
 {

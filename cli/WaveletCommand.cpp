@@ -22,26 +22,8 @@ namespace veltan_cli {
 
 namespace {
 
-// A plot marks each value up to this many rows; longer series are drawn as
-// lines through at most this many points per curve (each point the mean
-// of its stretch of rows), which keeps the file small and the figure the
-// same to the eye.
-
-const std::map<std::string, FFT::DetrendMode> DetrendNames{
-    {"none", FFT::DetrendNone}, {"mean", FFT::DetrendMean}, {"linear", FFT::DetrendLinear}};
 const std::map<std::string, Wavelet::ThresholdMode> DenoiseNames{{"hard", Wavelet::HardThreshold},
                                                                  {"soft", Wavelet::SoftThreshold}};
-
-template <class Value>
-std::string NameOf(const std::map<std::string, Value>& names, Value value)
-{
-    for (const auto& [name, v] : names)
-        if (v == value)
-            return name;
-    return "";
-}
-
-ToolError Usage(const std::string& message) { return ToolError(message, ExitUsage); }
 
 std::string DetrendPhrase(FFT::DetrendMode mode)
 {
@@ -263,7 +245,7 @@ std::string WaveletJson(const WaveletResult& r, const WaveletOptions& o, const s
     doc["taps"] = r.taps;
     doc["orthogonal"] = r.orthogonal;
     doc["levels"] = r.levels;
-    doc["detrend"] = NameOf(DetrendNames, o.detrend);
+    doc["detrend"] = DetrendName(o.detrend);
     doc["denoise"] = o.denoise ? StatsJson(NameOf(DenoiseNames, *o.denoise)) : StatsJson(nullptr);
     StatsJson bands = StatsJson::array();
     for (int level = 1; level <= r.levels + 1; ++level)
@@ -401,9 +383,7 @@ class WaveletCommand final : public TableCommand<WaveletOptions> {
         command.add_option("--level", m_level, "Coarsest level J (default: the deepest whose smooth keeps a filter "
                                                "length of values)")
             ->type_name("J");
-        command.add_option("--detrend", m_detrend, "Remove from each series first: none, mean or linear")
-            ->check(CLI::IsMember({"none", "mean", "linear"}))
-            ->default_str("mean");
+        AddDetrendOption(command, m_detrend);
         command.add_option("--denoise", m_denoise, "Threshold the details at the universal threshold: soft or hard")
             ->check(CLI::IsMember({"soft", "hard"}))
             ->type_name("MODE");
@@ -424,7 +404,7 @@ class WaveletCommand final : public TableCommand<WaveletOptions> {
                 throw Usage("--level " + std::to_string(*m_level) + ": a wavelet transform has at least 1 level");
             m_options.level = *m_level;
         }
-        m_options.detrend = DetrendNames.at(m_detrend);
+        m_options.detrend = DetrendNamed(m_detrend);
         if (!m_denoise.empty())
             m_options.denoise = DenoiseNames.at(m_denoise);
         return RunWavelet(m_options, out);
