@@ -38,3 +38,18 @@ bool SameCells(const NCDataMatrix<T>& a, const NCDataMatrix<T>& b)
             return false;
     return true;
 }
+
+// Row i, or column j, all missing.
+template <class T>
+void MissRow(NCDataMatrix<T>& m, int i)
+{
+    for (int j = 1; j <= m.SizeColumns(); ++j)
+        m(i, j, NCDataMatrix<T>::MisVal);
+}
+
+template <class T>
+void MissColumn(NCDataMatrix<T>& m, int j)
+{
+    for (int i = 1; i <= m.SizeRows(); ++i)
+        m(i, j, NCDataMatrix<T>::MisVal);
+}

@@ -63,18 +63,6 @@ Vec Loading(int cols, unsigned seed)
     return p;
 }
 
-void MissRow(Mat& m, int i)
-{
-    for (int j = 1; j <= m.SizeColumns(); ++j)
-        m(i, j, -99.0f);
-}
-
-void MissColumn(Mat& m, int j)
-{
-    for (int i = 1; i <= m.SizeRows(); ++i)
-        m(i, j, -99.0f);
-}
-
 int CountMissing(const Vec& v)
 {
     int missing = 0;

@@ -10,6 +10,7 @@
 #include "veltancmat/models/NCPLS.h"
 #include "veltancmat/models/NipalsStart.h"
 
+#include "containers/MatrixChecks.h"
 #include "platform/OmpTeam.h"
 
 #include <gtest/gtest.h>
@@ -108,18 +109,6 @@ PlsFit TwoPassPls(Mat e, Mat f, int components, int maxIterations)
     fit.e = e;
     fit.f = f;
     return fit;
-}
-
-void MissRow(Mat& m, int i)
-{
-    for (int j = 1; j <= m.SizeColumns(); ++j)
-        m(i, j, -99.0f);
-}
-
-void MissColumn(Mat& m, int j)
-{
-    for (int i = 1; i <= m.SizeRows(); ++i)
-        m(i, j, -99.0f);
 }
 
 struct Table {

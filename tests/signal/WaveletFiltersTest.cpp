@@ -2,6 +2,8 @@
 #include "veltancmat/platform/NCError.h"
 #include "veltancmat/signal/WaveletFilters.h"
 
+#include "signal/AllWaveletFilters.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -13,21 +15,6 @@ namespace {
 using Taps = std::vector<double>;
 
 const double Sqrt2 = std::sqrt(2.0);
-
-// Every filter the library has.
-std::vector<WaveletFilters> AllFilters()
-{
-    std::vector<WaveletFilters> all;
-    for (int f = WaveletFilters::Beylkin; f <= WaveletFilters::Biorthogonal6; ++f) {
-        const auto family = static_cast<WaveletFilters::Family>(f);
-        const std::vector<int> parameters = WaveletFilters::Parameters(family);
-        if (parameters.empty())
-            all.emplace_back(family);
-        for (int p : parameters)
-            all.emplace_back(family, p);
-    }
-    return all;
-}
 
 // Sums in long double, so that what is measured is the table, not the sum.
 double Sum(const Taps& f)
@@ -68,7 +55,7 @@ void Moment(const Taps& f, int k, double centre, double& moment, double& scale)
 
 TEST(WaveletFilters, CatalogueHasTheAdvertisedMembers)
 {
-    const std::vector<WaveletFilters> all = AllFilters();
+    const std::vector<WaveletFilters> all = AllWaveletFilters();
     EXPECT_EQ(all.size(), 1u + 5u + 9u + 7u + 6u);
     for (const WaveletFilters& f : all) {
         EXPECT_EQ(f.GetLength() % 2, 0) << f.GetName();
@@ -90,7 +77,7 @@ TEST(WaveletFilters, CatalogueHasTheAdvertisedMembers)
 // The relations that make a filter bank invert itself, to double precision.
 TEST(WaveletFilters, PerfectReconstructionRelations)
 {
-    for (const WaveletFilters& f : AllFilters()) {
+    for (const WaveletFilters& f : AllWaveletFilters()) {
         const Taps &ha = f.AnalysisLowpass(), &ga = f.AnalysisHighpass();
         const Taps &hs = f.SynthesisLowpass(), &gs = f.SynthesisHighpass();
         const std::string name = f.GetName();
@@ -120,7 +107,7 @@ TEST(WaveletFilters, PerfectReconstructionRelations)
 // their centre.
 TEST(WaveletFilters, VanishingMoments)
 {
-    for (const WaveletFilters& f : AllFilters()) {
+    for (const WaveletFilters& f : AllWaveletFilters()) {
         const int p = f.GetVanishingMoments();
         double moment = 0.0, scale = 0.0;
         const double middle = (f.GetLength() - 1) / 2.0;

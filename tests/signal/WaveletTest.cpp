@@ -4,6 +4,8 @@
 
 #include "signal/fixtures/WaveletReference.inc"
 
+#include "signal/AllWaveletFilters.h"
+
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -42,20 +44,6 @@ Vec ReferenceSeries()
     Vec v;
     v.CopyZeroBasedVector(wref::Series, wref::Length);
     return v;
-}
-
-std::vector<WaveletFilters> AllFilters()
-{
-    std::vector<WaveletFilters> all;
-    for (int f = WaveletFilters::Beylkin; f <= WaveletFilters::Biorthogonal6; ++f) {
-        const auto family = static_cast<WaveletFilters::Family>(f);
-        const std::vector<int> parameters = WaveletFilters::Parameters(family);
-        if (parameters.empty())
-            all.emplace_back(family);
-        for (int p : parameters)
-            all.emplace_back(family, p);
-    }
-    return all;
 }
 
 double Peak(const Vec& v)
@@ -176,7 +164,7 @@ TEST(WaveletTransform, FastLevelsMatchThePlainDefinition)
 // longer than the level and wraps around it several times.
 TEST(WaveletTransform, PerfectReconstructionForEveryFilter)
 {
-    for (const WaveletFilters& f : AllFilters())
+    for (const WaveletFilters& f : AllWaveletFilters())
         for (int n : {2, 4, 8, 64, 1024}) {
             const Vec x = Noise(n, static_cast<unsigned>(n));
             for (int levels = 1; levels <= Wavelet::LevelsOfLength(n); ++levels) {
@@ -192,7 +180,7 @@ TEST(WaveletTransform, PerfectReconstructionForEveryFilter)
 TEST(WaveletEnergy, SharesAndSumsOfSquares)
 {
     const Vec x = Noise(512, 5);
-    for (const WaveletFilters& f : AllFilters()) {
+    for (const WaveletFilters& f : AllWaveletFilters()) {
         const Wavelet w(f, 6);
         const std::vector<double> sums = w.LevelSumsOfSquares(w.Forward(x));
         ASSERT_EQ(sums.size(), 7u);
